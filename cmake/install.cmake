@@ -1,0 +1,28 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS msmface EXPORT msmfaceTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+set(public_headers
+    ${CMAKE_SOURCE_DIR}/include/msmface/msmface.h
+    ${CMAKE_SOURCE_DIR}/include/msmface/export.h
+    ${MSMFACE_GENERATED_INCLUDE}/msmface/version.h)
+foreach(sub IN LISTS MSMFACE_SUBSYSTEMS)
+    file(GLOB sub_headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${sub}/include/msmface/*.h)
+    list(APPEND public_headers ${sub_headers})
+endforeach()
+install(FILES ${public_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/msmface)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/msmface)
+install(EXPORT msmfaceTargets NAMESPACE msmface:: DESTINATION ${config_dir})
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/msmfaceConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/msmfaceConfig.cmake INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/msmfaceConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/msmfaceConfig.cmake ${CMAKE_BINARY_DIR}/msmfaceConfigVersion.cmake
+    DESTINATION ${config_dir})
+
+configure_file(${CMAKE_SOURCE_DIR}/cmake/msmface.pc.in ${CMAKE_BINARY_DIR}/msmface.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/msmface.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,10 @@
+// Umbrella header: a host includes this one file to reach the whole public interface.
+#ifndef MSMFACE_MSMFACE_H
+#define MSMFACE_MSMFACE_H
+
+#include <msmface/export.h>
+#include <msmface/version.h>
+#include <msmface/numeric.h>
+#include <msmface/BasicImage.h>
+
+#endif  // MSMFACE_MSMFACE_H
