@@ -25,7 +25,9 @@ int roundUp(int n, int block) {
     return r > std::numeric_limits<int32_t>::max() ? -1 : static_cast<int>(r);
 }
 
-int keptCount(int limit, int n) { return limit > 0 && limit < n ? limit : n; }
+int keptCount(int limit, int n) {
+    return limit > 0 && limit < n ? limit : n;
+}
 
 bool holdsNaN(const float* v, int n) {
     for (int i = 0; i < n; ++i)
@@ -35,9 +37,13 @@ bool holdsNaN(const float* v, int n) {
 
 }  // namespace
 
-DicPrim::DicPrim(int d, int n, int m) { Allocate(d, n, m); }
+DicPrim::DicPrim(int d, int n, int m) {
+    Allocate(d, n, m);
+}
 
-DicPrim::~DicPrim() { Release(); }
+DicPrim::~DicPrim() {
+    Release();
+}
 
 void DicPrim::Release() {
     msm::freeRows(drows);
@@ -76,15 +82,15 @@ int DicPrim::Allocate(int d, int n, int m) {
             break;
         case kDicPrimShort:
             paddedLength = roundUp(d, kShortBlock);
-            srows = paddedLength < 0 ? nullptr
-                                     : msm::allocateRows<short>(n, paddedLength, kShortAlign);
+            srows =
+                paddedLength < 0 ? nullptr : msm::allocateRows<short>(n, paddedLength, kShortAlign);
             ok = srows != nullptr;
             break;
         case kDicPrimAlignedFloat:
             // Padding is cleared too, so that copies and wide loads never see stale bytes.
             paddedLength = roundUp(d, kFloatBlock);
-            arows = paddedLength < 0 ? nullptr
-                                     : msm::allocateRows<float>(n, paddedLength, kFloatAlign);
+            arows =
+                paddedLength < 0 ? nullptr : msm::allocateRows<float>(n, paddedLength, kFloatAlign);
             ok = arows != nullptr;
             break;
         default:
@@ -209,20 +215,27 @@ int DicPrim::WriteRecord(std::FILE* f, int limit, int m) const {
     int64_t size = kRecordHeaderBytes + int64_t{4} * n * dim;
     if (n < 0 || dim < 0 || size > std::numeric_limits<int32_t>::max()) return 0;
     if (n > 0 && allocatedRows < n) return 0;
-    const bool present = (m == kDicPrimDouble && drows != nullptr) ||
-                         (m == kDicPrimFloat && frows != nullptr) ||
-                         (m == kDicPrimShort && srows != nullptr) ||
-                         (m == kDicPrimAlignedFloat && arows != nullptr);
+    const bool present =
+        (m == kDicPrimDouble && drows != nullptr) || (m == kDicPrimFloat && frows != nullptr) ||
+        (m == kDicPrimShort && srows != nullptr) || (m == kDicPrimAlignedFloat && arows != nullptr);
     if (n > 0 && !present) return 0;
     std::vector<float> values(static_cast<std::size_t>(n) * dim);
     for (int i = 0; i < n; ++i) {
         float* out = values.data() + static_cast<std::size_t>(i) * dim;
         for (int k = 0; k < dim; ++k) {
             switch (m) {
-                case kDicPrimDouble: out[k] = static_cast<float>(drows[i][k]); break;
-                case kDicPrimFloat: out[k] = frows[i][k]; break;
-                case kDicPrimShort: out[k] = msm::fromQ14(srows[i][k]); break;
-                default: out[k] = arows[i][k]; break;
+                case kDicPrimDouble:
+                    out[k] = static_cast<float>(drows[i][k]);
+                    break;
+                case kDicPrimFloat:
+                    out[k] = frows[i][k];
+                    break;
+                case kDicPrimShort:
+                    out[k] = msm::fromQ14(srows[i][k]);
+                    break;
+                default:
+                    out[k] = arows[i][k];
+                    break;
             }
         }
     }

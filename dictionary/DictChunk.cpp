@@ -16,7 +16,9 @@ constexpr int kReadOne = 2;
 
 }  // namespace
 
-DictChunk::~DictChunk() { Release(); }
+DictChunk::~DictChunk() {
+    Release();
+}
 
 void DictChunk::Release() {
     delete[] prims;
@@ -58,7 +60,9 @@ int DictChunk::Read(const char* path, int how, int skip, int index) {
     return ReadBytes(bytes.data(), bytes.size(), how, skip, index);
 }
 
-int DictChunk::ReadAll(const char* path) { return Read(path, kReadAll, 0, 0); }
+int DictChunk::ReadAll(const char* path) {
+    return Read(path, kReadAll, 0, 0);
+}
 
 int DictChunk::ReadBytes(const unsigned char* data, std::size_t size, int how, int skip,
                          int index) {

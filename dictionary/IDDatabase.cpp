@@ -83,7 +83,9 @@ void IDDatabase::FreeHumanID() {
     capacity_ = 0;
 }
 
-int IDDatabase::ReallocHumanID(int) { return 1; }
+int IDDatabase::ReallocHumanID(int) {
+    return 1;
+}
 
 void IDDatabase::ReleaseProjected(int inside) {
     delete[] projected[inside];
@@ -95,7 +97,9 @@ void IDDatabase::SetDicPath(char* path) {
     std::snprintf(dicPath, sizeof dicPath, "%s", path);
 }
 
-char* IDDatabase::GetDicPath() { return dicPath; }
+char* IDDatabase::GetDicPath() {
+    return dicPath;
+}
 
 int IDDatabase::InitIdDictionary(int n) {
     if (n < 0 || n > capacity_) return 0;
@@ -224,7 +228,9 @@ void IDDatabase::FreeNewKeyname() {
     newKeyname = nullptr;
 }
 
-char* IDDatabase::GetNewKeyname() { return newKeyname; }
+char* IDDatabase::GetNewKeyname() {
+    return newKeyname;
+}
 
 int IDDatabase::ResetOneDictionary(int inside) {
     if (inside < 0 || inside >= capacity_) return 0;
@@ -242,7 +248,9 @@ int IDDatabase::AddNewDictionary(HumanID* h) {
     return 1;
 }
 
-int IDDatabase::GetAllNum() { return count; }
+int IDDatabase::GetAllNum() {
+    return count;
+}
 
 int IDDatabase::GetMaxIDNum() {
     int best = 0;
@@ -286,4 +294,6 @@ void IDDatabase::MaskArrayOff(int inside) {
     if (inside >= 0 && inside < capacity_) mask[inside] = 0;
 }
 
-void IDDatabase::SetNumCS(int n) { numCS = n; }
+void IDDatabase::SetNumCS(int n) {
+    numCS = n;
+}

@@ -13,11 +13,15 @@ namespace {
 // The size field counts the header and the elements plus four bytes more than follow it.
 constexpr int64_t kSizeFieldExtra = 4 + static_cast<int64_t>(msm::kMatrixHeaderChars);
 
-int64_t packedElements(int64_t order) { return order + order * (order - 1) / 2; }
+int64_t packedElements(int64_t order) {
+    return order + order * (order - 1) / 2;
+}
 
 }  // namespace
 
-MrxPrim::~MrxPrim() { Release(); }
+MrxPrim::~MrxPrim() {
+    Release();
+}
 
 void MrxPrim::Release() {
     std::free(elements);

@@ -17,7 +17,9 @@ constexpr int kReadOne = 2;
 
 }  // namespace
 
-MtrxChunk::~MtrxChunk() { Release(); }
+MtrxChunk::~MtrxChunk() {
+    Release();
+}
 
 void MtrxChunk::Release() {
     delete[] prims;
@@ -47,7 +49,9 @@ int MtrxChunk::Read(const char* path, int how, int skip, int index) {
     return ReadBytes(bytes.data(), bytes.size(), how, skip, index);
 }
 
-int MtrxChunk::ReadAll(const char* path) { return Read(path, kReadAll, 0, 0); }
+int MtrxChunk::ReadAll(const char* path) {
+    return Read(path, kReadAll, 0, 0);
+}
 
 int MtrxChunk::ReadBytes(const unsigned char* data, std::size_t size, int how, int skip,
                          int index) {

@@ -46,7 +46,9 @@ AtomicFile::AtomicFile(const char* target) {
     }
 }
 
-AtomicFile::~AtomicFile() { Abandon(); }
+AtomicFile::~AtomicFile() {
+    Abandon();
+}
 
 void AtomicFile::Abandon() {
     if (stream_ != nullptr) {
@@ -79,6 +81,8 @@ bool writeAll(std::FILE* f, const void* data, std::size_t n) {
     return n == 0 || std::fwrite(data, 1, n, f) == n;
 }
 
-bool writeInt32(std::FILE* f, int32_t v) { return writeAll(f, &v, sizeof v); }
+bool writeInt32(std::FILE* f, int32_t v) {
+    return writeAll(f, &v, sizeof v);
+}
 
 }  // namespace msm

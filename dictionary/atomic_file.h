@@ -10,7 +10,7 @@
 namespace msm {
 
 class AtomicFile {
-public:
+  public:
     // Creates the temporary "<target>.tmpXXXXXX". stream() is null when that fails.
     explicit AtomicFile(const char* target);
     // Removes the temporary unless Commit succeeded.
@@ -24,7 +24,7 @@ public:
     // temporary is removed and the target is as it was.
     bool Commit();
 
-private:
+  private:
     void Abandon();
 
     std::string target_;

@@ -16,8 +16,8 @@ namespace msm {
 bool countFits(int64_t count, int64_t unitBytes, std::size_t available) {
     if (count < 0 || unitBytes < 0) return false;
     if (count == 0 || unitBytes == 0) return true;
-    return static_cast<uint64_t>(count) <= static_cast<uint64_t>(available) /
-                                               static_cast<uint64_t>(unitBytes);
+    return static_cast<uint64_t>(count) <=
+           static_cast<uint64_t>(available) / static_cast<uint64_t>(unitBytes);
 }
 
 bool readWholeFile(const char* path, std::vector<unsigned char>& out) {
@@ -52,7 +52,9 @@ bool ByteReader::readBytes(void* dst, std::size_t n) {
     return true;
 }
 
-bool ByteReader::readInt32(int32_t& v) { return readBytes(&v, sizeof v); }
+bool ByteReader::readInt32(int32_t& v) {
+    return readBytes(&v, sizeof v);
+}
 
 bool ByteReader::readFloats(float* dst, std::size_t n) {
     if (!fits(static_cast<int64_t>(n), sizeof(float))) return false;
@@ -73,7 +75,9 @@ bool ByteReader::skip(std::size_t n) {
 TextReader::TextReader(const unsigned char* data, std::size_t size)
     : text_(reinterpret_cast<const char*>(data), size) {}
 
-std::size_t TextReader::remaining() const { return text_.size() - pos_; }
+std::size_t TextReader::remaining() const {
+    return text_.size() - pos_;
+}
 
 bool TextReader::readInt(int32_t& v) {
     const char* start = text_.c_str() + pos_;
@@ -90,6 +94,15 @@ bool TextReader::readDouble(double& v) {
     const char* start = text_.c_str() + pos_;
     char* end = nullptr;
     v = std::strtod(start, &end);
+    if (end == start) return false;
+    pos_ += static_cast<std::size_t>(end - start);
+    return true;
+}
+
+bool TextReader::readFloat(float& v) {
+    const char* start = text_.c_str() + pos_;
+    char* end = nullptr;
+    v = std::strtof(start, &end);
     if (end == start) return false;
     pos_ += static_cast<std::size_t>(end - start);
     return true;

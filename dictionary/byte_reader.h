@@ -24,7 +24,7 @@ bool readWholeFile(const char* path, std::vector<unsigned char>& out);
 // Little-endian cursor over bytes in memory; every read checks what is left and fails instead of
 // going past the end (the position is then unchanged).
 class ByteReader {
-public:
+  public:
     ByteReader(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
 
     std::size_t remaining() const { return size_ - pos_; }
@@ -39,7 +39,7 @@ public:
     bool readDoubles(double* dst, std::size_t n);
     bool skip(std::size_t n);
 
-private:
+  private:
     const unsigned char* data_;
     std::size_t size_;
     std::size_t pos_ = 0;
@@ -48,15 +48,16 @@ private:
 // Cursor over a text file's characters in the manner of "%d" and "%lf": leading white space is
 // skipped, a number that does not parse (or an integer out of the int32 range) fails.
 class TextReader {
-public:
+  public:
     TextReader(const unsigned char* data, std::size_t size);
 
     // Bytes not yet consumed: each further number needs at least one of them.
     std::size_t remaining() const;
     bool readInt(int32_t& v);
     bool readDouble(double& v);
+    bool readFloat(float& v);
 
-private:
+  private:
     std::string text_;
     std::size_t pos_ = 0;
 };

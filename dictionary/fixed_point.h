@@ -19,7 +19,9 @@ inline short toQ14(double value) {
     return static_cast<short>(static_cast<uint16_t>(static_cast<uint32_t>(wide) & 0xffffu));
 }
 
-inline float fromQ14(short value) { return static_cast<float>(value) / kQ14Scale; }
+inline float fromQ14(short value) {
+    return static_cast<float>(value) / kQ14Scale;
+}
 
 }  // namespace msm
 

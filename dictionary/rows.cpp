@@ -11,6 +11,8 @@ void* allocateBlock(std::size_t bytes, std::size_t align) {
     return p;
 }
 
-void reportNoMemory() { std::fprintf(stderr, "\n%s\n", "cannot malloc."); }
+void reportNoMemory() {
+    std::fprintf(stderr, "\n%s\n", "cannot malloc.");
+}
 
 }  // namespace msm

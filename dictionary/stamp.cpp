@@ -24,7 +24,8 @@ constexpr unsigned char kScrambleOffset = 40;
 
 DateStamp stampFromReading(const ClockReading& r) {
     int year = r.year2 < 98 ? 2000 + r.year2 : 1900 + r.year2;
-    return DateStamp{(year * 100 + r.month) * 100 + r.day, (r.hour * 100 + r.minute) * 100 + r.second};
+    return DateStamp{(year * 100 + r.month) * 100 + r.day,
+                     (r.hour * 100 + r.minute) * 100 + r.second};
 }
 
 DateStamp currentStamp() {
@@ -32,11 +33,14 @@ DateStamp currentStamp() {
     return stampFromReading(source != nullptr ? source() : localClock());
 }
 
-void setClockSource(ClockSource source) { g_clock.store(source); }
+void setClockSource(ClockSource source) {
+    g_clock.store(source);
+}
 
 void scrambleText(const char* text, std::size_t n, unsigned char* out) {
     for (std::size_t i = 0; i < n; ++i)
-        out[i] = static_cast<unsigned char>(static_cast<unsigned char>(text[n - 1 - i]) + kScrambleOffset);
+        out[i] = static_cast<unsigned char>(static_cast<unsigned char>(text[n - 1 - i]) +
+                                            kScrambleOffset);
 }
 
 void unscrambleText(const unsigned char* in, std::size_t n, char* text) {
