@@ -57,11 +57,6 @@ void freeSets(T***& sets, int outer, int inner) {
     sets = nullptr;
 }
 
-// Filler after vector k: one more than the (k mod 10)-th header digit.
-int fillerLength(const char (&text)[kHeaderChars], int k) {
-    return text[k % 10] - '0' + 1;
-}
-
 bool allDigits(const char* text, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i)
         if (text[i] < '0' || text[i] > '9') return false;
@@ -75,6 +70,9 @@ int fieldValue(const char* text) {
 }
 
 }  // namespace
+
+// One more than the (k mod 10)-th header digit.
+int csFillerLength(const char* headerText, int k) { return headerText[k % 10] - '0' + 1; }
 
 CCSDImage::~CCSDImage() {
     Release();
@@ -217,7 +215,7 @@ int CCSDImage::ReadBytes(const unsigned char* data, std::size_t size, int limit,
         if (!Allocate(0, 0, d, kept, mode)) return 0;
         std::vector<unsigned char> record(static_cast<std::size_t>(d) * valueBytes);
         for (int k = 0; k < kept; ++k) {
-            if (!in.readBytes(record.data(), record.size()) || !in.skip(fillerLength(text, k))) {
+            if (!in.readBytes(record.data(), record.size()) || !in.skip(csFillerLength(text, k))) {
                 ReleaseRows();
                 return 0;
             }
@@ -287,7 +285,7 @@ int CCSDImage::WriteBinary(const char* path, int limit, int mode) const {
         std::memcpy(filler.data(), values.data(),
                     std::min(filler.size(), values.size() * sizeof(float)));
         ok = msm::writeAll(f, values.data(), values.size() * sizeof(float)) &&
-             msm::writeAll(f, filler.data(), fillerLength(digits, k));
+             msm::writeAll(f, filler.data(), csFillerLength(digits, k));
     }
     return ok && file.Commit() ? 1 : 0;
 }

@@ -75,4 +75,8 @@ class CCSDImage {
     bool StoreAt(int mode, int k, int i, double value);
 };
 
+// Filler bytes after vector k of a binary file whose unscrambled header is headerText (ten
+// digits).
+int csFillerLength(const char* headerText, int k);
+
 #endif  // MSMFACE_DICTIONARY_CCSDIMAGE_H
