@@ -72,7 +72,9 @@ int fieldValue(const char* text) {
 }  // namespace
 
 // One more than the (k mod 10)-th header digit.
-int csFillerLength(const char* headerText, int k) { return headerText[k % 10] - '0' + 1; }
+int csFillerLength(const char* headerText, int k) {
+    return headerText[k % 10] - '0' + 1;
+}
 
 CCSDImage::~CCSDImage() {
     Release();

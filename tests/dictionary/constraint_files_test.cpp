@@ -15,15 +15,26 @@ using msmtest::ReadBytes;
 using msmtest::ScratchDir;
 using msmtest::WriteBytes;
 
-float ValueOf(int k, int i) { return (k * 5 + i) / 32.0f - 1.0f; }
+float ValueOf(int k, int i) {
+    return (k * 5 + i) / 32.0f - 1.0f;
+}
 
 double ValueIn(const CCSDImage& img, int mode, int k, int i) {
     switch (mode) {
-        case 1: case 4: return img.drows[k][i];
-        case 2: case 5: return img.frows[k][i];
-        case 3: case 6: return msm::fromQ14(img.srows[k][i]);
-        case 7: case 8: return img.afrows[k][i];
-        default: return msm::fromQ14(img.asrows[k][i]);
+        case 1:
+        case 4:
+            return img.drows[k][i];
+        case 2:
+        case 5:
+            return img.frows[k][i];
+        case 3:
+        case 6:
+            return msm::fromQ14(img.srows[k][i]);
+        case 7:
+        case 8:
+            return img.afrows[k][i];
+        default:
+            return msm::fromQ14(img.asrows[k][i]);
     }
 }
 
@@ -88,7 +99,7 @@ TEST(CsFile, LayoutsKeepTheWholeBlockPadding) {
     ASSERT_EQ(img.Allocate(0, 0, 16, 3, 8), 1);  // added beside the short rows
     ASSERT_NE(img.asrows, nullptr);
     ASSERT_NE(img.afrows, nullptr);
-    EXPECT_EQ(img.asrows[0][31], 0);  // (16/32 + 1) * 32 values
+    EXPECT_EQ(img.asrows[0][31], 0);     // (16/32 + 1) * 32 values
     EXPECT_EQ(img.afrows[0][31], 0.0f);  // (16/16 + 1) * 16 values
     for (int i = 3; i < 16; ++i) EXPECT_EQ(img.afrows[i], nullptr);
     ASSERT_EQ(img.Allocate(0, 0, 16, 3, 1), 1);  // releases the others
@@ -122,10 +133,13 @@ TEST(CsFile, CountsAboveTenThousandAndBrokenFilesAreRejected) {
     std::string text = "10001 2\n";
     for (int i = 0; i < 2 * 10001; ++i) text += "0 ";
     CCSDImage in;
-    EXPECT_EQ(in.ReadBytes(reinterpret_cast<const unsigned char*>(text.data()), text.size(), 0, 2), 0);
-    const std::vector<std::string> bad = {"-1 2\n", "2 -2\n", "2 2 1 2 3\n", "x", "", "3 100000000\n1"};
+    EXPECT_EQ(in.ReadBytes(reinterpret_cast<const unsigned char*>(text.data()), text.size(), 0, 2),
+              0);
+    const std::vector<std::string> bad = {"-1 2\n", "2 -2\n", "2 2 1 2 3\n",
+                                          "x",      "",       "3 100000000\n1"};
     for (const std::string& t : bad)
-        EXPECT_EQ(in.ReadBytes(reinterpret_cast<const unsigned char*>(t.data()), t.size(), 0, 2), 0) << t;
+        EXPECT_EQ(in.ReadBytes(reinterpret_cast<const unsigned char*>(t.data()), t.size(), 0, 2), 0)
+            << t;
     std::string binaryCount = "1000100001";
     std::vector<unsigned char> b = {'C', 'S', 'F'};
     for (int i = 9; i >= 0; --i) b.push_back(static_cast<unsigned char>(binaryCount[i] + 40));
@@ -143,7 +157,9 @@ TEST(CsFile, CountsAboveTenThousandAndBrokenFilesAreRejected) {
     EXPECT_EQ(in.Read("/nonexistent/v.cs", 0, 2), 0);
 }
 
-msm::ClockReading Stamp() { return {12, 31, 7, 23, 59, 58}; }
+msm::ClockReading Stamp() {
+    return {12, 31, 7, 23, 59, 58};
+}
 
 void FillCov(CCOVImage& c, int order, int number, int m) {
     ASSERT_EQ(c.Allocate(order), 1);
@@ -178,7 +194,8 @@ TEST(CovFile, BinaryLayoutOfBothKinds) {
     ASSERT_EQ(b.size(), 27u + 5 + 2 + 4 * 10);
     EXPECT_EQ(std::string(b.begin(), b.begin() + 3), "MOV");
     const char* digits = "M0007";
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(b[27 + i], static_cast<unsigned char>(digits[i] + 2 * (i + 17)));
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(b[27 + i], static_cast<unsigned char>(digits[i] + 2 * (i + 17)));
     EXPECT_EQ(b[32], b[3]);  // fillers copy the scrambled header's start
     EXPECT_EQ(b[33], b[4]);
 }

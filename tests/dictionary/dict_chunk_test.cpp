@@ -22,7 +22,9 @@ using msmtest::ScratchDir;
 using msmtest::WriteBytes;
 
 // Values that Q14 holds exactly, different in every primitive, vector and component.
-float ValueOf(int p, int k, int i) { return (p * 7 + k * 3 + i) / 64.0f - 0.5f; }
+float ValueOf(int p, int k, int i) {
+    return (p * 7 + k * 3 + i) / 64.0f - 0.5f;
+}
 
 void Fill(DictChunk& chunk, int prims, int count, int dim, int mode) {
     ASSERT_EQ(chunk.Allocate(prims), 1);
@@ -33,10 +35,18 @@ void Fill(DictChunk& chunk, int prims, int count, int dim, int mode) {
             for (int i = 0; i < dim; ++i) {
                 float v = ValueOf(p, k, i);
                 switch (mode) {
-                    case 1: prim.drows[k][i] = v; break;
-                    case 2: prim.frows[k][i] = v; break;
-                    case 3: prim.srows[k][i] = msm::toQ14(v); break;
-                    default: prim.arows[k][i] = v; break;
+                    case 1:
+                        prim.drows[k][i] = v;
+                        break;
+                    case 2:
+                        prim.frows[k][i] = v;
+                        break;
+                    case 3:
+                        prim.srows[k][i] = msm::toQ14(v);
+                        break;
+                    default:
+                        prim.arows[k][i] = v;
+                        break;
                 }
             }
         chunk.tags[p] = 100 + p;
@@ -45,10 +55,14 @@ void Fill(DictChunk& chunk, int prims, int count, int dim, int mode) {
 
 float ValueIn(const DicPrim& prim, int k, int i) {
     switch (prim.mode) {
-        case 1: return static_cast<float>(prim.drows[k][i]);
-        case 2: return prim.frows[k][i];
-        case 3: return msm::fromQ14(prim.srows[k][i]);
-        default: return prim.arows[k][i];
+        case 1:
+            return static_cast<float>(prim.drows[k][i]);
+        case 2:
+            return prim.frows[k][i];
+        case 3:
+            return msm::fromQ14(prim.srows[k][i]);
+        default:
+            return prim.arows[k][i];
     }
 }
 
@@ -178,8 +192,8 @@ TEST(DictChunk, ReadOneSkipsRecordsAndLeavesTheOthersEmpty) {
     EXPECT_EQ(in.prims[0].count, 0);
     ASSERT_EQ(in.prims[2].count, 4);
     EXPECT_EQ(in.prims[2].frows[3][2], ValueOf(1, 3, 2));
-    EXPECT_EQ(in.ReadBytes(b.data(), b.size(), 2, 0, 3), 0);   // index past the count
-    EXPECT_EQ(in.ReadBytes(b.data(), b.size(), 2, 3, 0), 0);   // skips past the end
+    EXPECT_EQ(in.ReadBytes(b.data(), b.size(), 2, 0, 3), 0);  // index past the count
+    EXPECT_EQ(in.ReadBytes(b.data(), b.size(), 2, 3, 0), 0);  // skips past the end
     EXPECT_EQ(in.ReadBytes(b.data(), b.size(), 2, -1, 0), 0);
     EXPECT_EQ(in.count, 0);
 }
@@ -199,13 +213,12 @@ TEST(DictChunk, MalformedFilesAreRejectedAndLeaveTheChunkUsable) {
         return b;
     };
     std::vector<std::vector<unsigned char>> bad = {
-        patched(3, 0x7fffffff),    // primitive count beyond the file
-        patched(3, -1),
-        patched(7, 12 + 4 * 6 + 4),  // size field that lies
-        patched(15, -2),            // negative vector count
-        patched(15, 0x40000000),    // vector count beyond the file
-        patched(19, 0x7fffffff),    // dimension beyond the file
-        patched(19, 0),             // vectors of no values
+        patched(3, 0x7fffffff),                               // primitive count beyond the file
+        patched(3, -1),          patched(7, 12 + 4 * 6 + 4),  // size field that lies
+        patched(15, -2),                                      // negative vector count
+        patched(15, 0x40000000),                              // vector count beyond the file
+        patched(19, 0x7fffffff),                              // dimension beyond the file
+        patched(19, 0),                                       // vectors of no values
     };
     bad.push_back(good);
     bad.back()[2] = 'X';

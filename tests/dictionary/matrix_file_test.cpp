@@ -12,11 +12,15 @@ using msmtest::ReadBytes;
 using msmtest::ScratchDir;
 using msmtest::WriteBytes;
 
-msm::ClockReading NewYearsEve() { return {12, 31, 7, 23, 59, 58}; }
-msm::ClockReading EarlyMorning() { return {1, 2, 98, 0, 5, 9}; }
+msm::ClockReading NewYearsEve() {
+    return {12, 31, 7, 23, 59, 58};
+}
+msm::ClockReading EarlyMorning() {
+    return {1, 2, 98, 0, 5, 9};
+}
 
 class FixedClock {
-public:
+  public:
     explicit FixedClock(msm::ClockSource source) { msm::setClockSource(source); }
     ~FixedClock() { msm::setClockSource(nullptr); }
 };
@@ -55,8 +59,7 @@ TEST(MatrixFile, Order256RecordHeaderIsExact) {
     EXPECT_EQ(std::string(b.begin(), b.begin() + 3), "MCK");
     EXPECT_EQ(Int32At(b, 3), 1);
     EXPECT_EQ(Int32At(b, 7), 131612);
-    EXPECT_EQ(std::string(b.begin() + 11, b.begin() + 35),
-              Scrambled("000500025620071231235958"));
+    EXPECT_EQ(std::string(b.begin() + 11, b.begin() + 35), Scrambled("000500025620071231235958"));
     EXPECT_EQ(out.prims[0].date, 20071231);
     EXPECT_EQ(out.prims[0].time, 235958);
 }

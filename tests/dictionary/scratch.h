@@ -17,7 +17,7 @@ namespace msmtest {
 
 // A fresh folder, removed with its files afterwards.
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         const char* base = std::getenv("MSMFACE_TEST_TMP");
         std::string root = base != nullptr ? base : "/tmp";
@@ -45,7 +45,7 @@ public:
         return names;
     }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -56,7 +56,8 @@ inline std::vector<unsigned char> ReadBytes(const std::string& path) {
 
 inline void WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
 inline int32_t Int32At(const std::vector<unsigned char>& b, std::size_t at) {
