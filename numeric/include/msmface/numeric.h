@@ -62,17 +62,19 @@ MSMFACE_API void free_smatrix(short** a);
 // ---------------------------------------------------------------------------------------------
 
 // Prints n elements, a line break after every perLine of them and a closing line break when the
-// last line is incomplete. requires: perLine >= 1.
+// last line is incomplete; n <= 0 prints nothing, perLine <= 0 prints all n on one line.
+// requires: fmt is a printf format for one double.
 MSMFACE_API void vecprint(float* v, int n, int perLine, char* fmt);
-// Prints every row up to the terminator as vecprint does; when cols > perLine an empty line
-// follows each row.
+// Prints every row up to the terminator as vecprint does; when cols > perLine (and perLine > 0)
+// an empty line follows each row. A null or empty matrix prints nothing.
 MSMFACE_API void matprint(float** a, int cols, int perLine, char* fmt);
 // Prints rows x cols elements, each followed by two spaces, a line break after each row.
 MSMFACE_API void matshow(float** a, int rows, int cols, char* fmt);
 
 // Diagnostic dump of an eigen problem: n*n lines "a[%d][%d] %g", then n lines "d[%d] %g" and n
-// lines "e[%d] %g", into the text file at path. If the file cannot be opened the process exits
-// with status 0 and no message: kept, hosts built around this dump rely on it.
+// lines "e[%d] %g", into the text file at path (any length). If the file cannot be opened (a null
+// or empty path included) the process exits with status 0 and no message: kept, hosts built
+// around this dump rely on it. requires: a is n x n, d and e hold n values.
 MSMFACE_API void printdumplog(int n, float** a, float* d, float* e, char* path);
 MSMFACE_API void printdumplog(int n, double** a, double* d, double* e, char* path);
 
@@ -98,11 +100,15 @@ inline void printdumplog(int n, double** a, double* d, double* e, const char* pa
 // ---------------------------------------------------------------------------------------------
 
 // In-place LU decomposition with scaled partial pivoting; rows are never moved, the permutation
-// is kept in ip. Returns the determinant, 0 for a singular matrix (a zero row returns at once).
+// is kept in ip. Returns the determinant, 0 for a singular matrix (a zero row returns at once,
+// leaving a untouched), 1 for n < 1. When the scratch weights cannot be allocated it reports
+// "cannot malloc." and goes on pivoting on unscaled magnitudes.
 // requires: a is n x n, ip holds n ints.
 MSMFACE_API float lu(int n, float** a, int* ip);
 // Inverse through lu; a is destroyed (it holds the factors afterwards). Returns the determinant;
-// when it is exactly 0, a_inv is left untouched. requires: a and a_inv n x n, distinct.
+// when it is exactly 0, a_inv is left untouched. When the permutation cannot be allocated it
+// reports "cannot malloc" and returns 0 with a and a_inv untouched.
+// requires: a and a_inv n x n, distinct.
 MSMFACE_API float matinv(int n, float** a, float** a_inv);
 // b[i][j] = a[j][i]. Always returns 0.0: kept, it has never returned a trace and no caller may
 // rely on one. requires: a and b n x n, distinct.
@@ -129,11 +135,12 @@ MSMFACE_API int32_t innerproductShort(int n, short* x, short* y);
 MSMFACE_API float calclen(int n, float* x, float* y);
 
 // n rounded up to the next multiple of 16 (a multiple of 16 is unchanged; negative n: -5 -> 16,
-// -20 -> 0).
+// -20 -> 0). Above INT_MAX - 15 there is no multiple to round to: the result wraps to INT_MIN.
 MSMFACE_API int MMX16Size(int n);
 // Dot product of two 16-bit vectors with packed multiply-add; wraps modulo 2^32. The SIMD path is
-// chosen once from the CPU's features; every path gives the same result.
-// requires: x and y 16-byte aligned (the short allocators give 32); n a positive multiple of 32.
+// chosen once from the CPU's features; every path gives the same result. Fastest with 16-byte
+// aligned arrays (the short allocators give 32) and n a multiple of 32, but any n is summed
+// exactly over its n elements and n <= 0 gives 0. requires: x and y hold n elements.
 MSMFACE_API int32_t mmxdotp(short* x, short* y, int n);
 
 // ---------------------------------------------------------------------------------------------
