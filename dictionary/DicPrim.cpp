@@ -171,7 +171,8 @@ int DicPrim::ReadRecord(msm::ByteReader& in, int limit, int m) {
         count = 0;
         return 0;
     }
-    std::vector<float> row(static_cast<std::size_t>(d));
+    // Sized only when vectors follow: with none, d is not bounded by the file.
+    std::vector<float> row(kept > 0 ? static_cast<std::size_t>(d) : 0);
     int consumed = 0;  // vectors taken off the input
     bool sawNaN = false;
     for (int i = 0; i < kept; ++i) {

@@ -1,6 +1,7 @@
 #include "dictionary/atomic_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,6 +17,31 @@ std::string directoryOf(const std::string& path) {
     if (slash == std::string::npos) return ".";
     if (slash == 0) return "/";
     return path.substr(0, slash);
+}
+
+// The process umask, read without changing it (umask() would race with other threads).
+mode_t currentUmask() {
+    mode_t mask = 022;
+    if (std::FILE* f = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        unsigned value = 0;
+        while (std::fgets(line, sizeof line, f) != nullptr)
+            if (std::sscanf(line, "Umask: %o", &value) == 1) {
+                mask = static_cast<mode_t>(value);
+                break;
+            }
+        std::fclose(f);
+    }
+    return mask;
+}
+
+// A temporary is created private; the finished file gets the permissions of the one it
+// replaces, or those a plain fopen would have given.
+void setFinalPermissions(int fd, const std::string& target) {
+    struct stat st {};
+    mode_t mode =
+        ::stat(target.c_str(), &st) == 0 ? (st.st_mode & 07777) : (0666 & ~currentUmask());
+    ::fchmod(fd, mode);
 }
 
 // The rename itself lives in the directory; without this a power cut could bring back the old
@@ -38,6 +64,7 @@ AtomicFile::AtomicFile(const char* target) {
     int fd = ::mkstemp(name.data());
     if (fd < 0) return;
     temp_ = name.data();
+    setFinalPermissions(fd, target_);
     stream_ = ::fdopen(fd, "wb");
     if (stream_ == nullptr) {
         ::close(fd);

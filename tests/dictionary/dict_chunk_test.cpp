@@ -228,6 +228,11 @@ TEST(DictChunk, MalformedFilesAreRejectedAndLeaveTheChunkUsable) {
     }
     ASSERT_EQ(in.ReadBytes(good.data(), good.size(), 1, 0, 0), 1);
     EXPECT_EQ(in.prims[1].frows[0][4], ValueOf(1, 0, 4));
+    // No vectors of a huge dimension: nothing to hold, so nothing may be allocated for it.
+    std::vector<unsigned char> empty = DckBytes({{0, 1}});
+    std::memcpy(empty.data() + 19, "\xff\xff\xff\x7f", 4);
+    ASSERT_EQ(in.ReadBytes(empty.data(), empty.size(), 1, 0, 0), 1);
+    EXPECT_EQ(in.prims[0].count, 0);
     EXPECT_EQ(in.ReadAll("/nonexistent/x.dck"), 0);
 }
 
