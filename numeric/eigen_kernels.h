@@ -21,6 +21,15 @@ inline T hypotenuse(T a, T b) {
     return b * std::sqrt(T(1) + r * r);
 }
 
+// Float squares cannot overflow or underflow in double, so no scaling (and no division) is needed;
+// this sits on the path of the 7 x 7 similarity problems.
+template <>
+inline float hypotenuse(float a, float b) {
+    const double x = a;
+    const double y = b;
+    return static_cast<float>(std::sqrt(x * x + y * y));
+}
+
 // Dot product of two rows with four independent partial sums: the serial sum is bound by the
 // latency of one addition per element, which dominates the 256-wide reductions.
 template <typename T>

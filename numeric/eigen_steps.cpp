@@ -28,8 +28,9 @@ T reflectLeadingBlock(int i, T** a, T* e) {
         return 0;
     }
     T h = 0;
+    const T inverseScale = T(1) / scale;
     for (int k = 0; k < len; ++k) {
-        u[k] /= scale;
+        u[k] *= inverseScale;
         h += u[k] * u[k];
     }
     const T f = u[len - 1];
@@ -47,8 +48,9 @@ T reflectLeadingBlock(int i, T** a, T* e) {
         e[j] += rowDot(aj, u, j + 1);
     }
     T up = 0;
+    const T inverseH = T(1) / h;
     for (int j = 0; j < len; ++j) {
-        e[j] /= h;
+        e[j] *= inverseH;
         up += e[j] * u[j];
     }
     // q = p - (uᵀp / 2h)·u; A <- A - u·qᵀ - q·uᵀ.
@@ -130,8 +132,9 @@ int ql(int n, T* d, T* e, T** z) {
                     restarted = true;
                     break;
                 }
-                s = f / r;
-                c = g / r;
+                const T inverseR = T(1) / r;
+                s = f * inverseR;
+                c = g * inverseR;
                 g = d[i + 1] - p;
                 r = (d[i] - g) * s + T(2) * c * b;
                 p = s * r;
