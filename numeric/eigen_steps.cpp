@@ -172,14 +172,26 @@ void sortGreaterOrEqual(int n, T* d, T** a) {
 
 }  // namespace
 
-void tridiagonalize(int n, float** a, float* d, float* e) { reduce<float, true>(n, a, d, e); }
-void tridiagonalize(int n, double** a, double* d, double* e) { reduce<double, true>(n, a, d, e); }
+void tridiagonalize(int n, float** a, float* d, float* e) {
+    reduce<float, true>(n, a, d, e);
+}
+void tridiagonalize(int n, double** a, double* d, double* e) {
+    reduce<double, true>(n, a, d, e);
+}
 
-int qlImplicit(int n, float* d, float* e, float** z) { return ql<float, true>(n, d, e, z); }
-int qlImplicit(int n, double* d, double* e, double** z) { return ql<double, true>(n, d, e, z); }
+int qlImplicit(int n, float* d, float* e, float** z) {
+    return ql<float, true>(n, d, e, z);
+}
+int qlImplicit(int n, double* d, double* e, double** z) {
+    return ql<double, true>(n, d, e, z);
+}
 
-void sortDescending(int n, float* d, float** a) { sortGreaterOrEqual(n, d, a); }
-void sortDescending(int n, double* d, double** a) { sortGreaterOrEqual(n, d, a); }
+void sortDescending(int n, float* d, float** a) {
+    sortGreaterOrEqual(n, d, a);
+}
+void sortDescending(int n, double* d, double** a) {
+    sortGreaterOrEqual(n, d, a);
+}
 
 int symmetricEigenvalues(int n, float** a, float* d, float* e) {
     reduce<float, false>(n, a, d, e);

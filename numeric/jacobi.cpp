@@ -21,7 +21,9 @@ double upperSquares(int n, double** a) {
 }
 
 // The element (i, j) of the symmetric matrix as stored in the upper triangle.
-double& upper(double** a, int i, int j) { return i < j ? a[i][j] : a[j][i]; }
+double& upper(double** a, int i, int j) {
+    return i < j ? a[i][j] : a[j][i];
+}
 
 // Annihilates a[j][k] (j < k) with one rotation and carries it through w.
 void annihilate(int n, double** a, double** w, int j, int k) {

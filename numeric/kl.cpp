@@ -13,7 +13,10 @@ struct Work {
     double* offDiagonal;
     int d;
     explicit Work(int dim)
-        : c(new_dmatrix(dim, dim)), values(new_dvector(dim)), offDiagonal(new_dvector(dim)), d(dim) {}
+        : c(new_dmatrix(dim, dim)),
+          values(new_dvector(dim)),
+          offDiagonal(new_dvector(dim)),
+          d(dim) {}
     ~Work() {
         free_dmatrix(c);
         free_dvector(values);

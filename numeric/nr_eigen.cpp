@@ -17,5 +17,9 @@ int solveByQl(int n, T** a, T* d, T* e) {
 
 }  // namespace
 
-int NReigen(int n, float** a, float* d, float* e) { return solveByQl(n, a, d, e); }
-int NRDeigen(int n, double** a, double* d, double* e) { return solveByQl(n, a, d, e); }
+int NReigen(int n, float** a, float* d, float* e) {
+    return solveByQl(n, a, d, e);
+}
+int NRDeigen(int n, double** a, double* d, double* e) {
+    return solveByQl(n, a, d, e);
+}

@@ -17,16 +17,23 @@ enum class Solver { kEigen, kPufEigen, kJacobi, kNReigen, kNRDeigen };
 
 const char* nameOf(Solver s) {
     switch (s) {
-        case Solver::kEigen: return "eigen";
-        case Solver::kPufEigen: return "puf_eigen";
-        case Solver::kJacobi: return "jacobi";
-        case Solver::kNReigen: return "NReigen";
-        case Solver::kNRDeigen: return "NRDeigen";
+        case Solver::kEigen:
+            return "eigen";
+        case Solver::kPufEigen:
+            return "puf_eigen";
+        case Solver::kJacobi:
+            return "jacobi";
+        case Solver::kNReigen:
+            return "NReigen";
+        case Solver::kNRDeigen:
+            return "NRDeigen";
     }
     return "?";
 }
 
-bool isFloat(Solver s) { return s == Solver::kEigen || s == Solver::kNReigen; }
+bool isFloat(Solver s) {
+    return s == Solver::kEigen || s == Solver::kNReigen;
+}
 
 // Relative residual each solver can promise: float rounding, or the deflation thresholds of the
 // QR sweeps (1e-6 relative) and of jacobi (off-diagonal below 1e-6 of the norm); QL deflates at
@@ -187,10 +194,10 @@ TEST(Solvers, NanInputFailsWithTheSolversOwnReport) {
         Solver solver;
         const char* message;
     };
-    for (const Expected& x : {Expected{Solver::kEigen, "J < 0 ERROR :eigen\n"},
-                              Expected{Solver::kPufEigen, "ERROR: PufEigen "},
-                              Expected{Solver::kJacobi, ""}, Expected{Solver::kNReigen, ""},
-                              Expected{Solver::kNRDeigen, ""}}) {
+    for (const Expected& x :
+         {Expected{Solver::kEigen, "J < 0 ERROR :eigen\n"},
+          Expected{Solver::kPufEigen, "ERROR: PufEigen "}, Expected{Solver::kJacobi, ""},
+          Expected{Solver::kNReigen, ""}, Expected{Solver::kNRDeigen, ""}}) {
         testing::internal::CaptureStderr();
         const Solution s = solve(x.solver, a);
         const std::string err = testing::internal::GetCapturedStderr();

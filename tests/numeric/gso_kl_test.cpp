@@ -159,7 +159,9 @@ TEST(KL, EigenvaluesAreAHundredTimesThoseOfTheAutocorrelation) {
     expectScaledAutocorrelationEigenpairs(20, 8, 5);
 }
 
-TEST(KL, FewerSamplesThanDimensions) { expectScaledAutocorrelationEigenpairs(50, 256, 6); }
+TEST(KL, FewerSamplesThanDimensions) {
+    expectScaledAutocorrelationEigenpairs(50, 256, 6);
+}
 
 TEST(KL, NoSamplesOrNoDimensionsFail) {
     Mat<float> x(1, 2), u(2, 2);

@@ -27,7 +27,7 @@ inline double** allocateRows<double>(int rows, int cols) {
 // A row-pointer matrix from the library's own allocator, released on scope exit.
 template <typename T>
 class Mat {
-public:
+  public:
     Mat(int rows, int cols) : p_(allocateRows<T>(rows, cols)), rows_(rows), cols_(cols) {
         for (int i = 0; i < rows; ++i) std::fill(p_[i], p_[i] + cols, T(0));
     }
@@ -39,7 +39,7 @@ public:
     int rows() const { return rows_; }
     int cols() const { return cols_; }
 
-private:
+  private:
     static void release(float** a) { free_matrix(a); }
     static void release(double** a) { free_dmatrix(a); }
     T** p_;
