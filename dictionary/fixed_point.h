@@ -9,14 +9,18 @@ namespace msm {
 
 constexpr float kQ14Scale = 16384.0f;
 
-// value x 16384 truncated toward zero, kept to its low 16 bits. A product outside the int32 range
-// (or a NaN) gives 0: the integer-indefinite result of the processor's truncating conversion,
-// whose low 16 bits are zero; stored dictionaries were converted that way.
-inline short toQ14(double value) {
-    double scaled = value * 16384.0;
+// An already scaled value truncated toward zero, kept to its low 16 bits. A value outside the
+// int32 range (or a NaN) gives 0: the integer-indefinite result of the processor's truncating
+// conversion, whose low 16 bits are zero; stored dictionaries were converted that way.
+inline short truncToShort(double scaled) {
     if (!(scaled > -2147483649.0 && scaled < 2147483648.0)) return 0;
     auto wide = static_cast<int32_t>(scaled);
     return static_cast<short>(static_cast<uint16_t>(static_cast<uint32_t>(wide) & 0xffffu));
+}
+
+// value x 16384, truncated as truncToShort.
+inline short toQ14(double value) {
+    return truncToShort(value * 16384.0);
 }
 
 inline float fromQ14(short value) {

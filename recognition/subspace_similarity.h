@@ -1,0 +1,37 @@
+// The similarity of two K-dimensional subspaces held as Q14 rows: the squared cosines of their
+// canonical angles, from the K x K matrix X = UᵀAAᵀU formed in 16-bit fixed point.
+#ifndef MSMFACE_RECOGNITION_SUBSPACE_SIMILARITY_H
+#define MSMFACE_RECOGNITION_SUBSPACE_SIMILARITY_H
+
+#include <cstdint>
+
+namespace msm {
+
+// Scratch for one similarity, sized for K basis vectors and reused for every pair, so that the
+// per-person work allocates nothing.
+struct SimilarityWork {
+    int K = 0;
+    float** angle = nullptr;       // K x K, destroyed by each computation
+    float* eigenvalues = nullptr;  // K
+    float* offDiagonal = nullptr;  // K
+    int32_t* gram = nullptr;       // K x K, row i: (u_i . a_k) >> 14
+};
+
+// Similarity in Q14 units (16384 = the subspaces share a direction exactly) of the dictionary
+// rows a[0..K) and the input rows u[0..K), each paddedLength Q14 values. Dictionary rows from
+// aRows on count as zero vectors (a dictionary smaller than the input subspace). With distNum 1
+// the largest eigenvalue of X; otherwise the mean of the distNum largest (distNum is capped at
+// K; 0 gives 0/0, a NaN, which truncScore turns into its defined value). 0 when the eigenvalue
+// iteration reports failure.
+// requires: work sized for K; u holds K rows and a at least min(aRows, K) rows, all of
+// paddedLength values.
+float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
+                            int distNum, SimilarityWork& work);
+
+// trunc(v) as an int32: toward zero; a NaN or a value outside the int32 range gives INT32_MIN,
+// the processor's integer-indefinite value, so that a score is always defined.
+int32_t truncScore(double v);
+
+}  // namespace msm
+
+#endif  // MSMFACE_RECOGNITION_SUBSPACE_SIMILARITY_H
