@@ -150,18 +150,25 @@ MSMFACE_API int32_t mmxdotp(short* x, short* y, int n);
 // ---------------------------------------------------------------------------------------------
 
 // Householder tridiagonalisation and shifted QR sweeps (float). d: eigenvalues; row k of a: the
-// eigenvector of d[k]; e: work (n). Equal eigenvalues keep their input order. Returns 0, or 1 when
-// one eigenvalue takes more than 1000 sweeps.
+// eigenvector of d[k]; e: work (n). Equal eigenvalues keep their input order. Returns 0; 1 when
+// one eigenvalue takes more than 1000 sweeps (NaN input ends here), after printing
+// "J < 0 ERROR :eigen"; 2 on a negative square-root argument, after "Sqrt  ERROR :eigen".
+// requires: a is n x n, d and e hold n.
 MSMFACE_API int eigen(int n, float** a, float* d, float* e);
 // The same method in double, with values below 1e-20 cleared after the reduction. Returns 0, 1
-// after more than 1000 sweeps, 2 on a negative square-root argument.
+// after more than 1000 sweeps, 2 on a negative square-root argument; prints nothing except
+// "ERROR: PufEigen " (no line break) each time a sweep would start above row 0, which only a NaN
+// on the diagonal causes. requires: as eigen.
 MSMFACE_API int puf_eigen(int n, double** a, double* d, double* e);
-// Cyclic Jacobi rotations (at most 100 sweeps). Afterwards a[k][k] holds the eigenvalues in
-// descending order and row k of w the eigenvector of a[k][k]. Returns 0, or 1 when not converged.
-// requires: w is n x n.
+// Cyclic Jacobi rotations on the upper triangle of a (at most 100 sweeps). Afterwards a[k][k]
+// holds the eigenvalues in descending order (equal ones keep their input order) and row k of w
+// the eigenvector of a[k][k]. Returns 0, or 1 when the off-diagonal mass did not fall below
+// 1e-12 of the matrix's (the matrix is then left unsorted). A zero matrix never meets that
+// relative bound and returns 1. requires: a and w are n x n, distinct.
 MSMFACE_API int jacobi(int n, double** a, double** w);
-// Householder tridiagonalisation and implicit QL (float / double). Among equal eigenvalues the
-// later one comes first. Returns 0, or 1 after more than 300 iterations on one eigenvalue.
+// Householder tridiagonalisation and implicit QL (float / double). d descending, row k of a the
+// eigenvector of d[k]; among equal eigenvalues the later one comes first. Returns 0, or 1 after
+// more than 300 iterations on one eigenvalue (NaN input ends here). requires: as eigen.
 MSMFACE_API int NReigen(int n, float** a, float* d, float* e);
 MSMFACE_API int NRDeigen(int n, double** a, double* d, double* e);
 
@@ -170,12 +177,17 @@ MSMFACE_API int NRDeigen(int n, double** a, double* d, double* e);
 // ---------------------------------------------------------------------------------------------
 
 // Classical Gram-Schmidt of the m rows of x (length n) into the rows of y; y may be x. Returns 1,
-// or 0 when the set is numerically dependent (y then holds a partial result).
+// or 0 when the set is numerically dependent (y then holds a partial result): a squared norm below
+// 1e-10 while later vectors are reduced, or a length below 1e-10 when normalising. m <= 0 returns
+// 1 and touches nothing. requires: x and y have m rows of n elements.
 MSMFACE_API int GSO(int n, int m, float** x, float** y);
-// Principal axes of n samples (rows of x, length d) through their autocorrelation matrix.
-// u (d x d) receives the eigenvectors as rows, lambda (d) the eigenvalues in descending order.
-// The eigenvalues are those of the autocorrelation scaled by 100 (by 1000 when the first attempt
-// failed) and are not scaled back. Returns 0, or 1 when both attempts failed.
+// Principal axes of n samples (rows of x, length d) through their autocorrelation matrix (no mean
+// removed). u (d x d) receives the eigenvectors as rows, lambda (d) the eigenvalues in descending
+// order. The eigenvalues are those of the autocorrelation scaled by 100 (by 1000 when the first
+// attempt failed) and are not scaled back. Returns 0, or 1 when both attempts failed (u and lambda
+// then hold what the solver left), when n < 1 or d < 1, or when the work storage cannot be
+// allocated ("cannot malloc." on standard error); in the last two cases u and lambda are untouched.
+// requires: u is d x d, lambda holds d.
 MSMFACE_API int KL(int n, int d, float** x, float** u, float* lambda);
 
 #endif  // MSMFACE_NUMERIC_H
