@@ -131,8 +131,8 @@ int eigen(int n, float** a, float* d, float* e) {
     int status = out.status;
     if (status == kConverged && out.negativeRow) status = kSweepLimitReached;
     sortFirstMaximumWins(n, d, a);
-    if (status == kSweepLimitReached) std::fputs("J < 0 ERROR :eigen\n", stderr);
-    if (status == kNegativeRoot) std::fputs("Sqrt  ERROR :eigen\n", stderr);
+    if (status == kSweepLimitReached) std::fputs("J < 0 ERROR :eigen", stderr);
+    if (status == kNegativeRoot) std::fputs("Sqrt  ERROR :eigen", stderr);
     return status;
 }
 
