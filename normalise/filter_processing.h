@@ -74,8 +74,9 @@ class CFilterProcessing {
 
     // The whole chain on a 64 x 64 byte image: multi-scale log-ratio (ratios floored at 0.1),
     // band-pass, 2 x 2 block means, division by the blurred magnitude, unit length. Always true.
-    // A map that comes out all zero (a uniform face) is divided by zero on purpose: its 1024
-    // values are then not numbers, which callers must be ready for.
+    // A map that comes out all zero is divided by zero on purpose: its 1024 values are then not
+    // numbers, which callers must be ready for. The all-black face of a frame without a fit does
+    // this; other uniform faces leave only rounding noise, normalised like any map.
     bool MakePatternMap(const unsigned char* in64x64, float* out1024);
 
     // Read-only views for diagnostics and tests (valid after Initialise).
