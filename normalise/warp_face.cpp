@@ -33,25 +33,47 @@ struct FrameView {
 
 void RenderPlain(const FaceShapeModel& model, const FrameView& frame, unsigned char* target,
                  int bytesPerPixel, msm::ViewWindow w) {
-    float* const* p = model.projection;
+    // Everything the loop reads is copied into locals: the byte stores below may alias any
+    // object, and would otherwise force the compiler to reload each of them per pixel.
+    const float p02 = model.projection[0][2], p12 = model.projection[1][2];
+    const float p01 = model.projection[0][1], p11 = model.projection[1][1];
+    const float p00 = model.projection[0][0], p10 = model.projection[1][0];
+    const float cx = model.imageCentroid[0], cy = model.imageCentroid[1];
+    const float mz = model.modelCentroid[2];
+    const unsigned char* const pixels = frame.pixels;
+    const size_t stride = static_cast<size_t>(frame.width);
+    const int limitX = frame.width - 2, limitY = frame.height - 2;
     float px[kWarpSize], qx[kWarpSize];
     for (int c = w.colBegin; c < w.colEnd; ++c) {
         const float x = GridCoordinate(static_cast<float>(c)) - model.modelCentroid[0];
-        px[c] = p[0][0] * x;
-        qx[c] = p[1][0] * x;
+        px[c] = p00 * x;
+        qx[c] = p10 * x;
     }
     for (int r = w.rowBegin; r < w.rowEnd; ++r) {
         const float y = GridCoordinate(static_cast<float>(r)) - model.modelCentroid[1];
-        const float py = p[0][1] * y, qy = p[1][1] * y;
+        const float py = p01 * y, qy = p11 * y;
         const float* depth = FaceDepthMap + r * kFaceGridSize;
         unsigned char* out = target + (static_cast<size_t>(r) * kWarpSize) * bytesPerPixel;
+        // Coordinates for the whole row first (a loop the compiler vectorises), then the
+        // bilinear reads, which are gathers and stay scalar.
+        int cellX[kWarpSize], cellY[kWarpSize];
+        float fracX[kWarpSize], fracY[kWarpSize];
         for (int c = w.colBegin; c < w.colEnd; ++c) {
-            const float z = depth[c] - model.modelCentroid[2];
-            const float u = px[c] + py + p[0][2] * z + model.imageCentroid[0];
-            const float v = qx[c] + qy + p[1][2] * z + model.imageCentroid[1];
-            const int value = frame.Sample(u, v);
-            for (int b = 0; b < bytesPerPixel; ++b)
-                out[c * bytesPerPixel + b] = static_cast<unsigned char>(value);
+            const float z = depth[c] - mz;
+            const float u = px[c] + py + p02 * z + cx;
+            const float v = qx[c] + qy + p12 * z + cy;
+            msm::ClampedCell(u, limitX, cellX[c], fracX[c]);
+            msm::ClampedCell(v, limitY, cellY[c], fracY[c]);
+        }
+        for (int c = w.colBegin; c < w.colEnd; ++c) {
+            const unsigned char* top = pixels + static_cast<size_t>(cellY[c]) * stride + cellX[c];
+            const unsigned char* bottom = top + stride;
+            const float fx = fracX[c], fy = fracY[c];
+            const float gx = 1.0f - fx, gy = 1.0f - fy;
+            const float value =
+                gx * gy * top[0] + fx * gy * top[1] + gx * fy * bottom[0] + fx * fy * bottom[1];
+            const auto grey = static_cast<unsigned char>(static_cast<int>(value));
+            for (int b = 0; b < bytesPerPixel; ++b) out[c * bytesPerPixel + b] = grey;
         }
     }
 }
