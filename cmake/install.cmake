@@ -24,5 +24,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/msmfaceConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/msmfaceConfig.cmake ${CMAKE_BINARY_DIR}/msmfaceConfigVersion.cmake
     DESTINATION ${config_dir})
 
+file(RELATIVE_PATH MSMFACE_PC_RELATIVE_PREFIX
+     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" MSMFACE_PC_RELATIVE_PREFIX "${MSMFACE_PC_RELATIVE_PREFIX}")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/msmface.pc.in ${CMAKE_BINARY_DIR}/msmface.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/msmface.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -6,5 +6,6 @@
 #include <msmface/version.h>
 #include <msmface/numeric.h>
 #include <msmface/BasicImage.h>
+#include <msmface/IDDatabase.h>
 
 #endif  // MSMFACE_MSMFACE_H

@@ -14,6 +14,21 @@ TEST(Allocators, MatrixWithNoRowsHoldsOnlyTheTerminator) {
     }
 }
 
+// Rows are not checked: a row that cannot be had is a null entry, which ends the matrix there,
+// and only a failed pointer array makes the result null or the reporting family speak.
+TEST(Allocators, UnobtainableRowsEndTheMatrixWithoutAMessage) {
+    testing::internal::CaptureStderr();
+    float** a = new_matrix(3, -1);
+    short** s = new_smatrix(2, -8);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(a[0], nullptr);
+    EXPECT_EQ(s[0], nullptr);
+    free_matrix(a);
+    free_smatrix(s);
+}
+
 TEST(Allocators, MatrixRowsAreSeparateAndTerminated) {
     double** a = new_dmatrix(3, 5);
     ASSERT_NE(a, nullptr);

@@ -62,17 +62,19 @@ MSMFACE_API void free_smatrix(short** a);
 // ---------------------------------------------------------------------------------------------
 
 // Prints n elements, a line break after every perLine of them and a closing line break when the
-// last line is incomplete. requires: perLine >= 1.
+// last line is incomplete; n <= 0 prints nothing, perLine <= 0 prints all n on one line.
+// requires: fmt is a printf format for one double.
 MSMFACE_API void vecprint(float* v, int n, int perLine, char* fmt);
-// Prints every row up to the terminator as vecprint does; when cols > perLine an empty line
-// follows each row.
+// Prints every row up to the terminator as vecprint does; when cols > perLine (and perLine > 0)
+// an empty line follows each row. A null or empty matrix prints nothing.
 MSMFACE_API void matprint(float** a, int cols, int perLine, char* fmt);
 // Prints rows x cols elements, each followed by two spaces, a line break after each row.
 MSMFACE_API void matshow(float** a, int rows, int cols, char* fmt);
 
 // Diagnostic dump of an eigen problem: n*n lines "a[%d][%d] %g", then n lines "d[%d] %g" and n
-// lines "e[%d] %g", into the text file at path. If the file cannot be opened the process exits
-// with status 0 and no message: kept, hosts built around this dump rely on it.
+// lines "e[%d] %g", into the text file at path (any length). If the file cannot be opened (a null
+// or empty path included) the process exits with status 0 and no message: kept, hosts built
+// around this dump rely on it. requires: a is n x n, d and e hold n values.
 MSMFACE_API void printdumplog(int n, float** a, float* d, float* e, char* path);
 MSMFACE_API void printdumplog(int n, double** a, double* d, double* e, char* path);
 
@@ -98,11 +100,15 @@ inline void printdumplog(int n, double** a, double* d, double* e, const char* pa
 // ---------------------------------------------------------------------------------------------
 
 // In-place LU decomposition with scaled partial pivoting; rows are never moved, the permutation
-// is kept in ip. Returns the determinant, 0 for a singular matrix (a zero row returns at once).
+// is kept in ip. Returns the determinant, 0 for a singular matrix (a zero row returns at once,
+// leaving a untouched), 1 for n < 1. When the scratch weights cannot be allocated it reports
+// "cannot malloc." and goes on pivoting on unscaled magnitudes.
 // requires: a is n x n, ip holds n ints.
 MSMFACE_API float lu(int n, float** a, int* ip);
 // Inverse through lu; a is destroyed (it holds the factors afterwards). Returns the determinant;
-// when it is exactly 0, a_inv is left untouched. requires: a and a_inv n x n, distinct.
+// when it is exactly 0, a_inv is left untouched. When the permutation cannot be allocated it
+// reports "cannot malloc" and returns 0 with a and a_inv untouched.
+// requires: a and a_inv n x n, distinct.
 MSMFACE_API float matinv(int n, float** a, float** a_inv);
 // b[i][j] = a[j][i]. Always returns 0.0: kept, it has never returned a trace and no caller may
 // rely on one. requires: a and b n x n, distinct.
@@ -129,11 +135,12 @@ MSMFACE_API int32_t innerproductShort(int n, short* x, short* y);
 MSMFACE_API float calclen(int n, float* x, float* y);
 
 // n rounded up to the next multiple of 16 (a multiple of 16 is unchanged; negative n: -5 -> 16,
-// -20 -> 0).
+// -20 -> 0). Above INT_MAX - 15 there is no multiple to round to: the result wraps to INT_MIN.
 MSMFACE_API int MMX16Size(int n);
 // Dot product of two 16-bit vectors with packed multiply-add; wraps modulo 2^32. The SIMD path is
-// chosen once from the CPU's features; every path gives the same result.
-// requires: x and y 16-byte aligned (the short allocators give 32); n a positive multiple of 32.
+// chosen once from the CPU's features; every path gives the same result. Fastest with 16-byte
+// aligned arrays (the short allocators give 32) and n a multiple of 32, but any n is summed
+// exactly over its n elements and n <= 0 gives 0. requires: x and y hold n elements.
 MSMFACE_API int32_t mmxdotp(short* x, short* y, int n);
 
 // ---------------------------------------------------------------------------------------------
@@ -143,18 +150,25 @@ MSMFACE_API int32_t mmxdotp(short* x, short* y, int n);
 // ---------------------------------------------------------------------------------------------
 
 // Householder tridiagonalisation and shifted QR sweeps (float). d: eigenvalues; row k of a: the
-// eigenvector of d[k]; e: work (n). Equal eigenvalues keep their input order. Returns 0, or 1 when
-// one eigenvalue takes more than 1000 sweeps.
+// eigenvector of d[k]; e: work (n). Equal eigenvalues keep their input order. Returns 0; 1 when
+// one eigenvalue takes more than 1000 sweeps (NaN input ends here), after printing
+// "J < 0 ERROR :eigen"; 2 on a negative square-root argument, after "Sqrt  ERROR :eigen".
+// requires: a is n x n, d and e hold n.
 MSMFACE_API int eigen(int n, float** a, float* d, float* e);
 // The same method in double, with values below 1e-20 cleared after the reduction. Returns 0, 1
-// after more than 1000 sweeps, 2 on a negative square-root argument.
+// after more than 1000 sweeps, 2 on a negative square-root argument; prints nothing except
+// "ERROR: PufEigen " (no line break) each time a sweep would start above row 0, which only a NaN
+// on the diagonal causes. requires: as eigen.
 MSMFACE_API int puf_eigen(int n, double** a, double* d, double* e);
-// Cyclic Jacobi rotations (at most 100 sweeps). Afterwards a[k][k] holds the eigenvalues in
-// descending order and row k of w the eigenvector of a[k][k]. Returns 0, or 1 when not converged.
-// requires: w is n x n.
+// Cyclic Jacobi rotations on the upper triangle of a (at most 100 sweeps). Afterwards a[k][k]
+// holds the eigenvalues in descending order (equal ones keep their input order) and row k of w
+// the eigenvector of a[k][k]. Returns 0, or 1 when the off-diagonal mass did not fall below
+// 1e-12 of the matrix's (the matrix is then left unsorted). A zero matrix never meets that
+// relative bound and returns 1. requires: a and w are n x n, distinct.
 MSMFACE_API int jacobi(int n, double** a, double** w);
-// Householder tridiagonalisation and implicit QL (float / double). Among equal eigenvalues the
-// later one comes first. Returns 0, or 1 after more than 300 iterations on one eigenvalue.
+// Householder tridiagonalisation and implicit QL (float / double). d descending, row k of a the
+// eigenvector of d[k]; among equal eigenvalues the later one comes first. Returns 0, or 1 after
+// more than 300 iterations on one eigenvalue (NaN input ends here). requires: as eigen.
 MSMFACE_API int NReigen(int n, float** a, float* d, float* e);
 MSMFACE_API int NRDeigen(int n, double** a, double* d, double* e);
 
@@ -163,12 +177,17 @@ MSMFACE_API int NRDeigen(int n, double** a, double* d, double* e);
 // ---------------------------------------------------------------------------------------------
 
 // Classical Gram-Schmidt of the m rows of x (length n) into the rows of y; y may be x. Returns 1,
-// or 0 when the set is numerically dependent (y then holds a partial result).
+// or 0 when the set is numerically dependent (y then holds a partial result): a squared norm below
+// 1e-10 while later vectors are reduced, or a length below 1e-10 when normalising. m <= 0 returns
+// 1 and touches nothing. requires: x and y have m rows of n elements.
 MSMFACE_API int GSO(int n, int m, float** x, float** y);
-// Principal axes of n samples (rows of x, length d) through their autocorrelation matrix.
-// u (d x d) receives the eigenvectors as rows, lambda (d) the eigenvalues in descending order.
-// The eigenvalues are those of the autocorrelation scaled by 100 (by 1000 when the first attempt
-// failed) and are not scaled back. Returns 0, or 1 when both attempts failed.
+// Principal axes of n samples (rows of x, length d) through their autocorrelation matrix (no mean
+// removed). u (d x d) receives the eigenvectors as rows, lambda (d) the eigenvalues in descending
+// order. The eigenvalues are those of the autocorrelation scaled by 100 (by 1000 when the first
+// attempt failed) and are not scaled back. Returns 0, or 1 when both attempts failed (u and lambda
+// then hold what the solver left), when n < 1 or d < 1, or when the work storage cannot be
+// allocated ("cannot malloc." on standard error); in the last two cases u and lambda are untouched.
+// requires: u is d x d, lambda holds d.
 MSMFACE_API int KL(int n, int d, float** x, float** u, float* lambda);
 
 #endif  // MSMFACE_NUMERIC_H

@@ -1,0 +1,41 @@
+// Writing a file so that a crash, a full disk or a failed write never leaves a half-written file
+// in place of the user's data: the bytes go to a temporary beside the target, reach the disk,
+// and only then replace the target by rename.
+#ifndef MSMFACE_DICTIONARY_ATOMIC_FILE_H
+#define MSMFACE_DICTIONARY_ATOMIC_FILE_H
+
+#include <cstdio>
+#include <string>
+
+namespace msm {
+
+class AtomicFile {
+  public:
+    // Creates the temporary "<target>.tmpXXXXXX". stream() is null when that fails.
+    explicit AtomicFile(const char* target);
+    // Removes the temporary unless Commit succeeded.
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    std::FILE* stream() const { return stream_; }
+    // Flushes, syncs, closes and renames over the target. True only when every write since
+    // construction succeeded and the target now holds exactly those bytes; otherwise the
+    // temporary is removed and the target is as it was.
+    bool Commit();
+
+  private:
+    void Abandon();
+
+    std::string target_;
+    std::string temp_;
+    std::FILE* stream_ = nullptr;
+};
+
+// Writes to f and reports whether all n bytes went out.
+bool writeAll(std::FILE* f, const void* data, std::size_t n);
+bool writeInt32(std::FILE* f, int32_t v);
+
+}  // namespace msm
+
+#endif  // MSMFACE_DICTIONARY_ATOMIC_FILE_H
