@@ -71,15 +71,16 @@ int main(int argc, char** argv) {
         const msmsynth::SynthPerson person = msmsynth::makePerson(seed, p);
         const int top = kGap + p * rowH;
         for (int f = 0; f < frames; ++f) {
-            const msmsynth::SynthPose pose =
-                msmsynth::randomPose(seed * 7919u + static_cast<uint32_t>(p * 131 + f), width, height);
+            const msmsynth::SynthPose pose = msmsynth::randomPose(
+                seed * 7919u + static_cast<uint32_t>(p * 131 + f), width, height);
             const msmsynth::SynthFrame frame = msmsynth::renderFrame(person, pose, width, height);
             PasteHalved(frame, sheet, kGap + f * (thumbW + kGap), top);
             PartsPosition parts{};
             const auto points = frame.roundedPoints();
             std::copy(points.begin(), points.end(), parts.points);
             unsigned char face[kNormalisedFaceSize * kNormalisedFaceSize];
-            if (NormaliseFace(&model, width, height, frame.pixels.data(), &parts, face) != 1) continue;
+            if (NormaliseFace(&model, width, height, frame.pixels.data(), &parts, face) != 1)
+                continue;
             const int left = kGap + frames * (thumbW + kGap) + f * (kNormalisedFaceSize + kGap);
             for (int y = 0; y < kNormalisedFaceSize; ++y)
                 for (int x = 0; x < kNormalisedFaceSize; ++x)
@@ -92,7 +93,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fprintf(out, "P5\n%d %d\n255\n", sheet.width, sheet.height);
-    const bool ok = std::fwrite(sheet.pixels.data(), 1, sheet.pixels.size(), out) == sheet.pixels.size();
+    const bool ok =
+        std::fwrite(sheet.pixels.data(), 1, sheet.pixels.size(), out) == sheet.pixels.size();
     if (std::fclose(out) != 0 || !ok) {
         std::fprintf(stderr, "cannot write %s\n", argv[1]);
         return 1;

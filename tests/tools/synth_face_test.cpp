@@ -38,7 +38,8 @@ float MeanAround(const SynthFrame& f, float x, float y, int radius) {
     int n = 0;
     for (int dy = -radius; dy <= radius; ++dy)
         for (int dx = -radius; dx <= radius; ++dx) {
-            const int px = std::clamp(cx + dx, 0, f.width - 1), py = std::clamp(cy + dy, 0, f.height - 1);
+            const int px = std::clamp(cx + dx, 0, f.width - 1),
+                      py = std::clamp(cy + dy, 0, f.height - 1);
             sum += f.pixels[static_cast<size_t>(py) * f.width + px];
             ++n;
         }
@@ -81,7 +82,8 @@ TEST(SynthDeterminism, SameSeedsGiveSameBytesAndOthersDiffer) {
     EXPECT_NE(f1.pixels, f3.pixels);
     EXPECT_EQ(f1.points, f3.points);  // noise never moves the face
 
-    const auto s1 = msmsynth::makeSequence(9, 20, 320, 240), s2 = msmsynth::makeSequence(9, 20, 320, 240);
+    const auto s1 = msmsynth::makeSequence(9, 20, 320, 240),
+               s2 = msmsynth::makeSequence(9, 20, 320, 240);
     ASSERT_EQ(s1.size(), 20u);
     for (size_t t = 0; t < s1.size(); ++t)
         EXPECT_EQ(0, std::memcmp(&s1[t], &s2[t], sizeof(SynthPose))) << "frame " << t;
@@ -106,7 +108,8 @@ TEST(SynthCamera, PointsFollowRollShiftAndScaleExactly) {
     const SynthFrame z = msmsynth::renderFrame(person, scaled, 320, 240);
     const float c = std::cos(30.0f * 3.14159265f / 180), sn = std::sin(30.0f * 3.14159265f / 180);
     for (int k = 0; k < 14; ++k) {
-        const float dx = base.points[2 * k] - pose.centreX, dy = base.points[2 * k + 1] - pose.centreY;
+        const float dx = base.points[2 * k] - pose.centreX,
+                    dy = base.points[2 * k + 1] - pose.centreY;
         // Positive roll turns clockwise on screen, whose rows run down.
         EXPECT_NEAR(r.points[2 * k], pose.centreX + c * dx - sn * dy, 1e-3f) << k;
         EXPECT_NEAR(r.points[2 * k + 1], pose.centreY + sn * dx + c * dy, 1e-3f) << k;
@@ -119,7 +122,8 @@ TEST(SynthCamera, PointsFollowRollShiftAndScaleExactly) {
 
 TEST(SynthCamera, FrontalPointsKeepTheFacesLayout) {
     for (int index = 0; index < 8; ++index) {
-        const SynthFrame f = msmsynth::renderFrame(msmsynth::makePerson(11, index), FrontalPose(), 320, 240);
+        const SynthFrame f =
+            msmsynth::renderFrame(msmsynth::makePerson(11, index), FrontalPose(), 320, 240);
         ASSERT_TRUE(f.valid());
         const auto& p = f.points;
         auto x = [&](int k) { return p[2 * k]; };
@@ -165,10 +169,12 @@ TEST(SynthRendering, PointsLandOnTheDrawnFeatures) {
                 const float ex = p[2 * side], ey = p[2 * side + 1];
                 const float mx = p[2 * (4 + side)], my = p[2 * (4 + side) + 1];
                 const float cheek = MeanAround(f, ex + 0.4f * (mx - ex), ey + 0.4f * (my - ey), 1);
-                EXPECT_LT(MeanAround(f, ex, ey, 1), cheek - 10) << "eye " << side << " person " << index << " pose " << k;
+                EXPECT_LT(MeanAround(f, ex, ey, 1), cheek - 10)
+                    << "eye " << side << " person " << index << " pose " << k;
                 // Nostrils are darker than the nose tip.
                 EXPECT_LT(MeanAround(f, p[2 * (2 + side)], p[2 * (2 + side) + 1], 0),
-                          MeanAround(f, p[24], p[25], 1) - 5) << "nostril " << side;
+                          MeanAround(f, p[24], p[25], 1) - 5)
+                    << "nostril " << side;
             }
             // The mouth centre sits on the parting of the lips, darker than the skin above.
             const float aboveX = 0.5f * (p[24] + p[26]), aboveY = 0.5f * (p[25] + p[27]);
@@ -197,7 +203,8 @@ TEST(SynthSequence, MovesSmoothlyAndStaysInTheFrame) {
         ASSERT_TRUE(f.valid());
         if (t > 0) {
             EXPECT_NE(p.noiseSeed, poses[t - 1].noiseSeed);
-            for (int i = 0; i < 28; ++i) EXPECT_LT(std::fabs(f.points[i] - previous.points[i]), 4.0f) << t;
+            for (int i = 0; i < 28; ++i)
+                EXPECT_LT(std::fabs(f.points[i] - previous.points[i]), 4.0f) << t;
         }
         for (int i = 0; i < 28; i += 2) {
             EXPECT_GE(f.points[i], 0.0f);
@@ -227,11 +234,13 @@ TEST(SynthRequests, BadRequestsGiveEmptyResults) {
     truncated.albedo.resize(100);
     EXPECT_FALSE(msmsynth::renderFrame(truncated, good, 320, 240).valid());
 
-    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
-    float SynthPose::*fields[] = {&SynthPose::yaw,     &SynthPose::pitch,       &SynthPose::roll,
-                                  &SynthPose::eyeDistance, &SynthPose::centreX, &SynthPose::centreY,
-                                  &SynthPose::lightAzimuth, &SynthPose::lightElevation,
-                                  &SynthPose::ambient, &SynthPose::diffuse,     &SynthPose::noise};
+    const float nan = std::numeric_limits<float>::quiet_NaN(),
+                inf = std::numeric_limits<float>::infinity();
+    float SynthPose::*fields[] = {
+        &SynthPose::yaw,          &SynthPose::pitch,          &SynthPose::roll,
+        &SynthPose::eyeDistance,  &SynthPose::centreX,        &SynthPose::centreY,
+        &SynthPose::lightAzimuth, &SynthPose::lightElevation, &SynthPose::ambient,
+        &SynthPose::diffuse,      &SynthPose::noise};
     for (auto field : fields)
         for (float bad : {nan, inf, -inf}) {
             SynthPose pose = good;
@@ -277,7 +286,8 @@ TEST(SynthRecognition, OnePersonsFramesAreCloserThanTwoPersons) {
     for (int person = 0; person < kPersons; ++person) {
         const SynthPerson who = msmsynth::makePerson(2024, person);
         for (int k = 0; k < kFrames; ++k) {
-            const SynthPose pose = msmsynth::randomPose(static_cast<uint32_t>(7000 + 10 * person + k), kW, kH);
+            const SynthPose pose =
+                msmsynth::randomPose(static_cast<uint32_t>(7000 + 10 * person + k), kW, kH);
             const SynthFrame frame = msmsynth::renderFrame(who, pose, kW, kH);
             ASSERT_TRUE(frame.valid());
             PartsPosition parts{};
@@ -314,9 +324,10 @@ TEST(SynthRecognition, OnePersonsFramesAreCloserThanTwoPersons) {
     }
     same /= sameCount;
     different /= differentCount;
-    std::printf("mean similarity: same person %.3f, different persons %.3f; nearest frame is the "
-                "same person for %d of %zu frames\n",
-                same, different, nearestIsSame, patterns.size());
+    std::printf(
+        "mean similarity: same person %.3f, different persons %.3f; nearest frame is the "
+        "same person for %d of %zu frames\n",
+        same, different, nearestIsSame, patterns.size());
     EXPECT_GT(same, different + 0.15);
     EXPECT_GE(nearestIsSame, static_cast<int>(patterns.size()) * 9 / 10);
 }

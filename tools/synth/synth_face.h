@@ -65,7 +65,7 @@ struct SynthPose {
 struct SynthFrame {
     int width = 0;
     int height = 0;
-    std::vector<unsigned char> pixels;  // width * height grey bytes, rows top-down
+    std::vector<unsigned char> pixels;            // width * height grey bytes, rows top-down
     std::array<float, 2 * kPointCount> points{};  // host order, x (column) then y (row)
 
     bool valid() const { return !pixels.empty(); }

@@ -16,9 +16,15 @@ constexpr float kEyeRow = -0.1484375f;  // face-unit row of the mean eye centres
 // Mean-face heights at or below this lie off the head: the table's floor and the slope into it.
 constexpr float kHeadDepth = 0.12f;
 
-float GridToUnit(float g) { return (g / 256.0f - 0.5f) * 2.0f; }
-float Square(float x) { return x * x; }
-float Bump(float a, float b) { return std::exp(-(a * a + b * b)); }
+float GridToUnit(float g) {
+    return (g / 256.0f - 0.5f) * 2.0f;
+}
+float Square(float x) {
+    return x * x;
+}
+float Bump(float a, float b) {
+    return std::exp(-(a * a + b * b));
+}
 float SmoothStep(float edge0, float edge1, float x) {
     const float t = std::clamp((x - edge0) / (edge1 - edge0), 0.0f, 1.0f);
     return t * t * (3.0f - 2.0f * t);
@@ -75,7 +81,8 @@ void BuildSurface(const Shape& shape, SynthPerson& person) {
         for (int i = 0; i < n; ++i) {
             const int u = 2 * i, v = 2 * j;
             Deform(shape, GridToUnit(static_cast<float>(u)), GridToUnit(static_cast<float>(v)),
-                   kMeanFaceDepth[v * kGrid + u], &person.vertices[(static_cast<size_t>(j) * n + i) * 3]);
+                   kMeanFaceDepth[v * kGrid + u],
+                   &person.vertices[(static_cast<size_t>(j) * n + i) * 3]);
         }
     person.normals.assign(person.vertices.size(), 0.0f);
     auto at = [&](int i, int j) {
@@ -107,7 +114,8 @@ void BuildSurface(const Shape& shape, SynthPerson& person) {
             for (int k = 0; k < 4; ++k) {
                 const int u = 2 * (i + (k & 1)), v = 2 * (j + (k >> 1));
                 head = head && kMeanFaceDepth[v * kGrid + u] > kHeadDepth &&
-                       InsideOutline(GridToUnit(static_cast<float>(u)), GridToUnit(static_cast<float>(v)));
+                       InsideOutline(GridToUnit(static_cast<float>(u)),
+                                     GridToUnit(static_cast<float>(v)));
             }
             person.cells[static_cast<size_t>(j) * (n - 1) + i] = head ? 1 : 0;
         }
@@ -246,7 +254,8 @@ void PaintBrow(Skin& skin, const BrowShape& b, const int innerEnd[2], float outw
                        bv - b.arch * std::sin(3.14159265f * std::clamp(t, 0.0f, 1.0f) * 0.85f) +
                        b.tilt * t;
                    const float half = 0.5f * b.thickness * (1.0f - b.taper * std::max(t, 0.0f));
-                   const float ends = SmoothStep(-0.08f, 0.04f, t) * (1.0f - SmoothStep(0.9f, 1.05f, t));
+                   const float ends =
+                       SmoothStep(-0.08f, 0.04f, t) * (1.0f - SmoothStep(0.9f, 1.05f, t));
                    return ends * Inside(std::fabs(v - centre) - half, 0.9f);
                });
 }
@@ -262,9 +271,11 @@ void PaintNostril(Skin& skin, const int at[2], float a, float b, float tilt, flo
 }
 
 void PaintMouth(Skin& skin, Random& rng) {
-    const float lu = static_cast<float>(kGridPoints[4][0]), ru = static_cast<float>(kGridPoints[5][0]);
+    const float lu = static_cast<float>(kGridPoints[4][0]),
+                ru = static_cast<float>(kGridPoints[5][0]);
     const float cornerRow = 0.5f * static_cast<float>(kGridPoints[4][1] + kGridPoints[5][1]);
-    const float cu = static_cast<float>(kGridPoints[13][0]), cv = static_cast<float>(kGridPoints[13][1]);
+    const float cu = static_cast<float>(kGridPoints[13][0]),
+                cv = static_cast<float>(kGridPoints[13][1]);
     const float upper = rng.Uniform(3.0f, 7.0f), lower = rng.Uniform(4.0f, 9.5f);
     const float bow = rng.Uniform(0.0f, 0.35f);
     const float tone = rng.Uniform(0.55f, 0.8f), lineTone = rng.Uniform(0.25f, 0.5f);
@@ -286,7 +297,8 @@ void PaintMouth(Skin& skin, Random& rng) {
         float s;
         const float line = parting(u, s);
         if (std::fabs(s) >= 1.05f) return 0.0f;
-        return Inside(std::fabs(v - line) - 0.7f, 0.6f) * (1.0f - SmoothStep(0.9f, 1.05f, std::fabs(s)));
+        return Inside(std::fabs(v - line) - 0.7f, 0.6f) *
+               (1.0f - SmoothStep(0.9f, 1.05f, std::fabs(s)));
     });
 }
 
@@ -295,8 +307,9 @@ void PaintMoles(Skin& skin, Random& rng) {
     for (int k = 0; k < count; ++k) {
         const float cu = rng.Uniform(60.0f, 196.0f), cv = rng.Uniform(95.0f, 215.0f);
         const float radius = rng.Uniform(1.5f, 3.0f), tone = rng.Uniform(0.4f, 0.7f);
-        skin.Apply(cu - radius - 2, cv - radius - 2, cu + radius + 2, cv + radius + 2, tone, true,
-                   [&](float u, float v) { return Inside(std::hypot(u - cu, v - cv) - radius, 0.6f); });
+        skin.Apply(
+            cu - radius - 2, cv - radius - 2, cu + radius + 2, cv + radius + 2, tone, true,
+            [&](float u, float v) { return Inside(std::hypot(u - cu, v - cv) - radius, 0.6f); });
     }
 }
 

@@ -44,14 +44,16 @@ struct Camera {
     }
     float RotatedDot(const float* n, const float* light) const {
         float d = 0.0f;
-        for (int i = 0; i < 3; ++i) d += (r[i][0] * n[0] + r[i][1] * n[1] + r[i][2] * n[2]) * light[i];
+        for (int i = 0; i < 3; ++i)
+            d += (r[i][0] * n[0] + r[i][1] * n[1] + r[i][2] * n[2]) * light[i];
         return d;
     }
 
   private:
     static void Multiply(const float a[3][3], const float b[3][3], float out[3][3]) {
         for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j) out[i][j] = a[i][0] * b[0][j] + a[i][1] * b[1][j] + a[i][2] * b[2][j];
+            for (int j = 0; j < 3; ++j)
+                out[i][j] = a[i][0] * b[0][j] + a[i][1] * b[1][j] + a[i][2] * b[2][j];
     }
 };
 
@@ -65,12 +67,14 @@ struct Canvas {
     std::vector<float> depth;
 };
 
-bool Finite(float x) { return std::isfinite(x); }
+bool Finite(float x) {
+    return std::isfinite(x);
+}
 
 bool PoseIsUsable(const SynthPose& p, int width, int height) {
-    const float values[] = {p.yaw,     p.pitch,        p.roll,           p.eyeDistance,
-                            p.centreX, p.centreY,      p.lightAzimuth,   p.lightElevation,
-                            p.ambient, p.diffuse,      p.noise};
+    const float values[] = {p.yaw,     p.pitch,   p.roll,         p.eyeDistance,
+                            p.centreX, p.centreY, p.lightAzimuth, p.lightElevation,
+                            p.ambient, p.diffuse, p.noise};
     for (float v : values)
         if (!Finite(v)) return false;
     const float side = static_cast<float>(std::max(width, height));
@@ -100,9 +104,11 @@ void PaintBackground(uint32_t seed, Canvas& canvas) {
     const float px = rng.Uniform(0.0f, 6.283f), py = rng.Uniform(0.0f, 6.283f);
     std::vector<float> columns(static_cast<size_t>(w)), rows(static_cast<size_t>(h));
     for (int x = 0; x < w; ++x)
-        columns[x] = gx * static_cast<float>(x) / static_cast<float>(w) + ax * std::sin(fx * static_cast<float>(x) + px);
+        columns[x] = gx * static_cast<float>(x) / static_cast<float>(w) +
+                     ax * std::sin(fx * static_cast<float>(x) + px);
     for (int y = 0; y < h; ++y)
-        rows[y] = base + gy * static_cast<float>(y) / static_cast<float>(h) + ay * std::sin(fy * static_cast<float>(y) + py);
+        rows[y] = base + gy * static_cast<float>(y) / static_cast<float>(h) +
+                  ay * std::sin(fy * static_cast<float>(y) + py);
     for (int y = 0; y < h; ++y) {
         float* row = &canvas.radiance[static_cast<size_t>(y) * w];
         for (int x = 0; x < w; ++x) row[x] = rows[y] + columns[x];
@@ -131,7 +137,8 @@ void PaintBody(const SynthPerson& person, const SynthPose& pose, const Camera& c
     const int y0 = std::max(0, static_cast<int>(camera.cy + 0.3f * s));
     for (int y = y0; y < canvas.height; ++y)
         for (int x = 0; x < canvas.width; ++x) {
-            const float dx = static_cast<float>(x) - camera.cx, dy = static_cast<float>(y) - camera.cy;
+            const float dx = static_cast<float>(x) - camera.cx,
+                        dy = static_cast<float>(y) - camera.cy;
             const float across = (cr * dx + sr * dy) / s, down = (-sr * dx + cr * dy) / s;
             const float shoulders = 1.2f + 0.3f * across * across;
             float& out = canvas.radiance[static_cast<size_t>(y) * canvas.width + x];
@@ -148,9 +155,11 @@ void DrawTriangle(const Vertex& a, const Vertex& b, const Vertex& c, const float
     const float area = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
     if (!(area > 0.0f)) return;  // facing away, or seen edge on
     const float left = std::max(0.0f, std::ceil(std::min({a.x, b.x, c.x})));
-    const float right = std::min(static_cast<float>(canvas.width - 1), std::floor(std::max({a.x, b.x, c.x})));
+    const float right =
+        std::min(static_cast<float>(canvas.width - 1), std::floor(std::max({a.x, b.x, c.x})));
     const float top = std::max(0.0f, std::ceil(std::min({a.y, b.y, c.y})));
-    const float bottom = std::min(static_cast<float>(canvas.height - 1), std::floor(std::max({a.y, b.y, c.y})));
+    const float bottom =
+        std::min(static_cast<float>(canvas.height - 1), std::floor(std::max({a.y, b.y, c.y})));
     if (left > right || top > bottom) return;
     const float inv = 1.0f / area;
     const int x0 = static_cast<int>(left), x1 = static_cast<int>(right);
@@ -188,8 +197,9 @@ void DrawHead(const SynthPerson& person, const SynthPose& pose, const Camera& ca
             const size_t k = static_cast<size_t>(j) * n + i;
             Vertex& out = vertices[k];
             camera.Project(&person.vertices[3 * k], out.x, out.y, out.z);
-            out.shade = pose.ambient +
-                        pose.diffuse * std::max(0.0f, camera.RotatedDot(&person.normals[3 * k], light));
+            out.shade =
+                pose.ambient +
+                pose.diffuse * std::max(0.0f, camera.RotatedDot(&person.normals[3 * k], light));
             out.u = static_cast<float>(2 * i);
             out.v = static_cast<float>(2 * j);
         }
@@ -238,7 +248,7 @@ SynthFrame renderFrame(const SynthPerson& person, const SynthPose& pose, int wid
     Random noise(StreamSeed(pose.noiseSeed, 0x6e6f697365ull));
     for (size_t k = 0; k < count; ++k) {
         const float value = canvas.radiance[k] + pose.noise * noise.Gaussianish();
-        frame.pixels[k] = static_cast<unsigned char>(std::clamp(std::lround(value), 0L, 255L));
+        frame.pixels[k] = static_cast<unsigned char>(std::clamp(value, 0.0f, 255.0f) + 0.5f);
     }
     for (int k = 0; k < kPointCount; ++k) {
         float z;
