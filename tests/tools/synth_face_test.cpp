@@ -233,6 +233,12 @@ TEST(SynthRequests, BadRequestsGiveEmptyResults) {
     SynthPerson truncated = person;
     truncated.albedo.resize(100);
     EXPECT_FALSE(msmsynth::renderFrame(truncated, good, 320, 240).valid());
+    SynthPerson stretched = person;
+    stretched.vertices[3 * 64 * 128 + 3 * 64] = 1e30f;
+    EXPECT_FALSE(msmsynth::renderFrame(stretched, good, 320, 240).valid());
+    SynthPerson broken = person;
+    broken.albedo[500] = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(msmsynth::renderFrame(broken, good, 320, 240).valid());
 
     const float nan = std::numeric_limits<float>::quiet_NaN(),
                 inf = std::numeric_limits<float>::infinity();

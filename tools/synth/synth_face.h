@@ -83,10 +83,11 @@ SynthPerson makePerson(uint32_t seed, int index);
 // points with the same camera (orthographic, scale eyeDistance per mean eye distance); pixel
 // centres sit on whole coordinates.
 //
-// Returns an invalid (empty) frame when the size is outside 1 ... kMaxFrameSide, the person was
-// not made by makePerson, or the pose has a value that is not a finite number, an eyeDistance
-// outside [1, 2 * max(width, height)], a centre farther than 4 frame sizes outside the frame,
-// or an ambient, diffuse or noise value outside [0, 1000].
+// Returns an invalid (empty) frame when the size is outside 1 ... kMaxFrameSide; when the person
+// does not look made by makePerson (wrong sizes, a coordinate beyond 4 face units, a reflectance
+// outside [-1, 1], or a value that is not a number); or when the pose has a value that is not a
+// finite number, an eyeDistance outside [1, 2 * max(width, height)], a centre farther than 4
+// frame sizes outside the frame, or an ambient, diffuse or noise value outside [0, 1000].
 SynthFrame renderFrame(const SynthPerson& person, const SynthPose& pose, int width, int height);
 
 // One independent pose for a width x height frame: yaw up to 15 degrees, pitch and roll up to

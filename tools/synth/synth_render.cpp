@@ -85,11 +85,24 @@ bool PoseIsUsable(const SynthPose& p, int width, int height) {
     return true;
 }
 
+// Sizes, and coordinates within the head's reach, so that a hand-made person cannot make a
+// triangle cover the frame thousands of times over.
 bool PersonIsUsable(const SynthPerson& person) {
     const size_t n = static_cast<size_t>(kMeshSize) * kMeshSize;
-    return person.vertices.size() == 3 * n && person.normals.size() == 3 * n &&
-           person.cells.size() == static_cast<size_t>(kMeshSize - 1) * (kMeshSize - 1) &&
-           person.albedo.size() == static_cast<size_t>(kTextureSize) * kTextureSize;
+    if (person.vertices.size() != 3 * n || person.normals.size() != 3 * n ||
+        person.cells.size() != static_cast<size_t>(kMeshSize - 1) * (kMeshSize - 1) ||
+        person.albedo.size() != static_cast<size_t>(kTextureSize) * kTextureSize)
+        return false;
+    auto within = [](float v, float limit) { return v >= -limit && v <= limit; };
+    for (float v : person.vertices)
+        if (!within(v, 4.0f)) return false;
+    for (float v : person.normals)
+        if (!within(v, 1.001f)) return false;
+    for (float v : person.landmarks)
+        if (!within(v, 4.0f)) return false;
+    for (float v : person.albedo)
+        if (!within(v, 1.0f)) return false;
+    return true;
 }
 
 // A room behind the person: a lit gradient, a few soft-edged panels and a gentle ripple, all
