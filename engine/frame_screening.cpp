@@ -65,7 +65,10 @@ float correlationCoefficient(const unsigned char* a, const unsigned char* b, int
         aa += da * da;
         bb += db * db;
     }
-    return ab / (std::sqrt(aa) * std::sqrt(bb));
+    const float r = ab / (std::sqrt(aa) * std::sqrt(bb));
+    // Rounding can carry an image's correlation with itself past 1; a threshold of 1 must stay
+    // out of reach. A flat image's NaN passes through.
+    return r > 1.0f ? 1.0f : r;
 }
 
 }  // namespace msm

@@ -64,6 +64,10 @@ inline std::vector<unsigned char> ReadBytes(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+inline void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
 inline bool Exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
