@@ -10,5 +10,6 @@
 #include <msmface/PartsPosition.h>
 #include <msmface/RecogResult.h>
 #include <msmface/FaceRecognition.h>
+#include <msmface/FileSummary.h>
 
 #endif  // MSMFACE_MSMFACE_H

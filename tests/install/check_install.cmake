@@ -13,7 +13,7 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 foreach(header msmface.h export.h version.h numeric.h BasicImage.h IDDatabase.h PartsPosition.h
-       RecogResult.h FaceRecognition.h)
+       RecogResult.h FaceRecognition.h FileSummary.h)
     if(NOT EXISTS ${prefix}/include/msmface/${header})
         message(FATAL_ERROR "installed tree lacks include/msmface/${header}")
     endif()
