@@ -1,0 +1,145 @@
+// Running the built msmface program as a user would, and the files a user hands it: synthetic
+// camera frames written as PGM with their points files.
+#ifndef MSMFACE_TESTS_TOOLS_CLI_SUPPORT_H
+#define MSMFACE_TESTS_TOOLS_CLI_SUPPORT_H
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/synth/synth_face.h"
+
+namespace clitest {
+
+struct CliRun {
+    int status = -1;  // the exit code
+    std::string out;
+    std::string err;
+    // Lines of standard error, without the empty last one.
+    std::vector<std::string> errLines() const {
+        std::vector<std::string> lines;
+        std::istringstream in(err);
+        for (std::string l; std::getline(in, l);) lines.push_back(l);
+        return lines;
+    }
+};
+
+inline std::string ReadText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+inline bool Exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+// A fresh folder, removed with everything in it afterwards.
+class Scratch {
+  public:
+    Scratch() {
+        const char* base = std::getenv("MSMFACE_TEST_TMP");
+        const std::string root = base != nullptr ? base : "/tmp";
+        (void)std::system(("mkdir -p '" + root + "'").c_str());
+        std::string pattern = root + "/cliXXXXXX";
+        std::vector<char> buf(pattern.begin(), pattern.end());
+        buf.push_back('\0');
+        path_ = ::mkdtemp(buf.data()) != nullptr ? buf.data() : "";
+    }
+    ~Scratch() {
+        if (!path_.empty()) (void)std::system(("rm -rf '" + path_ + "'").c_str());
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+// Names in a folder, sorted.
+inline std::vector<std::string> Entries(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (dirent* e = ::readdir(d)) {
+            const std::string n = e->d_name;
+            if (n != "." && n != "..") names.push_back(n);
+        }
+        ::closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Runs the program with arguments (given as one shell-quoted string) in folder cwd.
+inline CliRun RunCli(const std::string& args, const std::string& cwd = ".") {
+    static int counter = 0;
+    const std::string errPath =
+        "/tmp/msmface-cli-err-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+    const std::string command =
+        "cd '" + cwd + "' && '" MSMFACE_CLI_PATH "' " + args + " 2>'" + errPath + "'";
+    CliRun r;
+    if (std::FILE* p = ::popen(command.c_str(), "r")) {
+        char buf[4096];
+        std::size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+        const int status = ::pclose(p);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    r.err = ReadText(errPath);
+    ::unlink(errPath.c_str());
+    return r;
+}
+
+inline void WritePgm(const std::string& path, int width, int height,
+                     const std::vector<unsigned char>& pixels) {
+    std::ofstream out(path, std::ios::binary);
+    out << "P5\n" << width << " " << height << "\n255\n";
+    out.write(reinterpret_cast<const char*>(pixels.data()),
+              static_cast<std::streamsize>(pixels.size()));
+}
+
+// Renders frames first ... first + count - 1 of take `take` of synthetic person `index` into
+// folder as <stem>_<k>.pgm and returns the points-file lines for them ("name x0 y0 ... y13").
+inline std::vector<std::string> WriteTake(const std::string& folder, const std::string& stem,
+                                          int index, uint32_t take, int count, int first = 0) {
+    const msmsynth::SynthPerson person = msmsynth::makePerson(7, index);
+    std::vector<std::string> lines;
+    int k = 0;
+    const std::vector<msmsynth::SynthPose> poses =
+        msmsynth::makeSequence(take, first + count, 320, 240);
+    for (std::size_t f0 = static_cast<std::size_t>(first); f0 < poses.size(); ++f0) {
+        const msmsynth::SynthPose& pose = poses[f0];
+        const msmsynth::SynthFrame f = msmsynth::renderFrame(person, pose, 320, 240);
+        const std::string name = stem + "_" + std::to_string(k++) + ".pgm";
+        WritePgm(folder + "/" + name, f.width, f.height, f.pixels);
+        std::ostringstream line;
+        line << name;
+        for (float v : f.points) line << " " << v;
+        lines.push_back(line.str());
+    }
+    return lines;
+}
+
+inline std::string Join(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& l : lines) text += l + "\n";
+    return text;
+}
+
+}  // namespace clitest
+
+#endif  // MSMFACE_TESTS_TOOLS_CLI_SUPPORT_H
