@@ -25,12 +25,13 @@ void CameraFrame(int who, int index, BasicImageFile& frame, PartsPosition& parts
     std::normal_distribution<double> noise(0.0, 4.0);
     const double cx = kSide / 2.0 + jitter(rng), ey = 68 + 4 * who + jitter(rng);
     const double gap = 34 + 6 * who, my = ey + 46 + 3 * who, ny = ey + 28;
-    const double pts[14][2] = {{cx - gap / 2, ey}, {cx + gap / 2, ey},  {cx - 6, ny},
-                               {cx + 6, ny},       {cx - 14, my},       {cx + 14, my},
+    const double pts[14][2] = {{cx - gap / 2, ey},     {cx + gap / 2, ey},
+                               {cx - 6, ny},           {cx + 6, ny},
+                               {cx - 14, my},          {cx + 14, my},
                                {cx - gap / 2 - 8, ey}, {cx - gap / 2 + 8, ey},
                                {cx + gap / 2 - 8, ey}, {cx + gap / 2 + 8, ey},
-                               {cx - 8, ey - 12},  {cx + 8, ey - 12},  {cx, ny - 4},
-                               {cx, my}};
+                               {cx - 8, ey - 12},      {cx + 8, ey - 12},
+                               {cx, ny - 4},           {cx, my}};
     for (int k = 0; k < 14; ++k) {
         parts.points[2 * k] = static_cast<int32_t>(std::lround(pts[k][0]));
         parts.points[2 * k + 1] = static_cast<int32_t>(std::lround(pts[k][1]));
@@ -62,8 +63,7 @@ std::deque<HumanID> records;
 // Enrolment: name first, then the frames, then the database entry.
 bool Enrol(FaceRecognition& engine, int id, const char* name, int who) {
     IDDatabase* db = engine.idDatabase;
-    if (!db->CheckIDNum(id) || !db->CheckIDName(name) || db->SetNewKeyname(name) != 1)
-        return false;
+    if (!db->CheckIDNum(id) || !db->CheckIDName(name) || db->SetNewKeyname(name) != 1) return false;
     engine.Set_RecogORRegist(2);
     engine.Reset_gather_counter();
     for (int k = 0; engine.Get_RecogORRegist() == 2; ++k) FeedFrame(engine, who, k);
