@@ -8,6 +8,7 @@
 
 #include "dictionary/atomic_file.h"
 #include "dictionary/byte_reader.h"
+#include "dictionary/packed_triangle.h"
 #include "dictionary/rows.h"
 #include "dictionary/stamp.h"
 
@@ -15,10 +16,6 @@ namespace {
 
 constexpr std::size_t kNumberBytes = 5;  // "M%04d"
 constexpr int kMaxMatrixNumber = 9999;
-
-int64_t packedElements(int64_t order) {
-    return order + order * (order - 1) / 2;
-}
 
 unsigned char numberOffset(std::size_t i) {
     return static_cast<unsigned char>(2 * (i + 17));
@@ -42,15 +39,9 @@ void CCOVImage::Release() {
 
 int CCOVImage::Allocate(int n) {
     Release();
-    int64_t e = packedElements(n);
-    if (n < 0 || 4 * e > std::numeric_limits<int32_t>::max()) return 0;
-    elements = static_cast<float*>(std::malloc(static_cast<std::size_t>(e == 0 ? 1 : e) * 4));
-    if (elements == nullptr) {
-        msm::reportNoMemory();
-        return 0;
-    }
+    // Its byte count must fit the 32-bit sizes the readers work with.
+    if (!msm::allocatePackedTriangle(n, 0, elements, elementCount)) return 0;
     order = n;
-    elementCount = static_cast<int32_t>(e);
     return 1;
 }
 
@@ -88,7 +79,7 @@ int CCOVImage::ReadBinary(const unsigned char* data, std::size_t size) {
         if (std::sscanf(digits, "%d", &m) != 1 || m < 0) return 0;
         if (!in.skip(static_cast<std::size_t>(movFillerLength(m)))) return 0;
     }
-    int64_t e = packedElements(o);
+    int64_t e = msm::packedElements(o);
     if (!in.fits(e, sizeof(float)) || !Allocate(o)) return 0;
     in.readFloats(elements, static_cast<std::size_t>(e));
     number = n;
@@ -103,7 +94,7 @@ int CCOVImage::ReadText(const unsigned char* data, std::size_t size) {
     int32_t n = 0, o = 0, d = 0, t = 0;
     if (!in.readInt(n) || !in.readInt(o) || !in.readInt(d) || !in.readInt(t)) return 0;
     if (n < 0 || o < 0) return 0;
-    int64_t e = packedElements(o);
+    int64_t e = msm::packedElements(o);
     // Each number takes at least one character.
     if (!msm::countFits(e, 1, in.remaining()) || !Allocate(o)) return 0;
     for (int64_t i = 0; i < e; ++i)
@@ -121,7 +112,7 @@ int CCOVImage::WriteBinary(const char* path) {
     time = stamp.time;
     char text[msm::kMatrixHeaderChars];
     if (!msm::formatMatrixHeader(number, order, date, time, text)) return 0;
-    if (elementCount != packedElements(order) || (elementCount > 0 && elements == nullptr))
+    if (elementCount != msm::packedElements(order) || (elementCount > 0 && elements == nullptr))
         return 0;
     if (matrixNumber > kMaxMatrixNumber) return 0;
     unsigned char header[msm::kMatrixHeaderChars];
@@ -147,7 +138,7 @@ int CCOVImage::WriteBinary(const char* path) {
 }
 
 int CCOVImage::WriteText(const char* path) const {
-    if (number < 0 || order < 0 || elementCount != packedElements(order) ||
+    if (number < 0 || order < 0 || elementCount != msm::packedElements(order) ||
         (elementCount > 0 && elements == nullptr))
         return 0;
     msm::AtomicFile file(path);

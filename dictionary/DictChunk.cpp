@@ -67,11 +67,8 @@ int DictChunk::ReadAll(const char* path) {
 int DictChunk::ReadBytes(const unsigned char* data, std::size_t size, int how, int skip,
                          int index) {
     msm::ByteReader in(data, size);
-    char signature[3];
     int32_t n = 0;
-    if (!in.readBytes(signature, 3) || signature[0] != kSignature[0] ||
-        signature[1] != kSignature[1] || signature[2] != kSignature[2])
-        return 0;
+    if (!in.expect(kSignature, sizeof kSignature)) return 0;
     Release();
     bool ok = in.readInt32(n) && in.fits(n, kRecordMinBytes) && Allocate(n);
     auto readRecordInto = [&](int i) {

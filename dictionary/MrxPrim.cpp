@@ -5,6 +5,7 @@
 
 #include "dictionary/atomic_file.h"
 #include "dictionary/byte_reader.h"
+#include "dictionary/packed_triangle.h"
 #include "dictionary/rows.h"
 #include "dictionary/stamp.h"
 
@@ -12,10 +13,6 @@ namespace {
 
 // The size field counts the header and the elements plus four bytes more than follow it.
 constexpr int64_t kSizeFieldExtra = 4 + static_cast<int64_t>(msm::kMatrixHeaderChars);
-
-int64_t packedElements(int64_t order) {
-    return order + order * (order - 1) / 2;
-}
 
 }  // namespace
 
@@ -31,16 +28,9 @@ void MrxPrim::Release() {
 
 int MrxPrim::Allocate(int n) {
     Release();
-    int64_t e = packedElements(n);
     // The record's size field must still fit an int32.
-    if (n < 0 || kSizeFieldExtra + 4 * e > std::numeric_limits<int32_t>::max()) return 0;
-    elements = static_cast<float*>(std::malloc(static_cast<std::size_t>(e == 0 ? 1 : e) * 4));
-    if (elements == nullptr) {
-        msm::reportNoMemory();
-        return 0;
-    }
+    if (!msm::allocatePackedTriangle(n, kSizeFieldExtra, elements, elementCount)) return 0;
     order = n;
-    elementCount = static_cast<int32_t>(e);
     return 1;
 }
 
@@ -50,7 +40,7 @@ int MrxPrim::WriteRecord(std::FILE* f) {
     time = stamp.time;
     char text[msm::kMatrixHeaderChars];
     if (!msm::formatMatrixHeader(number, order, date, time, text)) return 0;
-    if (elementCount != packedElements(order) || (elementCount > 0 && elements == nullptr))
+    if (elementCount != msm::packedElements(order) || (elementCount > 0 && elements == nullptr))
         return 0;
     unsigned char header[msm::kMatrixHeaderChars];
     msm::scrambleText(text, sizeof text, header);
@@ -66,7 +56,7 @@ int MrxPrim::ReadRecord(msm::ByteReader& in, int32_t sizeField) {
     bool ok = in.readBytes(header, sizeof header);
     if (ok) msm::unscrambleText(header, sizeof header, text);
     ok = ok && msm::parseMatrixHeader(text, n, o, d, t) && o >= 0;
-    int64_t e = ok ? packedElements(o) : 0;
+    int64_t e = ok ? msm::packedElements(o) : 0;
     ok = ok && sizeField == kSizeFieldExtra + 4 * e && in.fits(e, sizeof(float)) && Allocate(o);
     ok = ok && in.readFloats(elements, static_cast<std::size_t>(e));
     if (!ok) {

@@ -52,6 +52,12 @@ bool ByteReader::readBytes(void* dst, std::size_t n) {
     return true;
 }
 
+bool ByteReader::expect(const char* expected, std::size_t n) {
+    if (remaining() < n || std::memcmp(data_ + pos_, expected, n) != 0) return false;
+    pos_ += n;
+    return true;
+}
+
 bool ByteReader::readInt32(int32_t& v) {
     return readBytes(&v, sizeof v);
 }

@@ -34,6 +34,8 @@ class ByteReader {
     }
 
     bool readBytes(void* dst, std::size_t n);
+    // Consumes n bytes when they equal `expected` (a file signature); otherwise fails unmoved.
+    bool expect(const char* expected, std::size_t n);
     bool readInt32(int32_t& v);
     bool readFloats(float* dst, std::size_t n);
     bool readDoubles(double* dst, std::size_t n);

@@ -131,16 +131,16 @@ int eigen(int n, float** a, float* d, float* e) {
     int status = out.status;
     if (status == kConverged && out.negativeRow) status = kSweepLimitReached;
     sortFirstMaximumWins(n, d, a);
-    if (status == kSweepLimitReached) std::fputs("J < 0 ERROR :eigen\n", stderr);
-    if (status == kNegativeRoot) std::fputs("Sqrt  ERROR :eigen\n", stderr);
+    if (status == kSweepLimitReached) std::fputs("J < 0 ERROR :eigen", stderr);
+    if (status == kNegativeRoot) std::fputs("Sqrt  ERROR :eigen", stderr);
     return status;
 }
 
 int puf_eigen(int n, double** a, double* d, double* e) {
     msm::tridiagonalize(n, a, d, e);
     // Values this small are rounding residue of the reduction; clearing them lets rank-deficient
-    // autocorrelations deflate instead of chasing noise. e[n-1] is left as it is: kept, results
-    // of stored dictionaries depend on it.
+    // autocorrelations deflate instead of chasing noise. The clean-up stops at e[n-2] on purpose:
+    // kept, so that existing dictionaries are reproduced exactly.
     if (n > 0) {
         clearTiny(e, n - 1);
         clearTiny(d, n);

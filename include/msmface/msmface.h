@@ -7,5 +7,6 @@
 #include <msmface/numeric.h>
 #include <msmface/BasicImage.h>
 #include <msmface/IDDatabase.h>
+#include <msmface/PartsPosition.h>
 
 #endif  // MSMFACE_MSMFACE_H

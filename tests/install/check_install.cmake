@@ -12,7 +12,7 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(header msmface.h export.h version.h numeric.h BasicImage.h IDDatabase.h)
+foreach(header msmface.h export.h version.h numeric.h BasicImage.h IDDatabase.h PartsPosition.h)
     if(NOT EXISTS ${prefix}/include/msmface/${header})
         message(FATAL_ERROR "installed tree lacks include/msmface/${header}")
     endif()

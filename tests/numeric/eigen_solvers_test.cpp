@@ -195,7 +195,7 @@ TEST(Solvers, NanInputFailsWithTheSolversOwnReport) {
         const char* message;
     };
     for (const Expected& x :
-         {Expected{Solver::kEigen, "J < 0 ERROR :eigen\n"},
+         {Expected{Solver::kEigen, "J < 0 ERROR :eigen"},
           Expected{Solver::kPufEigen, "ERROR: PufEigen "}, Expected{Solver::kJacobi, ""},
           Expected{Solver::kNReigen, ""}, Expected{Solver::kNRDeigen, ""}}) {
         testing::internal::CaptureStderr();

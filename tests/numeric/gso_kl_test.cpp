@@ -1,5 +1,6 @@
 #include <cmath>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -161,6 +162,16 @@ TEST(KL, EigenvaluesAreAHundredTimesThoseOfTheAutocorrelation) {
 
 TEST(KL, FewerSamplesThanDimensions) {
     expectScaledAutocorrelationEigenpairs(50, 256, 6);
+}
+
+TEST(KL, FailsWhenBothAttemptsFail) {
+    Mat<float> x(3, 4), u(4, 4);
+    randomRows(x, 4);
+    x[1][0] = std::nanf("");
+    float lambda[4];
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(KL(3, 4, x.get(), u.get(), lambda), 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("ERROR: PufEigen "), std::string::npos);
 }
 
 TEST(KL, NoSamplesOrNoDimensionsFail) {
