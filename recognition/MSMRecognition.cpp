@@ -238,7 +238,8 @@ int MSMRecognition::RecognizeBySinglePattern(float* const* patterns, DictChunk* 
         ++scored;
     }
     pass.Finish();
-    int32_t best = results.candidates[0].similarity;
+    // Reallocating for all persons may have failed and left no lists.
+    int32_t best = results.length > 0 ? results.candidates[0].similarity : 0;
     if (bestScore != nullptr) *bestScore = best;
-    return scored == 0 ? -1 : results.candidates[0].id;
+    return scored == 0 || results.length == 0 ? -1 : results.candidates[0].id;
 }

@@ -351,9 +351,10 @@ int MWMSMRecognition::RecognizeInConstraintSpaces(float* const* patterns,
         ++scored;
     }
     pass.Finish();
-    int32_t best = results.candidates[0].similarity;
+    // Reallocating for all persons may have failed and left no lists.
+    int32_t best = results.length > 0 ? results.candidates[0].similarity : 0;
     if (bestScore != nullptr) *bestScore = best;
-    if (scored == 0) return -1;
+    if (scored == 0 || results.length == 0) return -1;
     return best > identifyThreshold ? results.candidates[0].id : -1;
 }
 

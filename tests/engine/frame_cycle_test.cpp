@@ -128,7 +128,9 @@ TEST_F(FrameCycle, MethodsWithoutComputationLeaveTheList) {
     host.Recognise(alice, 300, 6);
     RECOGRESULT before[10];
     std::memcpy(before, engine.Get_ResultRecog(), sizeof before);
-    auto unchanged = [&] { return std::memcmp(before, engine.Get_ResultRecog(), sizeof before) == 0; };
+    auto unchanged = [&] {
+        return std::memcmp(before, engine.Get_ResultRecog(), sizeof before) == 0;
+    };
     for (int method : {3, 5, 8, -1}) {
         engine.Set_recognitionmethod(method);
         EXPECT_EQ(host.Frame(bob, 700 + method), 13);

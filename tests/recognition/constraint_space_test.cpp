@@ -85,6 +85,8 @@ TEST_F(ConstraintSpaces, ListFileCases) {
               "Can't file open " + dir.File("absent.txt") + "\nInitialize C failed");
     EXPECT_EQ(Init("2 2 MSM MSM"), 1);
     EXPECT_EQ(rec.selectedSpace, 1);
+    EXPECT_EQ(Init("2 0 MSM MSM"), 1);
+    EXPECT_EQ(rec.selectedSpace, 0);
     EXPECT_EQ(Init("0"), 1);
     EXPECT_EQ(rec.spaceCount, 0);
 }
