@@ -49,7 +49,8 @@ bool MSMRecognition::AllocateBasisWork() {
     angleMatrix = msm::allocateRows<float>(K, K);
     eigenvalues = static_cast<float*>(std::calloc(K, sizeof(float)));
     offDiagonal = static_cast<float*>(std::calloc(K, sizeof(float)));
-    work_.gram = static_cast<int32_t*>(std::calloc(static_cast<std::size_t>(K) * K, 4));
+    work_.gram =
+        static_cast<int32_t*>(std::calloc(static_cast<std::size_t>(msm::gramEntries(K)), 4));
     inputQ14_ = msm::allocateRows<short>(channelCount * K, paddedDim, kShortAlign);
     bool ok = angleMatrix != nullptr && eigenvalues != nullptr && offDiagonal != nullptr &&
               work_.gram != nullptr && inputQ14_ != nullptr && inputBases.Allocate(channelCount);
