@@ -1,5 +1,9 @@
 #include <msmface/version.h>
 
-unsigned msmface_versionNumber() { return MSMFACE_VERSION_NUMBER; }
+unsigned msmface_versionNumber() {
+    return MSMFACE_VERSION_NUMBER;
+}
 
-const char* msmface_versionString() { return MSMFACE_VERSION_STRING; }
+const char* msmface_versionString() {
+    return MSMFACE_VERSION_STRING;
+}

@@ -8,5 +8,7 @@
 #include <msmface/BasicImage.h>
 #include <msmface/IDDatabase.h>
 #include <msmface/PartsPosition.h>
+#include <msmface/RecogResult.h>
+#include <msmface/FaceRecognition.h>
 
 #endif  // MSMFACE_MSMFACE_H

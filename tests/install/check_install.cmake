@@ -12,7 +12,8 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(header msmface.h export.h version.h numeric.h BasicImage.h IDDatabase.h PartsPosition.h)
+foreach(header msmface.h export.h version.h numeric.h BasicImage.h IDDatabase.h PartsPosition.h
+       RecogResult.h FaceRecognition.h)
     if(NOT EXISTS ${prefix}/include/msmface/${header})
         message(FATAL_ERROR "installed tree lacks include/msmface/${header}")
     endif()

@@ -21,6 +21,9 @@ int main() {
     free_matrix(inv);
     BasicImageFile image(4, 4, 8);
     ok = ok && image.width == 4;
+    FaceRecognition engine(320, 240);
+    ok = ok && engine.Get_DICACQUISITIONNUM() == 50 && engine.idDatabase->GetAllNum() == 0 &&
+         engine.FrameProcess(5) == 0;
     std::printf("msmface %s: %s\n", msmface_versionString(), ok ? "ok" : "wrong");
     return ok ? 0 : 1;
 }

@@ -1,0 +1,220 @@
+#include "engine/RecognitionEngine.h"
+
+#include <cstring>
+#include <new>
+
+#include "engine/tick_clock.h"
+
+RecognitionEngine::RecognitionEngine(int width, int height) {
+    faceImage = new (std::nothrow) BasicImageFile(64, 64, 8);
+    channelCount = msm::kEngineChannels;
+    try {
+        featureExtraction =
+            new FeatureExtraction(width, height, msm::kEngineDimension, msm::kEngineChannels);
+    } catch (const std::bad_alloc&) {
+        featureExtraction = nullptr;
+    }
+    idDatabase = new (std::nothrow) IDDatabase();
+    recognizer = new (std::nothrow) MWMSMRecognition(msm::kEngineDimension, msm::kEngineChannels);
+    if (recognizer != nullptr) {
+        resultValues = recognizer->results.scores;
+        resultIds = recognizer->results.indices;
+    }
+    workBuffer = new (std::nothrow) unsigned char[msm::kWorkBufferBytes]();
+}
+
+RecognitionEngine::~RecognitionEngine() {
+    delete faceImage;
+    delete recognizer;
+    delete idDatabase;
+    delete featureExtraction;
+    delete[] workBuffer;
+}
+
+int RecognitionEngine::NewestSlot() const {
+    const int counter = featureExtraction != nullptr ? featureExtraction->slotIndex : 0;
+    return counter == 0 ? msm::kSlotBeforeWrap : counter - 1;
+}
+
+bool RecognitionEngine::HasCurrentSpace() const {
+    return recognizer != nullptr && recognizer->learnedSpace >= 0 &&
+           recognizer->learnedSpace < recognizer->spaceCount;
+}
+
+// --- Frame cycle ------------------------------------------------------------------------------
+
+int RecognitionEngine::FrameProcess(int event) {
+    return RunFrame(event, FrameFamily::Plain);
+}
+
+int RecognitionEngine::FrameProcessMasking(int event) {
+    return RunFrame(event, FrameFamily::Masked);
+}
+
+void RecognitionEngine::ClearRecognition() {
+    if (recognizer == nullptr) return;
+    recognizer->Refresh_input();
+    msm::ResultLists& r = recognizer->results;
+    for (int i = 0; i < r.length; ++i) {
+        r.scores[i] = -i;
+        r.indices[i] = -1;
+        r.candidates[i] = {-1, -i};
+    }
+}
+
+void RecognitionEngine::RecognisePlain(int slot) {
+    float* const* patterns = featureExtraction->patternSlots[slot];
+    const int persons = idDatabase->count;
+    int best = 0;
+    switch (recognitionmethod) {
+        case 0:
+            recognizer->RecognizeBySinglePattern(patterns, idDatabase->dictionaries, persons,
+                                                 &best);
+            break;
+        case 1:
+            recognizer->RecognizeByInputSubspaces(patterns, idDatabase->dictionaries, persons,
+                                                  &best);
+            break;
+        case 2:
+        case 6:
+            recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
+                                                    idDatabase->numCS, 1, &best);
+            break;
+        case 4:
+        case 7:
+            recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
+                                                    idDatabase->numCS, recognizer->spaceCount,
+                                                    &best);
+            break;
+        default:  // 3, 5 and unknown methods compute nothing
+            break;
+    }
+}
+
+void RecognitionEngine::RecogniseMasked(int slot) {
+    float* const* patterns = featureExtraction->patternSlots[slot];
+    const int persons = idDatabase->count;
+    const unsigned char* mask = idDatabase->mask;
+    int best = 0;
+    switch (recognitionmethod) {
+        case 1:
+            recognizer->RecognizeByInputSubspaces(patterns, idDatabase->dictionaries, persons,
+                                                  &best, mask);
+            break;
+        case 2:
+            recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
+                                                    idDatabase->numCS, 1, &best, mask);
+            break;
+        case 4:
+        case 7:
+            recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
+                                                    idDatabase->numCS, recognizer->spaceCount,
+                                                    &best, mask);
+            break;
+        default:  // kept: 0 and 6 have no masked form
+            break;
+    }
+}
+
+int RecognitionEngine::RunFrame(int event, FrameFamily family) {
+    frameStartTick = msm::tickMilliseconds();
+    auto finish = [this](int code) {
+        frameEndTick = msm::tickMilliseconds();
+        recogTime = msm::elapsedMilliseconds(frameStartTick, frameEndTick);
+        return code;
+    };
+    if (event == 0) {
+        if (RecogORRegist == 1) {
+            ++NullFrames;
+            if (RefreshTime >= 0 && NullFrames > RefreshTime) {
+                ClearRecognition();
+                // kept: the count goes on rising while faces stay away
+                ++NullFrames;
+            }
+        }
+        return finish(10);
+    }
+    if (event == 1 || event == 4) return finish(11);
+    if (event != 2 && event != 3) return finish(0);
+
+    NullFrames = 0;
+    const int counter = featureExtraction != nullptr ? featureExtraction->slotIndex : -1;
+    switch (RecogORRegist) {
+        case 1: {
+            if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
+                idDatabase->count < 1)
+                return finish(0);
+            const int slot = NewestSlot();
+            if (family == FrameFamily::Plain)
+                RecognisePlain(slot);
+            else
+                RecogniseMasked(slot);
+            resultValues = recognizer->results.scores;
+            resultIds = recognizer->results.indices;
+            return finish(13);
+        }
+        case 2:
+            if (counter == DICACQUISITIONNUM) {
+                RecogORRegist = 0;
+                Registration();
+            }
+            return finish(12);
+        case 3:
+            if (counter == DICACQUISITIONNUM) {
+                RecogORRegist = 0;
+                Addition();
+            }
+            return finish(12);
+        default:
+            return finish(0);
+    }
+}
+
+RECOGRESULT* RecognitionEngine::Get_ResultRecog() {
+    return recognizer != nullptr ? recognizer->results.candidates : nullptr;
+}
+
+void RecognitionEngine::Refresh_input() {
+    if (recognizer != nullptr) recognizer->Refresh_input();
+}
+
+void RecognitionEngine::NoticeCompleteRecognition() {
+    if (recognizer != nullptr) recognizer->NoticeCompleteRecognition();
+}
+
+int RecognitionEngine::GetMulCount() {
+    return recognizer != nullptr ? recognizer->GetMulCount() : 0;
+}
+
+int RecognitionEngine::GetBufferCount() {
+    return recognizer != nullptr ? recognizer->GetBufferCount() : 0;
+}
+
+void RecognitionEngine::Set_RecognitionResultMode(int mode, int n) {
+    if (recognizer == nullptr) return;
+    recognizer->Set_RecognitionResultMode(mode, n);
+    resultValues = recognizer->results.scores;
+    resultIds = recognizer->results.indices;
+}
+
+// --- Image ------------------------------------------------------------------------------------
+
+int RecognitionEngine::FaceCropping(BasicImageFile* frame, BasicImageFile* colourFrame,
+                                    PartsPosition* parts, BasicImageFile* out) {
+    constexpr int kFaceSide = 64;
+    if (featureExtraction == nullptr || out == nullptr || out->pixels == nullptr ||
+        out->width != kFaceSide || out->height != kFaceSide || out->bitsPerPixel != 8)
+        return 4;
+    if (featureExtraction->NormaliseFrame(frame, colourFrame, parts, out->pixels) ==
+        FeatureExtraction::kNormaliseFailed)
+        return 4;
+    if (faceImage != nullptr && faceImage->pixels != nullptr)
+        std::memcpy(faceImage->pixels, out->pixels, kFaceSide * kFaceSide);
+    return 1;
+}
+
+void RecognitionEngine::image_size_set(int width, int height) {
+    imageWidth = width;
+    imageHeight = height;
+    if (featureExtraction != nullptr) featureExtraction->ReplaceFrameSnapshot(width, height);
+}

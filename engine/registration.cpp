@@ -1,0 +1,248 @@
+// Registration and addition: the gathered frames become a person's dictionary and files.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "engine/RecognitionEngine.h"
+#include "engine/frame_screening.h"
+#include "recognition/kl_expansion.h"
+
+namespace {
+
+constexpr int kFaceSide = 64;
+constexpr int kRingSlots = FeatureExtraction::kSlotCount;
+
+// Ring slot of the k-th of the n frames gathered before `counter` (k = 0 the oldest).
+int gatheredSlot(int counter, int n, int k) {
+    return ((counter - n + k) % kRingSlots + kRingSlots) % kRingSlots;
+}
+
+bool validGatherCount(int n) {
+    return n >= 1 && n <= kRingSlots;
+}
+
+}  // namespace
+
+std::string RecognitionEngine::PersonStem(const char* name) const {
+    return std::string(idDatabase->GetDicPath()) + "/" + name;
+}
+
+template <typename PatternAt, typename FaceAt>
+int RecognitionEngine::BuildRecords(int n, PatternAt patterns, FaceAt faces, MtrxChunk& records) {
+    std::vector<int> used;
+    if (BScreeningFlag == 1) {
+        std::vector<const unsigned char*> images(n);
+        for (int k = 0; k < n; ++k) images[k] = faces(k);
+        screeningCount = msm::screenFrames(images.data(), n, kFaceSide, kFaceSide, BScreeningThres,
+                                           screeningSelection);
+        for (int k = 0; k < n; ++k)
+            if (screeningSelection[k] == '1') used.push_back(k);
+    } else {
+        for (int k = 0; k < n; ++k) used.push_back(k);
+    }
+    if (records.Allocate(channelCount) != 1) return -1;
+    std::vector<float*> rows(used.size());
+    for (int c = 0; c < channelCount; ++c) {
+        for (std::size_t i = 0; i < used.size(); ++i) rows[i] = patterns(c, used[i]);
+        if (msm::buildAutocorrelationRecord(rows.data(), static_cast<int>(rows.size()),
+                                            msm::kEngineDimension, records.prims[c]) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+bool RecognitionEngine::ExpandRecords(const MtrxChunk& records, DictChunk& dictionaries) {
+    if (records.count != channelCount || dictionaries.Allocate(channelCount) != 1) return false;
+    float spectrum[msm::kEngineDimension];
+    const bool keepSpectrum = ReturnedEigenValueFlag == 1;
+    for (int c = 0; c < channelCount; ++c) {
+        if (msm::expandAutocorrelation(records.prims[c], dictionaries.prims[c],
+                                       keepSpectrum ? spectrum : nullptr) != 0)
+            return false;
+        if (keepSpectrum && workBuffer != nullptr)
+            std::memcpy(workBuffer, spectrum, sizeof spectrum);
+    }
+    const int minimum = std::max(msm::kMinBasisCount, recognizer->basisCount);
+    for (int c = 0; c < channelCount; ++c)
+        if (dictionaries.prims[c].count < minimum) return false;
+    return true;
+}
+
+bool RecognitionEngine::MergeRecords(MtrxChunk& stored, const MtrxChunk& added) const {
+    if (stored.count != channelCount || added.count != channelCount) return false;
+    for (int c = 0; c < channelCount; ++c) {
+        MrxPrim& s = stored.prims[c];
+        const MrxPrim& a = added.prims[c];
+        if (s.elements == nullptr || a.elements == nullptr || s.order != a.order ||
+            s.elementCount != a.elementCount)
+            return false;
+        if (s.number >= additionLimit) {
+            // Old sessions fade once a person has this many patterns.
+            for (int i = 0; i < s.elementCount; ++i) s.elements[i] *= additionRatio;
+            s.number = static_cast<int32_t>(static_cast<float>(s.number) * additionRatio);
+        }
+        for (int i = 0; i < s.elementCount; ++i) s.elements[i] += a.elements[i];
+        s.number += a.number;
+    }
+    return true;
+}
+
+bool RecognitionEngine::WritePersonFiles(const std::string& stem, MtrxChunk& records,
+                                         const DictChunk& dictionaries) {
+    return records.Write((stem + ".mck").c_str()) == 1 &&
+           dictionaries.Write((stem + ".dck").c_str(), LimitWriteVectNum, kDicPrimFloat) == 1;
+}
+
+void RecognitionEngine::RenewFaceImage(const std::string& stem) {
+    // Only the first picture that exists goes: a person has one.
+    if (unlink((stem + ".jpg").c_str()) != 0 && unlink((stem + ".fpi").c_str()) != 0)
+        unlink((stem + ".bmp").c_str());
+    if (featureExtraction->frameSnapshot != nullptr)
+        featureExtraction->frameSnapshot->WriteBmp((stem + ".bmp").c_str());
+}
+
+void RecognitionEngine::FailRegistration() {
+    RegistCondition = false;
+    RecogORRegist = 1;
+}
+
+int RecognitionEngine::Registration() {
+    RegistCondition = false;
+    RecogORRegist = 0;
+    const char* name = idDatabase != nullptr ? idDatabase->GetNewKeyname() : nullptr;
+    const int n = DICACQUISITIONNUM;
+    if (name == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
+        !validGatherCount(n)) {
+        FailRegistration();
+        return 1;
+    }
+    const std::string stem = PersonStem(name);
+    const int counter = featureExtraction->slotIndex;
+    FeatureExtraction& fx = *featureExtraction;
+    MtrxChunk records;
+    DictChunk dictionaries;
+    const bool built =
+        BuildRecords(
+            n, [&](int c, int k) { return fx.patternSlots[gatheredSlot(counter, n, k)][c]; },
+            [&](int k) {
+                return static_cast<const unsigned char*>(
+                    fx.normImages[gatheredSlot(counter, n, k)]->pixels);
+            },
+            records) == 0;
+    if (!built || !ExpandRecords(records, dictionaries)) {
+        FailRegistration();
+        return 1;
+    }
+    if (!WritePersonFiles(stem, records, dictionaries)) {
+        // A half-written person is no person: no ".mck" without its ".dck".
+        unlink((stem + ".mck").c_str());
+        FailRegistration();
+        return 1;
+    }
+    if (fx.frameSnapshot != nullptr) fx.frameSnapshot->WriteBmp((stem + ".bmp").c_str());
+    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
+        HasCurrentSpace()) {
+        recognizer->AddClassData(recognizer->pendingSet);
+        RecomputeCurrentSpace(idDatabase->count + 1);
+    }
+    RegistCondition = true;
+    RecogORRegist = 1;
+    return 1;
+}
+
+void RecognitionEngine::CompleteAddition(int inside, const MtrxChunk& added) {
+    const HumanID* person = idDatabase->humanIds[inside];
+    if (person == nullptr || person->keyname == nullptr) {
+        FailRegistration();
+        return;
+    }
+    const std::string stem = PersonStem(person->keyname);
+    MtrxChunk stored;
+    DictChunk dictionaries;
+    if (stored.ReadAll((stem + ".mck").c_str()) != 1 || !MergeRecords(stored, added) ||
+        !ExpandRecords(stored, dictionaries)) {
+        FailRegistration();
+        return;
+    }
+    const int sourceKind = constraintUpdateMode == 1 ? 1 : 0;
+    if (IncrementalCMSMspaceUpdate)
+        recognizer->ReadRemovedSet((stem + (sourceKind == 1 ? ".mck" : ".dck")).c_str(),
+                                   sourceKind);
+    if (!WritePersonFiles(stem, stored, dictionaries)) {
+        FailRegistration();
+        return;
+    }
+    if (RenewDicFaceImage) RenewFaceImage(stem);
+    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
+        HasCurrentSpace()) {
+        recognizer->RemoveClassData(recognizer->removedSet);
+        recognizer->AddClassData(recognizer->pendingSet);
+        RecomputeCurrentSpace(idDatabase->count);
+    }
+    RegistCondition = true;
+    RecogORRegist = 1;
+}
+
+int RecognitionEngine::Addition() {
+    RegistCondition = false;
+    RecogORRegist = 0;
+    const int inside = Addition_id;
+    const int n = DICACQUISITIONNUM;
+    if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
+        inside < 0 || inside >= idDatabase->count || !validGatherCount(n)) {
+        FailRegistration();
+        return 1;
+    }
+    const int counter = featureExtraction->slotIndex;
+    FeatureExtraction& fx = *featureExtraction;
+    MtrxChunk added;
+    if (BuildRecords(
+            n, [&](int c, int k) { return fx.patternSlots[gatheredSlot(counter, n, k)][c]; },
+            [&](int k) {
+                return static_cast<const unsigned char*>(
+                    fx.normImages[gatheredSlot(counter, n, k)]->pixels);
+            },
+            added) != 0) {
+        FailRegistration();
+        return 1;
+    }
+    CompleteAddition(inside, added);
+    return 1;
+}
+
+int RecognitionEngine::AdditionFromPrevRecog(int inside) {
+    RegistCondition = false;
+    Addition_id = inside;
+    RecogORRegist = 0;
+    if (recognizer == nullptr || recognizer->inputs == nullptr ||
+        recognizer->inputs[0].keptValid == 0) {
+        RecogORRegist = 1;
+        return 0;
+    }
+    int n = recognizer->GetBufferCount();
+    for (int c = 0; c < channelCount; ++c)
+        n = std::min({n, recognizer->inputs[c].keptCount, recognizer->inputs[c].maxSegments});
+    if (idDatabase == nullptr || featureExtraction == nullptr || inside < 0 ||
+        inside >= idDatabase->count || !validGatherCount(n)) {
+        FailRegistration();
+        return 1;
+    }
+    const int counter = featureExtraction->slotIndex;
+    FeatureExtraction& fx = *featureExtraction;
+    InputSubspace* inputs = recognizer->inputs;
+    MtrxChunk added;
+    if (BuildRecords(
+            n, [&](int c, int k) { return inputs[c].keptFrames[k]; },
+            [&](int k) {
+                return static_cast<const unsigned char*>(
+                    fx.normImages[gatheredSlot(counter, n, k)]->pixels);
+            },
+            added) != 0) {
+        FailRegistration();
+        return 1;
+    }
+    CompleteAddition(inside, added);
+    return 1;
+}
