@@ -6,9 +6,11 @@
 // lane, which is that same value modulo 2^32.
 #include "numeric/dot_kernels.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <initializer_list>
+#include <utility>
 
 #include <msmface/numeric.h>
 
@@ -56,6 +58,13 @@ __attribute__((target("sse2"))) uint32_t sumLanes(__m128i v) {
     return lane[0] + lane[1] + lane[2] + lane[3];
 }
 
+__attribute__((target("avx2"))) uint32_t sumLanes256(__m256i v) {
+    __m128i half = _mm_add_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+    __m128i pairs = _mm_add_epi32(half, _mm_shuffle_epi32(half, _MM_SHUFFLE(1, 0, 3, 2)));
+    __m128i total = _mm_add_epi32(pairs, _mm_shuffle_epi32(pairs, _MM_SHUFFLE(2, 3, 0, 1)));
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(total));
+}
+
 // Rounds of 32 elements in four accumulators of four 32-bit lanes each; unaligned loads cost
 // nothing on aligned data and keep a misaligned caller from faulting.
 __attribute__((target("sse2"))) int32_t dotSse2(const short* x, const short* y, int n) {
@@ -92,12 +101,46 @@ __attribute__((target("avx2"))) int32_t dotAvx2(const short* x, const short* y, 
         acc1 = _mm256_add_epi32(
             acc1, _mm256_madd_epi16(_mm256_loadu_si256(px + 1), _mm256_loadu_si256(py + 1)));
     }
-    __m256i acc = _mm256_add_epi32(acc0, acc1);
-    __m128i half = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
-    __m128i pairs = _mm_add_epi32(half, _mm_shuffle_epi32(half, _MM_SHUFFLE(1, 0, 3, 2)));
-    __m128i total = _mm_add_epi32(pairs, _mm_shuffle_epi32(pairs, _MM_SHUFFLE(2, 3, 0, 1)));
-    uint32_t s = static_cast<uint32_t>(_mm_cvtsi128_si32(total));
-    return static_cast<int32_t>(s + scalarTail(x, y, i, n));
+    return static_cast<int32_t>(sumLanes256(_mm256_add_epi32(acc0, acc1)) + scalarTail(x, y, i, n));
+}
+
+// Up to kMaxBlockRows rows against one shared vector: each 16-element piece of y is loaded once
+// and multiplied into one accumulator per row. Every row's sum is the same modulo 2^32 as its own
+// dotAvx2 call.
+template <int R>
+__attribute__((target("avx2"))) void dotRowsAvx2(const short* const* x, const short* y, int n,
+                                                 int32_t* out) {
+    __m256i acc[R];
+    for (int r = 0; r < R; ++r) acc[r] = _mm256_setzero_si256();
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i yv = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(y + i));
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const __m256i xv = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x[r] + i));
+            acc[r] = _mm256_add_epi32(acc[r], _mm256_madd_epi16(xv, yv));
+        }
+    }
+    for (int r = 0; r < R; ++r)
+        out[r] = static_cast<int32_t>(sumLanes256(acc[r]) + scalarTail(x[r], y, i, n));
+}
+
+template <int R>
+__attribute__((target("sse2"))) void dotRowsSse2(const short* const* x, const short* y, int n,
+                                                 int32_t* out) {
+    __m128i acc[R];
+    for (int r = 0; r < R; ++r) acc[r] = _mm_setzero_si128();
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m128i yv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + i));
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const __m128i xv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x[r] + i));
+            acc[r] = _mm_add_epi32(acc[r], _mm_madd_epi16(xv, yv));
+        }
+    }
+    for (int r = 0; r < R; ++r)
+        out[r] = static_cast<int32_t>(sumLanes(acc[r]) + scalarTail(x[r], y, i, n));
 }
 
 bool cpuHas(DotPath path) {
@@ -114,6 +157,65 @@ bool cpuHas(DotPath path) {
 }
 
 #endif  // MSM_DOT_X86
+
+// Rows beyond this many are taken in further blocks; eight accumulators and the shared piece of y
+// still fit the sixteen vector registers.
+constexpr int kMaxBlockRows = 8;
+using BlockKernel = void (*)(const short* const* x, const short* y, int n, int32_t* out);
+using BlockTable = std::array<BlockKernel, kMaxBlockRows + 1>;
+
+template <template <int> class Kernel, std::size_t... I>
+constexpr BlockTable blockTable(std::index_sequence<I...>) {
+    return BlockTable{nullptr, &Kernel<static_cast<int>(I) + 1>::run...};
+}
+
+void runBlocks(const BlockTable& table, const short* const* x, int rows, const short* y, int n,
+               int32_t* out) {
+    while (rows > 0) {
+        const int r = rows < kMaxBlockRows ? rows : kMaxBlockRows;
+        table[r](x, y, n, out);
+        x += r;
+        out += r;
+        rows -= r;
+    }
+}
+
+void dotRowsScalar(const short* const* x, int rows, const short* y, int n, int32_t* out) {
+    for (int r = 0; r < rows; ++r) out[r] = dotScalar(x[r], y, n);
+}
+
+#ifdef MSM_DOT_X86
+template <int R>
+struct Avx2Block {
+    static void run(const short* const* x, const short* y, int n, int32_t* out) {
+        dotRowsAvx2<R>(x, y, n, out);
+    }
+};
+template <int R>
+struct Sse2Block {
+    static void run(const short* const* x, const short* y, int n, int32_t* out) {
+        dotRowsSse2<R>(x, y, n, out);
+    }
+};
+constexpr BlockTable kAvx2Blocks = blockTable<Avx2Block>(std::make_index_sequence<kMaxBlockRows>{});
+constexpr BlockTable kSse2Blocks = blockTable<Sse2Block>(std::make_index_sequence<kMaxBlockRows>{});
+
+void dotRowsAvx2All(const short* const* x, int rows, const short* y, int n, int32_t* out) {
+    runBlocks(kAvx2Blocks, x, rows, y, n, out);
+}
+void dotRowsSse2All(const short* const* x, int rows, const short* y, int n, int32_t* out) {
+    runBlocks(kSse2Blocks, x, rows, y, n, out);
+}
+#endif
+
+void resolveAndDotRows(const short* const* x, int rows, const short* y, int n, int32_t* out);
+std::atomic<DotRowsKernel> activeRowsKernel{resolveAndDotRows};
+
+void resolveAndDotRows(const short* const* x, int rows, const short* y, int n, int32_t* out) {
+    DotRowsKernel k = dotRowsKernel(bestDotPath());
+    activeRowsKernel.store(k, std::memory_order_relaxed);
+    k(x, rows, y, n, out);
+}
 
 // Resolves the kernel on the first call and then stands aside: every later call of mmxdotp is
 // one relaxed load (a plain move on x86) and one indirect call. Concurrent first calls all store
@@ -145,6 +247,29 @@ DotKernel dotKernel(DotPath path) {
 #endif
     }
     return nullptr;
+}
+
+DotRowsKernel dotRowsKernel(DotPath path) {
+    if (dotKernel(path) == nullptr) return nullptr;
+    switch (path) {
+        case DotPath::Scalar:
+            return dotRowsScalar;
+#ifdef MSM_DOT_X86
+        case DotPath::Sse2:
+            return dotRowsSse2All;
+        case DotPath::Avx2:
+            return dotRowsAvx2All;
+#else
+        case DotPath::Sse2:
+        case DotPath::Avx2:
+            return nullptr;
+#endif
+    }
+    return nullptr;
+}
+
+void dotRows(const short* const* x, int rows, const short* y, int n, int32_t* out) {
+    activeRowsKernel.load(std::memory_order_relaxed)(x, rows, y, n, out);
 }
 
 DotPath bestDotPath() {

@@ -22,6 +22,20 @@ DotPath bestDotPath();
 
 const char* dotPathName(DotPath path);
 
+// Several dot products against one shared vector: out[i] = x[i] . y for i < rows, each exactly the
+// value mmxdotp gives for that pair. The shared vector is loaded once per block of rows instead of
+// once per product, which is what the subspace similarity (every input row against every
+// dictionary row) spends its time on.
+// requires: x[0..rows) and y hold n elements each; out holds rows values.
+using DotRowsKernel = void (*)(const short* const* x, int rows, const short* y, int n,
+                               int32_t* out);
+
+// As dotKernel, for the row-block form.
+DotRowsKernel dotRowsKernel(DotPath path);
+
+// The row-block form on the widest path of this CPU.
+void dotRows(const short* const* x, int rows, const short* y, int n, int32_t* out);
+
 }  // namespace msm
 
 #endif  // MSMFACE_NUMERIC_DOT_KERNELS_H

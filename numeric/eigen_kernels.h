@@ -21,13 +21,18 @@ inline T hypotenuse(T a, T b) {
     return b * std::sqrt(T(1) + r * r);
 }
 
-// Float squares cannot overflow or underflow in double, so no scaling (and no division) is needed;
-// this sits on the path of the 7 x 7 similarity problems.
+// Inside this range the float squares neither overflow nor lose precision to underflow, so the
+// hypotenuse is one float square root: it sits on the dependency chain of every rotation of the
+// 7 x 7 similarity problems. Outside it, the squares are formed in double.
 template <>
 inline float hypotenuse(float a, float b) {
-    const double x = a;
-    const double y = b;
-    return static_cast<float>(std::sqrt(x * x + y * y));
+    const float x = std::fabs(a);
+    const float y = std::fabs(b);
+    const float big = x > y ? x : y;
+    if (big < 1e18f && big > 1e-18f) return std::sqrt(x * x + y * y);
+    const double dx = x;
+    const double dy = y;
+    return static_cast<float>(std::sqrt(dx * dx + dy * dy));
 }
 
 // Dot product of two rows with four independent partial sums: the serial sum is bound by the

@@ -9,6 +9,12 @@
 
 #include "numeric/eigen_kernels.h"
 
+#if defined(__GNUC__)
+#define MSM_ALWAYS_INLINE inline __attribute__((always_inline))
+#else
+#define MSM_ALWAYS_INLINE inline
+#endif
+
 namespace msm {
 namespace {
 
@@ -18,7 +24,7 @@ constexpr int kQlIterationLimit = 300;
 // leaving the vector in row i and its scale h (0 when no reflection was needed) as the result.
 // e[0..i-1] serve as scratch for the product A·u.
 template <typename T>
-T reflectLeadingBlock(int i, T** a, T* e) {
+MSM_ALWAYS_INLINE T reflectLeadingBlock(int i, T** a, T* e) {
     const int len = i;  // elements 0..i-1 of row i are reduced to one
     T* u = a[i];
     T scale = 0;
@@ -65,8 +71,12 @@ T reflectLeadingBlock(int i, T** a, T* e) {
     return h;
 }
 
-template <typename T, bool kVectors>
-void reduce(int n, T** a, T* d, T* e) {
+// Order: the matrix order, or 0 to take it from the argument. A fixed order lets the compiler
+// unroll the small problems of the similarity; the arithmetic and its order are the same either
+// way, so both give identical results.
+template <typename T, bool kVectors, int Order = 0>
+void reduce(int order, T** a, T* d, T* e) {
+    const int n = Order > 0 ? Order : order;
     if (n <= 0) return;
     for (int i = n - 1; i >= 1; --i) d[i] = reflectLeadingBlock(i, a, e);
     d[0] = 0;
@@ -96,8 +106,9 @@ void reduce(int n, T** a, T* d, T* e) {
     }
 }
 
-template <typename T, bool kVectors>
-int ql(int n, T* d, T* e, T** z) {
+template <typename T, bool kVectors, int Order = 0>
+int ql(int order, T* d, T* e, T** z) {
+    const int n = Order > 0 ? Order : order;
     if (n <= 0) return 0;
     for (int i = 1; i < n; ++i) e[i - 1] = e[i];
     e[n - 1] = 0;
@@ -152,8 +163,9 @@ int ql(int n, T* d, T* e, T** z) {
 }
 
 // a may be null when only the eigenvalues are wanted.
-template <typename T>
-void sortGreaterOrEqual(int n, T* d, T** a) {
+template <typename T, int Order = 0>
+void sortGreaterOrEqual(int order, T* d, T** a) {
+    const int n = Order > 0 ? Order : order;
     for (int k = 0; k < n - 1; ++k) {
         int best = k;
         T top = d[k];
@@ -193,11 +205,22 @@ void sortDescending(int n, double* d, double** a) {
     sortGreaterOrEqual(n, d, a);
 }
 
-int symmetricEigenvalues(int n, float** a, float* d, float* e) {
-    reduce<float, false>(n, a, d, e);
-    const int result = ql<float, false>(n, d, e, static_cast<float**>(nullptr));
-    sortGreaterOrEqual(n, d, static_cast<float**>(nullptr));
+namespace {
+
+template <int Order>
+int eigenvaluesOnly(int n, float** a, float* d, float* e) {
+    reduce<float, false, Order>(n, a, d, e);
+    const int result = ql<float, false, Order>(n, d, e, static_cast<float**>(nullptr));
+    sortGreaterOrEqual<float, Order>(n, d, static_cast<float**>(nullptr));
     return result;
+}
+
+}  // namespace
+
+int symmetricEigenvalues(int n, float** a, float* d, float* e) {
+    // The recogniser's default basis count has its own unrolled copy.
+    if (n == 7) return eigenvaluesOnly<7>(n, a, d, e);
+    return eigenvaluesOnly<0>(n, a, d, e);
 }
 
 }  // namespace msm

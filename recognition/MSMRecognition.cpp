@@ -7,6 +7,7 @@
 
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
+#include "recognition/dictionary_prefetch.h"
 
 namespace {
 
@@ -49,7 +50,8 @@ bool MSMRecognition::AllocateBasisWork() {
     angleMatrix = msm::allocateRows<float>(K, K);
     eigenvalues = static_cast<float*>(std::calloc(K, sizeof(float)));
     offDiagonal = static_cast<float*>(std::calloc(K, sizeof(float)));
-    work_.gram = static_cast<int32_t*>(std::calloc(static_cast<std::size_t>(K) * K, 4));
+    work_.gram =
+        static_cast<int32_t*>(std::calloc(static_cast<std::size_t>(msm::gramEntries(K)), 4));
     inputQ14_ = msm::allocateRows<short>(channelCount * K, paddedDim, kShortAlign);
     bool ok = angleMatrix != nullptr && eigenvalues != nullptr && offDiagonal != nullptr &&
               work_.gram != nullptr && inputQ14_ != nullptr && inputBases.Allocate(channelCount);
@@ -175,7 +177,11 @@ int MSMRecognition::RecognizeByInputSubspaces(float* const* patterns, DictChunk*
     msm::RankingStyle style;
     msm::RankingPass pass(results, resultMode, personCount, style);
     int scored = 0;
+    const msm::DictionaryPrefetcher prefetch(&DicPrim::qrows, channelCount, basisCount,
+                                             paddedDim * static_cast<int>(sizeof(short)));
+    auto chunkAt = [persons](int i) -> const DictChunk* { return persons + i; };
     for (int p = 0; persons != nullptr && p < personCount; ++p) {
+        prefetch.Ahead(p, personCount, chunkAt);
         if (mask != nullptr && mask[p] == 0) continue;
         double sum = 0.0;
         double last = 0.0;

@@ -21,6 +21,7 @@ namespace msm {
 constexpr int kMaxChannels = 64;
 constexpr int kMinBasisCount = 3;
 constexpr int kMaxBasisCount = 20;
+static_assert(kMaxBasisCount <= kMaxSimilarityRows, "the similarity scratch holds every basis");
 // Dictionary vectors that the single-pattern method always uses, whatever the basis count.
 constexpr int kSinglePatternVectors = 7;
 }  // namespace msm

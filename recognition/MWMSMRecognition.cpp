@@ -9,6 +9,7 @@
 
 #include "dictionary/MtrxChunk.h"
 #include "dictionary/rows.h"
+#include "recognition/dictionary_prefetch.h"
 
 namespace {
 
@@ -332,7 +333,13 @@ int MWMSMRecognition::RecognizeInConstraintSpaces(float* const* patterns,
     style.topThreeTestsLastChannel = false;
     msm::RankingPass pass(results, resultMode, personCount, style);
     int scored = 0;
+    const msm::DictionaryPrefetcher prefetch(&DicPrim::srows, channelCount, basisCount,
+                                             paddedDim * static_cast<int>(sizeof(short)));
     for (int p = 0; projected != nullptr && p < personCount; ++p) {
+        for (int s = 0; s < used; ++s)
+            prefetch.Ahead(p, personCount, [projected, s](int i) -> const DictChunk* {
+                return projected[i] != nullptr ? projected[i] + s : nullptr;
+            });
         if (mask != nullptr && mask[p] == 0) continue;
         double value = 0.0;
         for (int s = 0; projected[p] != nullptr && s < used; ++s) {

@@ -6,40 +6,43 @@
 
 #include <msmface/numeric.h>
 
+#include "numeric/dot_kernels.h"
 #include "numeric/eigen_steps.h"
 
 namespace msm {
-
-namespace {
-
-// 32-bit sums as the 16-bit multiply-add hardware forms them: wrapping, never undefined.
-inline int32_t wrappingMulAdd(int32_t acc, int32_t x, int32_t y) {
-    return static_cast<int32_t>(static_cast<uint32_t>(acc) +
-                                static_cast<uint32_t>(x) * static_cast<uint32_t>(y));
-}
-
-}  // namespace
 
 float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
                             int distNum, SimilarityWork& work) {
     const int K = work.K;
     const int rows = std::clamp(aRows, 0, K);
-    int32_t* g = work.gram;
-    // Each u_i . a_k once: X needs every pair (i, j) of them per k.
-    for (int i = 0; i < K; ++i) {
-        int32_t* gi = g + i * K;
-        for (int k = 0; k < rows; ++k) gi[k] = mmxdotp(u[i], a[k], paddedLength) >> 14;
-        for (int k = rows; k < K; ++k) gi[k] = 0;
+    const int stride = gramStride(K);
+    uint32_t* gt = reinterpret_cast<uint32_t*>(work.gram);
+    // Column k of G, (u_i . a_k) >> 14 for every i, comes from one pass over dictionary row k (the
+    // same sums mmxdotp forms, each dictionary row read once) and is stored as row k of Gᵀ, padded
+    // with zeros to the stride so that the products below run over whole lanes.
+    int32_t column[kMaxSimilarityRows];
+    for (int k = 0; k < rows; ++k) {
+        dotRows(u, K, a[k], paddedLength, column);
+        uint32_t* gk = gt + k * stride;
+        for (int i = 0; i < K; ++i) gk[i] = static_cast<uint32_t>(column[i] >> 14);
+        for (int i = K; i < stride; ++i) gk[i] = 0;
     }
+    // X_ij = (sum_k g_ik g_jk) >> 14, eight j at a time. Dictionary rows missing from rows on are
+    // zero vectors and add nothing. Sums wrap modulo 2^32 like the 32-bit hardware sums.
     for (int i = 0; i < K; ++i) {
-        const int32_t* gi = g + i * K;
-        for (int j = i; j < K; ++j) {
-            const int32_t* gj = g + j * K;
-            int32_t sum = 0;
-            for (int k = 0; k < K; ++k) sum = wrappingMulAdd(sum, gi[k], gj[k]);
-            float x = static_cast<float>(sum >> 14);
-            work.angle[i][j] = x;
-            work.angle[j][i] = x;
+        for (int jb = i - i % kGramLanes; jb < K; jb += kGramLanes) {
+            uint32_t acc[kGramLanes] = {};
+            for (int k = 0; k < rows; ++k) {
+                const uint32_t gik = gt[k * stride + i];
+                const uint32_t* gk = gt + k * stride + jb;
+                for (int l = 0; l < kGramLanes; ++l) acc[l] += gik * gk[l];
+            }
+            const int end = std::min(jb + kGramLanes, K);
+            for (int j = std::max(jb, i); j < end; ++j) {
+                const float x = static_cast<float>(static_cast<int32_t>(acc[j - jb]) >> 14);
+                work.angle[i][j] = x;
+                work.angle[j][i] = x;
+            }
         }
     }
     if (symmetricEigenvalues(K, work.angle, work.eigenvalues, work.offDiagonal) != 0) return 0.0f;

@@ -7,6 +7,18 @@
 
 namespace msm {
 
+// The most basis vectors a similarity takes (the recogniser accepts 3 to 20).
+constexpr int kMaxSimilarityRows = 20;
+// Lanes of the products that form X; rows of the gram scratch are padded to a multiple of them.
+constexpr int kGramLanes = 8;
+constexpr int gramStride(int K) {
+    return (K + kGramLanes - 1) / kGramLanes * kGramLanes;
+}
+// Entries of the gram scratch for K basis vectors.
+constexpr int gramEntries(int K) {
+    return K * gramStride(K);
+}
+
 // Scratch for one similarity, sized for K basis vectors and reused for every pair, so that the
 // per-person work allocates nothing.
 struct SimilarityWork {
@@ -14,7 +26,7 @@ struct SimilarityWork {
     float** angle = nullptr;       // K x K, destroyed by each computation
     float* eigenvalues = nullptr;  // K
     float* offDiagonal = nullptr;  // K
-    int32_t* gram = nullptr;       // K x K, row i: (u_i . a_k) >> 14
+    int32_t* gram = nullptr;       // gramEntries(K): row k holds (u_i . a_k) >> 14 for every i
 };
 
 // Similarity in Q14 units (16384 = the subspaces share a direction exactly) of the dictionary
@@ -23,8 +35,8 @@ struct SimilarityWork {
 // the largest eigenvalue of X; otherwise the mean of the distNum largest (distNum is capped at
 // K; 0 gives 0/0, a NaN, which truncScore turns into its defined value). 0 when the eigenvalue
 // iteration reports failure.
-// requires: work sized for K; u holds K rows and a at least min(aRows, K) rows, all of
-// paddedLength values.
+// requires: work sized for K <= kMaxSimilarityRows; u holds K rows and a at least min(aRows, K)
+// rows, all of paddedLength values.
 float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
                             int distNum, SimilarityWork& work);
 

@@ -134,3 +134,37 @@ TEST(DotKernels, OddLengthsAndMisalignedArraysStayInBounds) {
 }
 
 }  // namespace
+
+namespace {
+
+// The row-block form must give, row for row, exactly what the single product gives, for every
+// block size (including the split of more than eight rows), odd lengths and wrap-around values.
+TEST(DotKernels, RowBlocksEqualOneProductPerRowOnEveryPath) {
+    std::mt19937 rng(57);
+    std::uniform_int_distribution<int> value(-32768, 32767);
+    for (int rows : {1, 2, 3, 7, 8, 9, 17, 20}) {
+        for (int n : {0, 5, 31, 256, 263}) {
+            std::vector<std::vector<short>> x(rows, std::vector<short>(n));
+            std::vector<const short*> xp;
+            for (auto& row : x) {
+                for (short& v : row) v = static_cast<short>(value(rng));
+                xp.push_back(row.data());
+            }
+            std::vector<short> y(n);
+            for (short& v : y) v = static_cast<short>(rows % 2 ? -32768 : value(rng));
+            for (DotPath p : availablePaths()) {
+                std::vector<int32_t> out(rows, 12345);
+                msm::dotRowsKernel(p)(xp.data(), rows, y.data(), n, out.data());
+                for (int r = 0; r < rows; ++r)
+                    EXPECT_EQ(out[r], exactModulo32(x[r].data(), y.data(), n))
+                        << msm::dotPathName(p) << " rows=" << rows << " n=" << n << " r=" << r;
+            }
+            std::vector<int32_t> out(rows);
+            msm::dotRows(xp.data(), rows, y.data(), n, out.data());
+            for (int r = 0; r < rows; ++r)
+                EXPECT_EQ(out[r], exactModulo32(x[r].data(), y.data(), n));
+        }
+    }
+}
+
+}  // namespace

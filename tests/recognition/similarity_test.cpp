@@ -1,11 +1,18 @@
 // The fixed-point similarity of subspaces against a double-precision computation of their
 // canonical angles, and the conversion of similarities to scores.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
+#include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include <msmface/numeric.h>
+
+#include "numeric/eigen_steps.h"
 #include "recognition/MSMRecognition.h"
 #include "subspaces.h"
 
@@ -101,6 +108,59 @@ TEST(TruncScore, TowardZeroAndDefinedOutsideTheRange) {
     EXPECT_EQ(msm::truncScore(-12.5), -12);
     EXPECT_EQ(msm::truncScore(std::nan("")), std::numeric_limits<int32_t>::min());
     EXPECT_EQ(msm::truncScore(1e12), std::numeric_limits<int32_t>::min());
+}
+
+}  // namespace
+
+namespace {
+
+// The fixed-point matrix X written out the plain way: one mmxdotp per (i, k), the sum over k in a
+// wrapping 32-bit integer. The fast path must give the same X, so the same eigenvalues bit for
+// bit, also when the products wrap and when the dictionary has fewer rows than the input.
+float literalSimilarity(short** a, int aRows, short** u, int K, int Dp) {
+    std::vector<int32_t> g(static_cast<std::size_t>(K) * K, 0);
+    for (int i = 0; i < K; ++i)
+        for (int k = 0; k < std::min(aRows, K); ++k) g[i * K + k] = mmxdotp(u[i], a[k], Dp) >> 14;
+    float** x = newmat(K, K);
+    for (int i = 0; i < K; ++i) {
+        for (int j = i; j < K; ++j) {
+            uint32_t sum = 0;
+            for (int k = 0; k < K; ++k)
+                sum += static_cast<uint32_t>(g[i * K + k]) * static_cast<uint32_t>(g[j * K + k]);
+            x[i][j] = x[j][i] = static_cast<float>(static_cast<int32_t>(sum) >> 14);
+        }
+    }
+    std::vector<float> d(K), e(K);
+    msm::symmetricEigenvalues(K, x, d.data(), e.data());
+    free_matrix(x);
+    return d[0];
+}
+
+TEST(SimilarityFixedPoint, EqualsTheLiteralFormulaBitForBit) {
+    std::mt19937 rng(11);
+    for (int K : {3, 7, 8, 9, 20}) {
+        MSMRecognition rec{256, 5};
+        ASSERT_EQ(rec.Change_need_eigen_num(K), 1);
+        for (int trial = 0; trial < 20; ++trial) {
+            // Wide values make the 32-bit sums wrap; small ones keep them exact.
+            const int range = trial % 2 ? 32767 : 3000;
+            std::uniform_int_distribution<int> value(-range, range);
+            short** a = newsmat(K, 256);
+            short** u = newsmat(K, 256);
+            for (int r = 0; r < K; ++r)
+                for (int c = 0; c < 256; ++c) {
+                    a[r][c] = static_cast<short>(value(rng));
+                    u[r][c] = static_cast<short>(value(rng));
+                }
+            const int aRows = trial % 3 == 0 ? K - 2 : K;
+            const float fast = rec.SubspaceSimilarity(a, aRows, u);
+            const float literal = literalSimilarity(a, aRows, u, K, 256);
+            EXPECT_EQ(std::memcmp(&fast, &literal, sizeof fast), 0)
+                << "K=" << K << " trial=" << trial << " fast=" << fast << " literal=" << literal;
+            free_smatrix(a);
+            free_smatrix(u);
+        }
+    }
 }
 
 }  // namespace
