@@ -21,48 +21,15 @@
 
 #include <msmface/FaceRecognition.h>
 
+#include "common/scratch_dir.h"
+
 namespace enginetest {
 
 constexpr int kFrameSide = 160;
 
-// A fresh folder, removed with its files afterwards.
-class ScratchDir {
-  public:
-    ScratchDir() {
-        const char* base = std::getenv("MSMFACE_TEST_TMP");
-        std::string root = base != nullptr ? base : "/tmp";
-        (void)std::system(("mkdir -p '" + root + "'").c_str());
-        std::string pattern = root + "/engineXXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        path_ = mkdtemp(buf.data()) != nullptr ? buf.data() : "";
-    }
-    ~ScratchDir() {
-        for (const std::string& name : Entries()) ::unlink((path_ + "/" + name).c_str());
-        ::rmdir(path_.c_str());
-    }
-    const std::string& path() const { return path_; }
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-    std::vector<std::string> Entries() const {
-        std::vector<std::string> names;
-        if (DIR* d = ::opendir(path_.c_str())) {
-            while (dirent* e = ::readdir(d))
-                if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-                    names.push_back(e->d_name);
-            ::closedir(d);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+using ScratchDir = msmtest::ScratchDir;
 
-  private:
-    std::string path_;
-};
-
-inline std::vector<unsigned char> ReadBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using msmtest::ReadBytes;
 
 inline void WriteText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

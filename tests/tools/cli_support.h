@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/scratch_dir.h"
 #include "tools/synth/synth_face.h"
 
 namespace clitest {
@@ -46,29 +47,7 @@ inline bool Exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-// A fresh folder, removed with everything in it afterwards.
-class Scratch {
-  public:
-    Scratch() {
-        const char* base = std::getenv("MSMFACE_TEST_TMP");
-        const std::string root = base != nullptr ? base : "/tmp";
-        (void)std::system(("mkdir -p '" + root + "'").c_str());
-        std::string pattern = root + "/cliXXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        path_ = ::mkdtemp(buf.data()) != nullptr ? buf.data() : "";
-    }
-    ~Scratch() {
-        if (!path_.empty()) (void)std::system(("rm -rf '" + path_ + "'").c_str());
-    }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
+using Scratch = msmtest::ScratchDir;
 
 // Names in a folder, sorted.
 inline std::vector<std::string> Entries(const std::string& dir) {
