@@ -164,6 +164,38 @@ void BM_eigenvalues_only_7x7(benchmark::State& state) {
 }
 BENCHMARK(BM_eigenvalues_only_7x7);
 
+// Eight 7 x 7 problems one after the other (arg 0) or side by side (arg 1); the results must agree.
+void BM_eight_7x7(benchmark::State& state) {
+    constexpr int n = 7;
+    constexpr int count = 8;
+    std::vector<std::vector<float>> problems(count);
+    for (int p = 0; p < count; ++p) {
+        const std::vector<double> a = randomSymmetric(n, 100 + p);
+        problems[p].assign(a.begin(), a.end());
+    }
+    std::vector<const float*> in;
+    std::vector<std::vector<float>> values(count, std::vector<float>(n)), check(values);
+    std::vector<float*> out, checkOut;
+    for (int p = 0; p < count; ++p) {
+        in.push_back(problems[p].data());
+        out.push_back(values[p].data());
+        checkOut.push_back(check[p].data());
+    }
+    int results[count], checkResults[count];
+    const bool batch = state.range(0) == 1;
+    for (auto _ : state) {
+        if (batch)
+            msm::symmetricEigenvaluesBatch(n, count, in.data(), out.data(), results);
+        else
+            msm::symmetricEigenvaluesEach(n, count, in.data(), out.data(), results);
+        benchmark::DoNotOptimize(values.data());
+    }
+    msm::symmetricEigenvaluesEach(n, count, in.data(), checkOut.data(), checkResults);
+    if (values != check) state.SkipWithError("batch and one-by-one eigenvalues differ");
+    state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BM_eight_7x7)->Arg(0)->Arg(1);
+
 }  // namespace
 
 BENCHMARK_MAIN();

@@ -34,6 +34,23 @@ void sortDescending(int n, double* d, double** a);
 // descending order; e is work of n. Returns what the QL step returns. Does not allocate.
 int symmetricEigenvalues(int n, float** a, float* d, float* e);
 
+// The largest order the batch entries take.
+constexpr int kMaxBatchOrder = 20;
+
+// Eigenvalues of count independent symmetric n x n problems: matrices[p] holds problem p as n * n
+// floats, row after row (only the lower triangle is read; nothing is written there);
+// eigenvalues[p] receives its n eigenvalues in descending order and results[p] the value
+// symmetricEigenvalues returns for it, with eigenvalues identical to that entry's bit for bit (a
+// NaN stays a NaN, its payload may differ). Up to eight problems are solved side by side in SIMD
+// lanes where the processor has them. Returns 0, or -1 (nothing written) when n lies outside
+// 0..kMaxBatchOrder or count is negative. Does not allocate. Thread-safe.
+int symmetricEigenvaluesBatch(int n, int count, const float* const* matrices,
+                              float* const* eigenvalues, int* results);
+// The same contract, one problem after the other through symmetricEigenvalues: the reference the
+// batch is measured and checked against.
+int symmetricEigenvaluesEach(int n, int count, const float* const* matrices,
+                             float* const* eigenvalues, int* results);
+
 }  // namespace msm
 
 #endif  // MSMFACE_NUMERIC_EIGEN_STEPS_H

@@ -57,6 +57,13 @@ bool MSMRecognition::AllocateBasisWork() {
               work_.gram != nullptr && inputQ14_ != nullptr && inputBases.Allocate(channelCount);
     for (int c = 0; ok && c < channelCount; ++c)
         ok = inputBases.prims[c].Allocate(dimension, K, kDicPrimFloat) == 1;
+    ok = ok && batch_.Reserve(K, msm::kPersonsPerBatch * channelCount);
+    try {
+        pendingPersons_.resize(msm::kPersonsPerBatch);
+        pendingSlots_.resize(static_cast<std::size_t>(msm::kPersonsPerBatch) * channelCount);
+    } catch (const std::bad_alloc&) {
+        ok = false;
+    }
     if (!ok) {
         msm::reportNoMemory();
         ReleaseBasisWork();
@@ -157,15 +164,42 @@ float MSMRecognition::SubspaceSimilarity(short* const* a, int aRows, short* cons
     return msm::q14SubspaceSimilarity(a, aRows, u, paddedDim, subspaceDistNum, work_);
 }
 
-float MSMRecognition::ChannelSimilarity(DictChunk& person, int c) {
-    if (c >= person.count || person.prims == nullptr) return 0.0f;
+int MSMRecognition::AddPair(short* const* a, int aRows, short* const* u) {
+    int slot = -1;
+    float* x = batch_.Add(&slot);
+    if (x == nullptr) return -1;
+    msm::formSimilarityMatrix(a, aRows, u, paddedDim, work_, x);
+    return slot;
+}
+
+int MSMRecognition::AddChannel(DictChunk& person, int c) {
+    if (c >= person.count || person.prims == nullptr) return -1;
     DicPrim& prim = person.prims[c];
-    if (prim.dim != dimension) return 0.0f;
+    if (prim.dim != dimension) return -1;
     // Dictionaries read by the database come prepared; one made elsewhere is prepared once here.
-    if (prim.qrows == nullptr && prim.PrepareQ14Rows() != 1) return 0.0f;
-    if (prim.qLength < paddedDim) return 0.0f;
+    if (prim.qrows == nullptr && prim.PrepareQ14Rows() != 1) return -1;
+    if (prim.qLength < paddedDim) return -1;
     int rows = std::min(prim.count, prim.allocatedRows);
-    return SubspaceSimilarity(prim.qrows, rows, InputRows(c));
+    return AddPair(prim.qrows, rows, InputRows(c));
+}
+
+void MSMRecognition::ScorePending(msm::RankingPass& pass) {
+    batch_.Solve();
+    for (int q = 0; q < pendingCount_; ++q) {
+        const int* slots = pendingSlots_.data() + q * channelCount;
+        double sum = 0.0;
+        double last = 0.0;
+        for (int c = 0; c < channelCount; ++c) {
+            const float similarity =
+                slots[c] < 0 ? 0.0f : batch_.Similarity(slots[c], subspaceDistNum);
+            last = similarity * (1.0 / 16384.0);
+            sum += last;
+        }
+        double value = sum / channelCount;
+        pass.Offer(pendingPersons_[q], msm::truncScore(1000.0 * value), value, last);
+    }
+    batch_.Clear();
+    pendingCount_ = 0;
 }
 
 int MSMRecognition::RecognizeByInputSubspaces(float* const* patterns, DictChunk* persons,
@@ -180,19 +214,20 @@ int MSMRecognition::RecognizeByInputSubspaces(float* const* patterns, DictChunk*
     const msm::DictionaryPrefetcher prefetch(&DicPrim::qrows, channelCount, basisCount,
                                              paddedDim * static_cast<int>(sizeof(short)));
     auto chunkAt = [persons](int i) -> const DictChunk* { return persons + i; };
+    // Each person's matrices are formed when its turn comes, so that the prefetch stays one
+    // person ahead of the reads; their eigenvalues wait for a batch of persons.
+    batch_.Clear();
+    pendingCount_ = 0;
     for (int p = 0; persons != nullptr && p < personCount; ++p) {
         prefetch.Ahead(p, personCount, chunkAt);
         if (mask != nullptr && mask[p] == 0) continue;
-        double sum = 0.0;
-        double last = 0.0;
-        for (int c = 0; c < channelCount; ++c) {
-            last = ChannelSimilarity(persons[p], c) * (1.0 / 16384.0);
-            sum += last;
-        }
-        double value = sum / channelCount;
-        pass.Offer(p, msm::truncScore(1000.0 * value), value, last);
+        if (pendingCount_ == msm::kPersonsPerBatch) ScorePending(pass);
+        int* slots = pendingSlots_.data() + pendingCount_ * channelCount;
+        for (int c = 0; c < channelCount; ++c) slots[c] = AddChannel(persons[p], c);
+        pendingPersons_[pendingCount_++] = p;
         ++scored;
     }
+    ScorePending(pass);
     pass.Finish();
     int32_t best = results.length > 0 ? results.candidates[0].similarity : 0;
     if (bestScore != nullptr) *bestScore = best;

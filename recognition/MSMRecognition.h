@@ -10,10 +10,12 @@
 #define MSMFACE_RECOGNITION_MSMRECOGNITION_H
 
 #include <cstdint>
+#include <vector>
 
 #include "dictionary/DictChunk.h"
 #include "recognition/InputSubspace.h"
 #include "recognition/ranking.h"
+#include "recognition/similarity_batch.h"
 #include "recognition/subspace_similarity.h"
 
 namespace msm {
@@ -24,6 +26,8 @@ constexpr int kMaxBasisCount = 20;
 static_assert(kMaxBasisCount <= kMaxSimilarityRows, "the similarity scratch holds every basis");
 // Dictionary vectors that the single-pattern method always uses, whatever the basis count.
 constexpr int kSinglePatternVectors = 7;
+// Persons whose similarity matrices are gathered before their eigenvalues are solved together.
+constexpr int kPersonsPerBatch = 8;
 }  // namespace msm
 
 class MSMRecognition {
@@ -122,15 +126,27 @@ class MSMRecognition {
     // Copies every channel's basis into inputBases and converts it to Q14 rows.
     void PrepareInputRows();
     bool AllocateBasisWork();
-    // Similarity of person's channel c dictionary to the input, in Q14 units; 0 when the channel
-    // holds no usable dictionary (wrong dimension, missing).
-    float ChannelSimilarity(DictChunk& person, int c);
+    // Forms the similarity matrix of person's channel c dictionary and the input in the next
+    // batch slot and returns the slot; -1 when the channel holds no usable dictionary (wrong
+    // dimension, missing), whose similarity is 0, or when the batch is full.
+    int AddChannel(DictChunk& person, int c);
+    // Forms the similarity matrix of the Q14 rows a (aRows of them) and u in the next batch slot;
+    // returns the slot, -1 when the batch is full.
+    int AddPair(short* const* a, int aRows, short* const* u);
+
+    msm::SimilarityBatch batch_;
 
   private:
     void ReleaseBasisWork();
+    // Solves the batch and offers the pending persons to the ranking in the order they came.
+    void ScorePending(msm::RankingPass& pass);
 
     msm::SimilarityWork work_;
     short** inputQ14_ = nullptr;  // channelCount * basisCount rows of paddedDim
+    // Persons formed but not yet scored, and each one's slot per channel (-1: similarity 0).
+    std::vector<int> pendingPersons_;
+    std::vector<int> pendingSlots_;
+    int pendingCount_ = 0;
 };
 
 #endif  // MSMFACE_RECOGNITION_MSMRECOGNITION_H

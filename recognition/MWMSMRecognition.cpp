@@ -316,6 +316,45 @@ bool MWMSMRecognition::ReserveProjectedInput(int n) {
     return true;
 }
 
+bool MWMSMRecognition::ReserveSpaceBatch(int n) {
+    const int slots = msm::kPersonsPerBatch * n * channelCount;
+    if (!batch_.Reserve(basisCount, slots)) {
+        msm::reportNoMemory();
+        return false;
+    }
+    try {
+        if (spacePendingPersons_.size() < static_cast<std::size_t>(msm::kPersonsPerBatch))
+            spacePendingPersons_.resize(msm::kPersonsPerBatch);
+        if (spacePendingSlots_.size() < static_cast<std::size_t>(slots))
+            spacePendingSlots_.resize(slots);
+    } catch (const std::bad_alloc&) {
+        msm::reportNoMemory();
+        return false;
+    }
+    return true;
+}
+
+void MWMSMRecognition::ScorePendingInSpaces(msm::RankingPass& pass, int used) {
+    batch_.Solve();
+    for (int q = 0; q < spacePendingCount_; ++q) {
+        const int* slots = spacePendingSlots_.data() + q * used * channelCount;
+        // A person without projected sets has every slot skipped and so the value 0, as before.
+        double value = 0.0;
+        for (int s = 0; s < used; ++s) {
+            double sum = 0.0;
+            for (int c = 0; c < channelCount; ++c) {
+                const int slot = slots[s * channelCount + c];
+                if (slot >= 0) sum += batch_.Similarity(slot, subspaceDistNum);
+            }
+            value += sum / channelCount * (1.0 / 16384.0);
+        }
+        if (used > 1) value /= used;
+        pass.Offer(spacePendingPersons_[q], msm::truncScore(1000.0 * value), value, value);
+    }
+    batch_.Clear();
+    spacePendingCount_ = 0;
+}
+
 int MWMSMRecognition::RecognizeInConstraintSpaces(float* const* patterns,
                                                   DictChunk* const* projected, int personCount,
                                                   int setsPerPerson, int spacesUsed, int* bestScore,
@@ -326,6 +365,7 @@ int MWMSMRecognition::RecognizeInConstraintSpaces(float* const* patterns,
     PrepareInputRows();
     const int used = std::clamp(spacesUsed, 0, std::min(spaceCount, setsPerPerson));
     if (used > 0 && !ReserveProjectedInput(used)) return -1;
+    if (!ReserveSpaceBatch(used)) return -1;
     for (int s = 0; s < used; ++s)
         for (int c = 0; c < channelCount; ++c)
             ProjectRows(inputBases.prims[c].frows, basisCount, s, c, ProjectedInputRows(s, c));
@@ -335,28 +375,32 @@ int MWMSMRecognition::RecognizeInConstraintSpaces(float* const* patterns,
     int scored = 0;
     const msm::DictionaryPrefetcher prefetch(&DicPrim::srows, channelCount, basisCount,
                                              paddedDim * static_cast<int>(sizeof(short)));
+    spacePendingCount_ = 0;
     for (int p = 0; projected != nullptr && p < personCount; ++p) {
         for (int s = 0; s < used; ++s)
             prefetch.Ahead(p, personCount, [projected, s](int i) -> const DictChunk* {
                 return projected[i] != nullptr ? projected[i] + s : nullptr;
             });
         if (mask != nullptr && mask[p] == 0) continue;
-        double value = 0.0;
-        for (int s = 0; projected[p] != nullptr && s < used; ++s) {
-            DictChunk& sets = projected[p][s];
-            double sum = 0.0;
-            for (int c = 0; c < channelCount && c < sets.count; ++c) {
+        if (spacePendingCount_ == msm::kPersonsPerBatch) ScorePendingInSpaces(pass, used);
+        int* slots = spacePendingSlots_.data() + spacePendingCount_ * used * channelCount;
+        for (int s = 0; s < used; ++s) {
+            for (int c = 0; c < channelCount; ++c) {
+                int& slot = slots[s * channelCount + c];
+                slot = -1;
+                if (projected[p] == nullptr) continue;
+                DictChunk& sets = projected[p][s];
+                if (c >= sets.count) continue;
                 const DicPrim& q = sets.prims[c];
                 if (q.srows == nullptr || q.dim != kDim || q.paddedLength < paddedDim) continue;
-                sum += SubspaceSimilarity(q.srows, std::min(q.count, q.allocatedRows),
-                                          ProjectedInputRows(s, c));
+                slot =
+                    AddPair(q.srows, std::min(q.count, q.allocatedRows), ProjectedInputRows(s, c));
             }
-            value += sum / channelCount * (1.0 / 16384.0);
         }
-        if (used > 1) value /= used;
-        pass.Offer(p, msm::truncScore(1000.0 * value), value, value);
+        spacePendingPersons_[spacePendingCount_++] = p;
         ++scored;
     }
+    ScorePendingInSpaces(pass, used);
     pass.Finish();
     // Reallocating for all persons may have failed and left no lists.
     int32_t best = results.length > 0 ? results.candidates[0].similarity : 0;

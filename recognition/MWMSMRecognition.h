@@ -137,12 +137,20 @@ class MWMSMRecognition : public MSMRecognition {
         return projectedInput_ + (s * channelCount + c) * basisCount;
     }
     bool ReserveProjectedInput(int spaces);
+    // Room for a batch of persons scored in `spaces` spaces; allocates only to grow.
+    bool ReserveSpaceBatch(int spaces);
+    // Solves the batch and offers the pending persons to the ranking in the order they came.
+    void ScorePendingInSpaces(msm::RankingPass& pass, int spaces);
     msm::ClassStore Store() const { return {classData.data(), channelCount}; }
 
     msm::ProjectionWork projectionWork_;
     short** projectedInput_ = nullptr;  // spaces x channels x basis count rows
     int projectedSpaces_ = 0;
     int projectedBasisCount_ = 0;
+    // Persons formed but not yet scored, and each one's slot per space and channel (-1: skipped).
+    std::vector<int> spacePendingPersons_;
+    std::vector<int> spacePendingSlots_;
+    int spacePendingCount_ = 0;
 };
 
 #endif  // MSMFACE_RECOGNITION_MWMSMRECOGNITION_H

@@ -11,8 +11,8 @@
 
 namespace msm {
 
-float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
-                            int distNum, SimilarityWork& work) {
+void formSimilarityMatrix(short* const* a, int aRows, short* const* u, int paddedLength,
+                          SimilarityWork& work, float* x) {
     const int K = work.K;
     const int rows = std::clamp(aRows, 0, K);
     const int stride = gramStride(K);
@@ -39,18 +39,31 @@ float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int pad
             }
             const int end = std::min(jb + kGramLanes, K);
             for (int j = std::max(jb, i); j < end; ++j) {
-                const float x = static_cast<float>(static_cast<int32_t>(acc[j - jb]) >> 14);
-                work.angle[i][j] = x;
-                work.angle[j][i] = x;
+                const float value = static_cast<float>(static_cast<int32_t>(acc[j - jb]) >> 14);
+                x[i * K + j] = value;
+                x[j * K + i] = value;
             }
         }
     }
-    if (symmetricEigenvalues(K, work.angle, work.eigenvalues, work.offDiagonal) != 0) return 0.0f;
-    if (distNum == 1) return work.eigenvalues[0];
+}
+
+float similarityFromEigenvalues(const float* eigenvalues, int result, int K, int distNum) {
+    if (result != 0) return 0.0f;
+    if (distNum == 1) return eigenvalues[0];
     int n = std::min(distNum, K);
     float sum = 0.0f;
-    for (int i = 0; i < n; ++i) sum += work.eigenvalues[i];
+    for (int i = 0; i < n; ++i) sum += eigenvalues[i];
     return sum / static_cast<float>(n);
+}
+
+float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
+                            int distNum, SimilarityWork& work) {
+    const int K = work.K;
+    float x[kMaxSimilarityRows * kMaxSimilarityRows];
+    formSimilarityMatrix(a, aRows, u, paddedLength, work, x);
+    for (int i = 0; i < K; ++i) std::copy(x + i * K, x + (i + 1) * K, work.angle[i]);
+    const int result = symmetricEigenvalues(K, work.angle, work.eigenvalues, work.offDiagonal);
+    return similarityFromEigenvalues(work.eigenvalues, result, K, distNum);
 }
 
 int32_t truncScore(double v) {

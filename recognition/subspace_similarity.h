@@ -40,6 +40,14 @@ struct SimilarityWork {
 float q14SubspaceSimilarity(short* const* a, int aRows, short* const* u, int paddedLength,
                             int distNum, SimilarityWork& work);
 
+// The two halves of that similarity, for callers that solve many X at once: X of the pair into x
+// (K * K floats, row after row, K = work.K), and the similarity from X's eigenvalues (descending)
+// and the eigenvalue iteration's result.
+// requires: as for q14SubspaceSimilarity; x holds K * K floats.
+void formSimilarityMatrix(short* const* a, int aRows, short* const* u, int paddedLength,
+                          SimilarityWork& work, float* x);
+float similarityFromEigenvalues(const float* eigenvalues, int result, int K, int distNum);
+
 // trunc(v) as an int32: toward zero; a NaN or a value outside the int32 range gives INT32_MIN,
 // the processor's integer-indefinite value, so that a score is always defined.
 int32_t truncScore(double v);

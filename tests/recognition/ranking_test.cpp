@@ -1,4 +1,6 @@
 // The result modes' orderings, tie rules and start values, and method 1 end to end.
+#include <algorithm>
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -163,6 +165,52 @@ TEST_F(MethodOne, IdentifiesThePersonWhoseSubspaceIsWatched) {
     id = again.RecognizeByInputSubspaces(Frame(same).data(), persons, 3, &best, mask);
     EXPECT_EQ(again.results.candidates[0].id, 1);
     EXPECT_EQ(again.results.candidates[2].id, -1);
+}
+
+TEST_F(MethodOne, EveryPersonScoresItsOwnSimilarityWhateverTheBatchAndMask) {
+    // More persons than one batch holds, some masked, each scored as the one-pair similarity
+    // scores it.
+    constexpr int count = 21;
+    std::vector<DictChunk> many(count);
+    for (int p = 0; p < count; ++p) {
+        msmtest::Basis b(truth.begin() + p % 8, truth.begin() + p % 8 + 7);
+        std::reverse(b.begin(), b.begin() + p % 5);
+        msmtest::FillDictionary(many[p], std::vector<msmtest::Basis>(5, b));
+    }
+    unsigned char mask[count];
+    for (int p = 0; p < count; ++p) mask[p] = p % 5 == 2 ? 0 : 1;
+    MSMRecognition rec(256, 5);
+    rec.Set_RecognitionResultMode(2, count);
+    std::mt19937 gen(4);
+    int best = 0;
+    for (int f = 0; f < 30; ++f)
+        rec.RecognizeByInputSubspaces(Frame(gen).data(), many.data(), count, &best, mask);
+    std::vector<int> expected(count, -1);
+    int unmasked = 0;
+    for (int p = 0; p < count; ++p) {
+        if (mask[p] == 0) continue;
+        ++unmasked;
+        double sum = 0.0;
+        for (int c = 0; c < 5; ++c) {
+            const DicPrim& prim = many[p].prims[c];
+            sum +=
+                rec.SubspaceSimilarity(prim.qrows, prim.count, rec.InputRows(c)) * (1.0 / 16384.0);
+        }
+        expected[p] = msm::truncScore(1000.0 * (sum / 5));
+    }
+    std::vector<bool> seen(count, false);
+    for (int i = 0; i < unmasked; ++i) {
+        const int id = rec.results.candidates[i].id;
+        ASSERT_TRUE(id >= 0 && id < count && mask[id] != 0) << "rank " << i;
+        EXPECT_FALSE(seen[id]);
+        seen[id] = true;
+        EXPECT_EQ(rec.results.candidates[i].similarity, expected[id]) << "person " << id;
+        if (i > 0) {
+            EXPECT_LE(rec.results.candidates[i].similarity,
+                      rec.results.candidates[i - 1].similarity);
+        }
+    }
+    EXPECT_EQ(best, rec.results.candidates[0].similarity);
 }
 
 TEST_F(MethodOne, NoPersonsAndRefusedSteps) {
