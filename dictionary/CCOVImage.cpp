@@ -46,9 +46,8 @@ int CCOVImage::Allocate(int n) {
 }
 
 int CCOVImage::Read(const char* path) {
-    std::vector<unsigned char> bytes;
-    if (!msm::readWholeFile(path, bytes)) return 0;
-    return ReadBytes(bytes.data(), bytes.size());
+    return msm::parseWholeFile(
+        path, [&](const unsigned char* data, std::size_t size) { return ReadBytes(data, size); });
 }
 
 int CCOVImage::ReadBytes(const unsigned char* data, std::size_t size) {

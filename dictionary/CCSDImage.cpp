@@ -190,9 +190,9 @@ bool CCSDImage::StoreAt(int mode, int k, int i, double value) {
 }
 
 int CCSDImage::Read(const char* path, int limit, int mode) {
-    std::vector<unsigned char> bytes;
-    if (!msm::readWholeFile(path, bytes)) return 0;
-    return ReadBytes(bytes.data(), bytes.size(), limit, mode);
+    return msm::parseWholeFile(path, [&](const unsigned char* data, std::size_t size) {
+        return ReadBytes(data, size, limit, mode);
+    });
 }
 
 int CCSDImage::ReadBytes(const unsigned char* data, std::size_t size, int limit, int mode) {

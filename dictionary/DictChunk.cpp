@@ -55,9 +55,9 @@ void DictChunk::SetModeAndLimit(int m, int l) {
 }
 
 int DictChunk::Read(const char* path, int how, int skip, int index) {
-    std::vector<unsigned char> bytes;
-    if (!msm::readWholeFile(path, bytes)) return 0;
-    return ReadBytes(bytes.data(), bytes.size(), how, skip, index);
+    return msm::parseWholeFile(path, [&](const unsigned char* data, std::size_t size) {
+        return ReadBytes(data, size, how, skip, index);
+    });
 }
 
 int DictChunk::ReadAll(const char* path) {

@@ -44,9 +44,9 @@ int MtrxChunk::Allocate(int n) {
 }
 
 int MtrxChunk::Read(const char* path, int how, int skip, int index) {
-    std::vector<unsigned char> bytes;
-    if (!msm::readWholeFile(path, bytes)) return 0;
-    return ReadBytes(bytes.data(), bytes.size(), how, skip, index);
+    return msm::parseWholeFile(path, [&](const unsigned char* data, std::size_t size) {
+        return ReadBytes(data, size, how, skip, index);
+    });
 }
 
 int MtrxChunk::ReadAll(const char* path) {

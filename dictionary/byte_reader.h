@@ -21,6 +21,16 @@ bool countFits(int64_t count, int64_t unitBytes, std::size_t available);
 // file (a pipe or a device would block or never end), exceeds kMaxFileBytes or reads short.
 bool readWholeFile(const char* path, std::vector<unsigned char>& out);
 
+// Reads the file as readWholeFile does and hands its bytes to parse(data, size); 0 when the file
+// cannot be read, else what parse returns. Every container's Read(path) is this over its
+// ReadBytes.
+template <typename Parse>
+int parseWholeFile(const char* path, Parse parse) {
+    std::vector<unsigned char> bytes;
+    if (!readWholeFile(path, bytes)) return 0;
+    return parse(bytes.data(), bytes.size());
+}
+
 // Little-endian cursor over bytes in memory; every read checks what is left and fails instead of
 // going past the end (the position is then unchanged).
 class ByteReader {
