@@ -61,7 +61,9 @@ void load(T** m) {
     }
 }
 
-void BM_NRDeigen(benchmark::State& state) {
+// Both double solvers on the same matrix, reloaded outside the timing before every solve.
+template <int (*Solve)(int, double**, double*, double*)>
+void BM_DoubleSolver(benchmark::State& state) {
     double** m = newdmat(kDim, kDim);
     std::vector<double> d(kDim), e(kDim);
     int result = 0;
@@ -69,29 +71,14 @@ void BM_NRDeigen(benchmark::State& state) {
         state.PauseTiming();
         load(m);
         state.ResumeTiming();
-        result = NRDeigen(kDim, m, d.data(), e.data());
+        result = Solve(kDim, m, d.data(), e.data());
         benchmark::DoNotOptimize(d.data());
     }
     check(state, result, d[0], referenceTop());
     free_dmatrix(m);
 }
-BENCHMARK(BM_NRDeigen)->Unit(benchmark::kMillisecond);
-
-void BM_puf_eigen(benchmark::State& state) {
-    double** m = newdmat(kDim, kDim);
-    std::vector<double> d(kDim), e(kDim);
-    int result = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        load(m);
-        state.ResumeTiming();
-        result = puf_eigen(kDim, m, d.data(), e.data());
-        benchmark::DoNotOptimize(d.data());
-    }
-    check(state, result, d[0], referenceTop());
-    free_dmatrix(m);
-}
-BENCHMARK(BM_puf_eigen)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DoubleSolver<NRDeigen>)->Name("BM_NRDeigen")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DoubleSolver<puf_eigen>)->Name("BM_puf_eigen")->Unit(benchmark::kMillisecond);
 
 #if defined(MSMFACE_HAVE_LAPACK)
 void BM_dsyev_reference(benchmark::State& state) {
