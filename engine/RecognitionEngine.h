@@ -135,6 +135,10 @@ class RecognitionEngine {
     void RenewFaceImage(const std::string& stem);
     // The merge, expansion, writes and space update that every addition shares.
     void CompleteAddition(int inside, const MtrxChunk& added);
+    // An addition of n patterns (patterns(c, k), k oldest first) to person inside, the faces of
+    // the newest n ring slots screened when screening is on.
+    template <typename PatternAt>
+    void AddPatterns(int inside, int n, PatternAt patterns);
     void FailRegistration();
     // After the class data changed: rewrites the current space for classCount persons, reloads it
     // and re-projects the persons.

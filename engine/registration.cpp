@@ -185,6 +185,25 @@ void RecognitionEngine::CompleteAddition(int inside, const MtrxChunk& added) {
     RecogORRegist = 1;
 }
 
+template <typename PatternAt>
+void RecognitionEngine::AddPatterns(int inside, int n, PatternAt patterns) {
+    const int counter = featureExtraction->slotIndex;
+    FeatureExtraction& fx = *featureExtraction;
+    MtrxChunk added;
+    const int built = BuildRecords(
+        n, patterns,
+        [&](int k) {
+            return static_cast<const unsigned char*>(
+                fx.normImages[gatheredSlot(counter, n, k)]->pixels);
+        },
+        added);
+    if (built != 0) {
+        FailRegistration();
+        return;
+    }
+    CompleteAddition(inside, added);
+}
+
 int RecognitionEngine::Addition() {
     RegistCondition = false;
     RecogORRegist = 0;
@@ -197,18 +216,8 @@ int RecognitionEngine::Addition() {
     }
     const int counter = featureExtraction->slotIndex;
     FeatureExtraction& fx = *featureExtraction;
-    MtrxChunk added;
-    if (BuildRecords(
-            n, [&](int c, int k) { return fx.patternSlots[gatheredSlot(counter, n, k)][c]; },
-            [&](int k) {
-                return static_cast<const unsigned char*>(
-                    fx.normImages[gatheredSlot(counter, n, k)]->pixels);
-            },
-            added) != 0) {
-        FailRegistration();
-        return 1;
-    }
-    CompleteAddition(inside, added);
+    AddPatterns(inside, n,
+                [&](int c, int k) { return fx.patternSlots[gatheredSlot(counter, n, k)][c]; });
     return 1;
 }
 
@@ -229,20 +238,7 @@ int RecognitionEngine::AdditionFromPrevRecog(int inside) {
         FailRegistration();
         return 1;
     }
-    const int counter = featureExtraction->slotIndex;
-    FeatureExtraction& fx = *featureExtraction;
     InputSubspace* inputs = recognizer->inputs;
-    MtrxChunk added;
-    if (BuildRecords(
-            n, [&](int c, int k) { return inputs[c].keptFrames[k]; },
-            [&](int k) {
-                return static_cast<const unsigned char*>(
-                    fx.normImages[gatheredSlot(counter, n, k)]->pixels);
-            },
-            added) != 0) {
-        FailRegistration();
-        return 1;
-    }
-    CompleteAddition(inside, added);
+    AddPatterns(inside, n, [&](int c, int k) { return inputs[c].keptFrames[k]; });
     return 1;
 }
