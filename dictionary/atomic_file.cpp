@@ -4,13 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace msm {
 
 namespace {
+
+thread_local std::string writeFailure;
+// errno of the last short fwrite, which a later fflush may no longer see.
+thread_local int pendingWriteError = 0;
 
 std::string directoryOf(const std::string& path) {
     std::string::size_type slash = path.find_last_of('/');
@@ -61,12 +67,17 @@ AtomicFile::AtomicFile(const char* target) {
     std::vector<char> name(target_.begin(), target_.end());
     static const char kSuffix[] = ".tmpXXXXXX";
     name.insert(name.end(), kSuffix, kSuffix + sizeof kSuffix);  // with the terminator
+    pendingWriteError = 0;
     int fd = ::mkstemp(name.data());
-    if (fd < 0) return;
+    if (fd < 0) {
+        noteWriteFailure(target_, errno);
+        return;
+    }
     temp_ = name.data();
     setFinalPermissions(fd, target_);
     stream_ = ::fdopen(fd, "wb");
     if (stream_ == nullptr) {
+        noteWriteFailure(target_, errno);
         ::close(fd);
         ::unlink(temp_.c_str());
         temp_.clear();
@@ -74,6 +85,8 @@ AtomicFile::AtomicFile(const char* target) {
 }
 
 AtomicFile::~AtomicFile() {
+    // A writer that stopped at a failed write without calling Commit still names the file.
+    if (stream_ != nullptr && pendingWriteError != 0) noteWriteFailure(target_, pendingWriteError);
     Abandon();
 }
 
@@ -90,22 +103,46 @@ void AtomicFile::Abandon() {
 
 bool AtomicFile::Commit() {
     if (stream_ == nullptr) return false;
+    int error = pendingWriteError;
+    errno = 0;
     bool ok = std::fflush(stream_) == 0 && !std::ferror(stream_);
+    if (!ok && error == 0) error = errno;
     ok = ok && ::fsync(::fileno(stream_)) == 0;
+    if (!ok && error == 0) error = errno;
     int closed = std::fclose(stream_);
     stream_ = nullptr;
+    if (ok && closed != 0) error = errno;
     ok = ok && closed == 0;
     if (ok && ::rename(temp_.c_str(), target_.c_str()) == 0) {
         temp_.clear();
         syncDirectory(directoryOf(target_));
         return true;
     }
+    if (ok) error = errno;
+    noteWriteFailure(target_, error);
     Abandon();
     return false;
 }
 
+std::string lastWriteFailure() {
+    return writeFailure;
+}
+
+void clearWriteFailure() {
+    writeFailure.clear();
+}
+
+void noteWriteFailure(const std::string& path, int err) {
+    writeFailure = path + ": cannot be written (" +
+                   (err != 0 ? std::string(std::strerror(err)) : std::string("write failed")) + ")";
+}
+
 bool writeAll(std::FILE* f, const void* data, std::size_t n) {
-    return n == 0 || std::fwrite(data, 1, n, f) == n;
+    if (n == 0) return true;
+    errno = 0;
+    if (std::fwrite(data, 1, n, f) == n) return true;
+    if (pendingWriteError == 0) pendingWriteError = errno;
+    return false;
 }
 
 bool writeInt32(std::FILE* f, int32_t v) {

@@ -32,6 +32,14 @@ class AtomicFile {
     std::FILE* stream_ = nullptr;
 };
 
+// The last file this thread failed to write and why ("<file>: <system reason>"), empty when none
+// failed since clearWriteFailure(). The engine's writers return only true or false; a host that
+// must tell its user which file a full disk or read-only medium refused asks here.
+std::string lastWriteFailure();
+void clearWriteFailure();
+// Records a failure of path with the error number err (0: the reason is unknown).
+void noteWriteFailure(const std::string& path, int err);
+
 // Writes to f and reports whether all n bytes went out.
 bool writeAll(std::FILE* f, const void* data, std::size_t n);
 bool writeInt32(std::FILE* f, int32_t v);

@@ -1,6 +1,7 @@
 // Uncompressed BMP output: the picture stored with each enrolled person.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -8,6 +9,7 @@
 
 #include <msmface/BasicImage.h>
 
+#include "dictionary/atomic_file.h"
 #include "normalise/image_shape.h"
 
 namespace {
@@ -89,7 +91,10 @@ bool BasicImageFile::WriteBmp(const char* path) {
     if (msm::imageByteCount(width, height, bitsPerPixel) < 0) return false;
 
     std::FILE* file = std::fopen(path, "wb");
-    if (file == nullptr) return false;
+    if (file == nullptr) {
+        msm::noteWriteFailure(path, errno);
+        return false;
+    }
 
     const uint32_t stride =
         strideOf(static_cast<uint32_t>(width), static_cast<uint32_t>(bitsPerPixel));
@@ -106,14 +111,19 @@ bool BasicImageFile::WriteBmp(const char* path) {
     const uint32_t dataOffset = kFileHeaderBytes + kInfoHeaderBytes + paletteBytes;
     const auto head = fileHeader(dataOffset + static_cast<uint32_t>(rowBytes), dataOffset);
     const auto info = infoHeader(*this);
-    std::fwrite(head.data(), 1, head.size(), file);
-    std::fwrite(info.data(), 1, info.size(), file);
-    if (paletteBytes != 0) {
+    errno = 0;
+    bool complete = std::fwrite(head.data(), 1, head.size(), file) == head.size() &&
+                    std::fwrite(info.data(), 1, info.size(), file) == info.size();
+    if (complete && paletteBytes != 0) {
         const auto palette = greyPalette();
-        std::fwrite(palette.data(), 1, palette.size(), file);
+        complete = std::fwrite(palette.data(), 1, palette.size(), file) == palette.size();
     }
-    std::fwrite(rows.get(), 1, rowBytes, file);
-    // kept: write errors go unreported; enrolment does not depend on the picture.
+    complete = complete && std::fwrite(rows.get(), 1, rowBytes, file) == rowBytes;
+    complete = std::fflush(file) == 0 && complete;
+    const int error = errno;
+    // kept: write errors do not change the result; enrolment does not depend on the picture. A host
+    // that keeps the picture asks lastWriteFailure().
     std::fclose(file);
+    if (!complete) msm::noteWriteFailure(path, error);
     return true;
 }

@@ -11,5 +11,9 @@
 #include <msmface/RecogResult.h>
 #include <msmface/FaceRecognition.h>
 #include <msmface/FileSummary.h>
+#include <msmface/result.h>
+#include <msmface/frame.h>
+#include <msmface/gallery.h>
+#include <msmface/store.h>
 
 #endif  // MSMFACE_MSMFACE_H

@@ -55,7 +55,8 @@ inline std::vector<std::string> Entries(const std::string& dir) {
     if (DIR* d = ::opendir(dir.c_str())) {
         while (dirent* e = ::readdir(d)) {
             const std::string n = e->d_name;
-            if (n != "." && n != "..") names.push_back(n);
+            // The directory's lock file is there from the first writer on and holds nothing.
+            if (n != "." && n != ".." && n != ".msmface.lock") names.push_back(n);
         }
         ::closedir(d);
     }
@@ -111,6 +112,32 @@ inline std::vector<std::string> WriteTake(const std::string& folder, const std::
         lines.push_back(line.str());
     }
     return lines;
+}
+
+// A face manifest of `persons` synthetic persons (identities P0, P1, ...), each with two takes
+// as videos 0 (12 frames) and 1 (6 frames), written with its frames into folder; returns its
+// path.
+inline std::string WriteSyntheticManifest(const std::string& folder, int persons) {
+    std::string manifest = "identity,video,frame,split,image,width,height";
+    for (int k = 0; k < 14; ++k) manifest += ",x" + std::to_string(k) + ",y" + std::to_string(k);
+    manifest += "\n";
+    for (int p = 0; p < persons; ++p)
+        for (int v = 0; v < 2; ++v) {
+            const std::string stem = "p" + std::to_string(p) + "v" + std::to_string(v);
+            for (const std::string& line :
+                 WriteTake(folder, stem, p, 300 + 10 * p + v, v == 0 ? 12 : 6)) {
+                std::istringstream fields(line);
+                std::string name;
+                fields >> name;
+                manifest +=
+                    "P" + std::to_string(p) + "," + std::to_string(v) + ",0,x," + name + ",320,240";
+                for (std::string x; fields >> x;) manifest += "," + x;
+                manifest += "\n";
+            }
+        }
+    const std::string path = folder + "/m.csv";
+    WriteText(path, manifest);
+    return path;
 }
 
 inline std::string Join(const std::vector<std::string>& lines) {

@@ -287,6 +287,30 @@ TEST_F(Cli, ManifestRowsAreCheckedAgainstTheirImages) {
     EXPECT_THAT(Entries(dir), ElementsAre("alice.bmp", "alice.dck", "alice.mck", "persons.txt"));
 }
 
+TEST_F(Cli, RecogniseTakesTheDirectorysStoredThresholdUnlessOneIsGiven) {
+    Scratch work;
+    const std::string dir = work / "dict";
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(Enrol(dir, i).status, 0);
+    const std::string recognise =
+        "recognise '" + dir + "' --points '" + Frames("alice_probe.txt") + "' --copies 2 --jitter 1";
+    const CliRun plain = RunCli(recognise);
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    EXPECT_THAT(plain.out, HasSubstr(" > 850\n"));  // no stored threshold: the default
+    int score = 0;
+    ASSERT_EQ(std::sscanf(plain.out.substr(plain.out.find(TopLine(1, "alice"))).c_str(),
+                          "%*d %*d %*s %d", &score),
+              1);
+    WriteText(dir + "/threshold.txt", std::to_string(score - 1) + "\n");
+    EXPECT_THAT(RunCli(recognise).out,
+                HasSubstr("identified: alice (ID 1), score " + std::to_string(score) + " > " +
+                          std::to_string(score - 1)));
+    EXPECT_THAT(RunCli(recognise + " --threshold 1000").out, HasSubstr(" <= 1000\n"));
+    WriteText(dir + "/threshold.txt", "high\n");
+    ExpectOneLineFailure(RunCli(recognise),
+                         "threshold.txt: line 1: expected an identify threshold of 0 to 1000");
+    ExpectOneLineFailure(RunCli(recognise + " --threshold 1001"), "--threshold");
+}
+
 TEST_F(Cli, InspectRefusesWhatIsNotAnEngineFile) {
     Scratch work;
     WriteText(work / "notes.txt", "hello");
@@ -310,29 +334,11 @@ TEST(CliDemo, EnrolsRecognisesAndDrawsTheBuiltInPersons) {
     EXPECT_THAT(RunCli("list '" + work / "out/dictionary" + "'").out, HasSubstr("4 persons"));
 }
 
-TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPicture) {
+TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPage) {
     Scratch work;
-    // Four persons, two takes (videos) each, as a manifest.
-    std::string manifest = "identity,video,frame,split,image,width,height";
-    for (int k = 0; k < 14; ++k) manifest += ",x" + std::to_string(k) + ",y" + std::to_string(k);
-    manifest += "\n";
-    for (int p = 0; p < 4; ++p)
-        for (int v = 0; v < 2; ++v) {
-            const std::string stem = "p" + std::to_string(p) + "v" + std::to_string(v);
-            for (const std::string& line :
-                 clitest::WriteTake(work.path(), stem, p, 300 + 10 * p + v, v == 0 ? 12 : 6)) {
-                std::istringstream fields(line);
-                std::string name;
-                fields >> name;
-                manifest +=
-                    "P" + std::to_string(p) + "," + std::to_string(v) + ",0,x," + name + ",320,240";
-                for (std::string x; fields >> x;) manifest += "," + x;
-                manifest += "\n";
-            }
-        }
-    WriteText(work / "m.csv", manifest);
-    const CliRun r = RunCli("eval --manifest '" + work / "m.csv" + "' --out '" + work / "out" +
-                            "' --dimension 100");
+    const std::string manifest = clitest::WriteSyntheticManifest(work.path(), 4);
+    const CliRun r = RunCli("eval --manifest '" + manifest + "' --out '" + work / "out" +
+                            "' --dimension 100 --no-sweep");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(r.out,
                 AllOf(HasSubstr("4 enrolled, 4 probes per method"), HasSubstr("0 SINGLE PATTERN"),
@@ -347,8 +353,11 @@ TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPicture) {
     for (std::string line; std::getline(rows, line);)
         if (line.size() > 2 && line.substr(line.size() - 2) == ",1") ++genuine;
     EXPECT_EQ(genuine, 12);
-    EXPECT_EQ(ReadText(work / "out/eval.png").substr(1, 3), "PNG");
-    EXPECT_FALSE(Exists(work / "out/scores.csv.tmp"));
+    EXPECT_THAT(ReadText(work / "out/report.html"), StartsWith("<!DOCTYPE html>"));
+    EXPECT_THAT(ReadText(work / "out/summary.json"), HasSubstr("\"sweep\": [],"));  // --no-sweep
+    EXPECT_FALSE(Exists(work / "out/eval.png"));
+    EXPECT_THAT(Entries(work / "out"),
+                ElementsAre("dictionary", "report.html", "scores.csv", "summary.json"));
 }
 
 }  // namespace

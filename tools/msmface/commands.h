@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <msmface/gallery.h>
+
 namespace msmcli {
 
 inline constexpr int kExitFailure = 1;
@@ -18,10 +20,16 @@ int fail(const std::string& message);
 struct FrameOptions {
     std::string manifest;
     std::string identity;
-    std::vector<std::string> videos;  // empty: every video of the identity
+    // With a manifest: only these of the identity's videos (empty: all). Without: one video file
+    // whose faces are found.
+    std::vector<std::string> videos;
     std::string points;
     double jitter = 0.0;
     int copies = 1;
+    std::vector<std::string> images;  // picture files whose faces are found
+    int camera = -1;                  // camera index; -1: none
+    int frames = 0;                   // frames taken from a video or camera; 0: all (camera: 100)
+    std::string model;                // landmark model; empty: the detector's default
 };
 
 struct DemoOptions {
@@ -35,13 +43,14 @@ struct EnrolOptions {
     int id = 0;
     std::string name;
     FrameOptions frames;
+    bool noWait = false;  // fail at once while another process writes the directory
 };
 
 struct RecogniseOptions {
     std::string dir;
     FrameOptions frames;
     int method = 1;
-    int threshold = 850;
+    int threshold = -1;  // the directory's stored threshold (850 when none is stored)
     int top = 5;
 };
 
@@ -53,16 +62,65 @@ struct EvalOptions {
     int probeFrames = 15;
     int dimension = 200;
     int threshold = 850;
+    std::vector<int> sweep;  // CMSM dimensions to compare; empty: a handful up to the span
+    bool noSweep = false;
+    bool detect = false;  // points found by the detector instead of the manifest's
+};
+
+struct CalibrateOptions {
+    std::string dir;
+    std::string manifest;
+    double far = 0.01;
+    int method = 1;
+    double jitter = 1.5;
+    int probeFrames = 15;
+    std::string scores;  // when given, every score as CSV
+    bool noWait = false;  // fail at once while another process writes the directory
+};
+
+struct CheckOptions {
+    std::string dir;
+    bool repair = false;
+    bool noWait = false;
 };
 
 int runDemo(const DemoOptions& o);
+// Exit 0 when nothing is reported (after a repair: nothing remains), 1 otherwise.
+int runCheck(const CheckOptions& o);
 int runEnrol(const EnrolOptions& o);
 int runRecognise(const RecogniseOptions& o);
-int runDelete(const std::string& dir, int id);
+int runDelete(const std::string& dir, int id, bool noWait);
 int runList(const std::string& dir);
-int runConstraint(const std::string& dir, int dimension);
+int runConstraint(const std::string& dir, int dimension, bool noWait);
 int runInspect(const std::string& path);
 int runEval(const EvalOptions& o);
+int runCalibrate(const CalibrateOptions& o);
+// The directory opened for a command: waiting for its lock is said on standard error, or with
+// noWait refused at once; persons listed without their files are warned about.
+msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create = false,
+                                              bool noWait = false);
+
+struct DetectOptions {
+    std::vector<std::string> images;
+    std::string video;
+    int frames = 0;
+    std::string out;      // points file; empty: standard output
+    std::string overlay;  // folder for the drawn frames; empty: none
+    std::string model;
+};
+int runDetect(const DetectOptions& o);
+
+struct WatchOptions {
+    std::string dir;
+    std::string video;
+    int camera = -1;
+    int frames = 0;  // 0: the whole video; a camera runs until interrupted
+    int method = 1;
+    int threshold = -1;  // -1: the threshold stored in the directory
+    std::string annotate;
+    std::string model;
+};
+int runWatch(const WatchOptions& o);
 
 // Creates dir (and its parent) when missing; an empty string or a reason.
 std::string makeFolder(const std::string& dir);

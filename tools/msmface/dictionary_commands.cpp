@@ -11,9 +11,12 @@
 #include <cstring>
 #include <numeric>
 
+#include <msmface/msmface.h>
+
 #include "commands.h"
+#include "detected_frames.h"
 #include "frame_source.h"
-#include "session.h"
+#include "frames.h"
 
 namespace msmcli {
 namespace {
@@ -48,7 +51,32 @@ std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::
     return {};
 }
 
+// Frames of pictures, a video or a camera, with the points the detector finds.
+std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+    if (o.images.empty() && o.videos.empty() && o.camera == -1)
+        return "frames: expected either --manifest FILE --identity NAME or --points FILE, or "
+               "--images FILE..., --video FILE or --camera INDEX";
+    if (o.videos.size() > 1)
+        return "--video: expected one video file (several only as names of a --manifest)";
+    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
+    PictureSourceOptions source;
+    source.images = o.images;
+    source.video = o.videos.empty() ? std::string() : o.videos.front();
+    source.camera = o.camera;
+    source.frames = o.frames;
+    return gatherDetectedFrames(source, o.model, frames);
+}
+
 std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+    if (o.manifest.empty() && o.points.empty()) {
+        std::vector<Frame> found;
+        std::string error = gatherFoundFrames(o, found);
+        if (error.empty()) frames = jitterFrames(found, o.copies, o.jitter, kJitterSeed);
+        return error;
+    }
+    if (!o.images.empty() || o.camera != -1)
+        return "frames: expected one source, --points or --manifest or pictures, not both";
     std::vector<FrameRow> rows;
     std::string list;
     std::string error = selectRows(o, rows, list);
@@ -60,16 +88,27 @@ std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames) {
     return {};
 }
 
-std::string openSession(Session& s, const std::string& dir) {
-    std::string error = s.open(dir);
-    for (const Person& p : s.orphans())
+void warnAboutOrphans(const msmface::Gallery& g) {
+    for (const msmface::Person& p : g.orphans())
         std::fprintf(stderr,
                      "msmface: warning: %s: person %d (%s) has no dictionary file; ignored\n",
-                     dir.c_str(), p.id, p.name.c_str());
-    return error;
+                     g.directory().c_str(), p.id, p.name.c_str());
 }
 
 }  // namespace
+
+msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create, bool noWait) {
+    msmface::OpenOptions options;
+    options.create = create;
+    options.lock.wait = !noWait;
+    // Said once, so that a user who started two commands knows why this one does not go on yet.
+    options.lock.notice = [](const std::string& m) {
+        std::fprintf(stderr, "msmface: %s\n", m.c_str());
+    };
+    msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, options);
+    if (g.ok()) warnAboutOrphans(g.value());
+    return g;
+}
 
 int fail(const std::string& message) {
     std::fprintf(stderr, "msmface: %s\n", message.c_str());
@@ -109,18 +148,12 @@ int runEnrol(const EnrolOptions& o) {
     std::vector<Frame> frames;
     std::string error = gatherFrames(o.frames, frames);
     if (!error.empty()) return fail(error);
-    struct stat st {};
-    if (::stat(o.dir.c_str(), &st) != 0) {
-        error = makeFolder(o.dir);
-        if (!error.empty()) return fail(error);
-    }
-    Session s;
-    error = openSession(s, o.dir);
-    if (!error.empty()) return fail(error);
-    error = s.enrol(o.id, o.name, frames);
-    if (!error.empty()) return fail(error);
+    auto g = openGallery(o.dir, true, o.noWait);
+    if (!g.ok()) return fail(g.message());
+    const msmface::Status enrolled = g->enrol(o.id, o.name, samplesOf(frames));
+    if (!enrolled.ok()) return fail(enrolled.message());
     std::printf("enrolled %s as ID %d in %s (%zu persons)\n", o.name.c_str(), o.id, o.dir.c_str(),
-                s.persons().size());
+                g->persons().size());
     return 0;
 }
 
@@ -128,71 +161,64 @@ int runRecognise(const RecogniseOptions& o) {
     if (o.method != 0 && o.method != 1 && o.method != 2 && o.method != 4)
         return fail("--method " + std::to_string(o.method) +
                     ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)");
-    if (o.threshold < 0 || o.threshold > 1000) return fail("--threshold: expected 0 to 1000");
+    if (o.threshold < -1 || o.threshold > 1000)
+        return fail("--threshold: expected 0 to 1000 (or -1 for the directory's stored one)");
     std::vector<Frame> frames;
     std::string error = gatherFrames(o.frames, frames);
     if (!error.empty()) return fail(error);
-    Session s;
-    error = openSession(s, o.dir);
-    if (!error.empty()) return fail(error);
-    s.engine().Set_Identify_thresvalue(o.threshold);
-    Recognition r;
-    error = s.recognise(frames, o.method, r);
-    if (!error.empty()) return fail(error);
-    std::vector<int> order(r.scores.size());
-    std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](int a, int b) { return r.scores[a] > r.scores[b]; });
-    std::printf("%d of %zu frames gave a face; method %d\n", r.framesUsed, frames.size(), o.method);
+    auto g = openGallery(o.dir);
+    if (!g.ok()) return fail(g.message());
+    const auto r =
+        g->recognise(samplesOf(frames), {static_cast<msmface::Method>(o.method), o.threshold});
+    if (!r.ok()) return fail(r.message());
+    std::printf("%d of %zu frames gave a face; method %d\n", r->framesUsed, frames.size(),
+                o.method);
     std::printf("rank  id  name                 score\n");
-    for (int k = 0; k < std::min<int>(o.top, static_cast<int>(order.size())); ++k) {
-        const Person& p = s.persons()[order[k]];
-        std::printf("%4d %4d  %-20s %5d\n", k + 1, p.id, p.name.c_str(), r.scores[order[k]]);
+    const int shown = std::min<int>(o.top, static_cast<int>(r->matches.size()));
+    for (int k = 0; k < shown; ++k) {
+        const msmface::Match& m = r->matches[static_cast<std::size_t>(k)];
+        std::printf("%4d %4d  %-20s %5d\n", k + 1, m.id, m.name.c_str(), m.score);
     }
-    const Person& best = s.persons()[r.best];
-    if (r.accepted)
+    const msmface::Match& best = r->matches.front();
+    if (r->identified)
         std::printf("identified: %s (ID %d), score %d > %d\n", best.name.c_str(), best.id,
-                    r.bestScore, o.threshold);
+                    best.score, r->threshold);
     else
         std::printf("not identified: best %s (ID %d), score %d <= %d\n", best.name.c_str(), best.id,
-                    r.bestScore, o.threshold);
+                    best.score, r->threshold);
     return 0;
 }
 
-int runDelete(const std::string& dir, int id) {
-    Session s;
-    std::string error = openSession(s, dir);
-    if (!error.empty()) return fail(error);
-    const int index = s.findById(id);
-    const std::string name = index >= 0 ? s.persons()[index].name : std::string();
-    error = s.remove(id);
-    if (!error.empty()) return fail(error);
-    std::printf("deleted ID %d%s%s from %s\n", id, name.empty() ? "" : " ", name.c_str(),
-                dir.c_str());
+int runDelete(const std::string& dir, int id, bool noWait) {
+    auto g = openGallery(dir, false, noWait);
+    if (!g.ok()) return fail(g.message());
+    const std::optional<msmface::Person> person = g->find(id);
+    const msmface::Status removed = g->remove(id);
+    if (!removed.ok()) return fail(removed.message());
+    std::printf("deleted ID %d%s%s from %s\n", id, person ? " " : "",
+                person ? person->name.c_str() : "", dir.c_str());
     return 0;
 }
 
 int runList(const std::string& dir) {
-    Session s;
-    std::string error = openSession(s, dir);
-    if (!error.empty()) return fail(error);
-    std::printf("%zu person%s in %s%s\n", s.persons().size(), s.persons().size() == 1 ? "" : "s",
-                dir.c_str(), s.hasConstraint() ? " (with a constraint space)" : "");
-    for (const Person& p : s.persons()) std::printf("%6d  %s\n", p.id, p.name.c_str());
+    auto g = openGallery(dir);
+    if (!g.ok()) return fail(g.message());
+    const std::vector<msmface::Person> persons = g->persons();
+    std::printf("%zu person%s in %s%s\n", persons.size(), persons.size() == 1 ? "" : "s",
+                dir.c_str(), g->hasConstraint() ? " (with a constraint space)" : "");
+    for (const msmface::Person& p : persons) std::printf("%6d  %s\n", p.id, p.name.c_str());
     return 0;
 }
 
-int runConstraint(const std::string& dir, int dimension) {
-    Session s;
-    std::string error = openSession(s, dir);
-    if (!error.empty()) return fail(error);
-    error = s.buildConstraint(dimension);
-    if (!error.empty()) return fail(error);
+int runConstraint(const std::string& dir, int dimension, bool noWait) {
+    auto g = openGallery(dir, false, noWait);
+    if (!g.ok()) return fail(g.message());
+    const msmface::Status built = g->rebuildConstraint(dimension);
+    if (!built.ok()) return fail(built.message());
     std::printf(
-        "constraint space of %d dimensions from %zu persons: %s/%s.dck, .dckev, .mck; "
-        "list %s/%s\n",
-        dimension, s.persons().size(), dir.c_str(), kConstraintStem, dir.c_str(),
-        kConstraintListName);
+        "constraint space of %d dimensions from %zu persons: the files cmsm*.dck, .dckev, .mck "
+        "named by %s/%s\n",
+        dimension, g->persons().size(), dir.c_str(), msmface::kConstraintListFileName);
     return 0;
 }
 

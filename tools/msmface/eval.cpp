@@ -1,19 +1,29 @@
 // Evaluation on a manifest of real faces: every person with two or more videos is enrolled from
-// all of them but the last and probed with the last, by the single-pattern method, MSM and CMSM.
+// all of them but the last and probed with the last, by the single-pattern method, MSM and CMSM,
+// and CMSM again over a range of constraint dimensions. The figures land in one EvalSummary,
+// which is printed, written as summary.json and drawn as report.html.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "canvas.h"
+#include <msmface/msmface.h>
+
 #include "commands.h"
+#include "detected_frames.h"
 #include "eval_metrics.h"
+#include "eval_summary.h"
+#include "face_finder.h"
 #include "frame_source.h"
+#include "frames.h"
+#include "image_io.h"
+#include "key_name.h"
 #include "progress.h"
-#include "session.h"
+#include "report_page.h"
 
 namespace msmcli {
 namespace {
@@ -22,14 +32,6 @@ struct EvalPerson {
     std::string identity;
     std::vector<FrameRow> enrolRows;
     std::vector<FrameRow> probeRows;
-};
-
-struct MethodRun {
-    int method;
-    const char* name;
-    Colour colour;
-    std::vector<ProbeScores> probes;
-    Figures figures;
 };
 
 // Videos ordered as numbers when they are numbers, so that video 10 comes after video 9.
@@ -73,88 +75,75 @@ std::vector<EvalPerson> splitByVideo(const std::vector<FrameRow>& rows, int& ski
     return persons;
 }
 
-std::string keyNameOf(const std::string& identity, int index) {
-    std::string name;
-    for (char c : identity)
-        name += (std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_') ? c : '_';
-    name = name.substr(0, 48);
-    return "p" + std::to_string(index + 1) + "_" + name;
-}
-
 int copiesFor(int available, int wanted) {
     return available <= 0 ? 1 : std::max(1, (wanted + available - 1) / available);
 }
 
-void drawRoc(Canvas& c, int left, int top, int size, const std::vector<MethodRun>& runs) {
-    c.frame(left, top, size, size, 1, kBlack);
-    for (int k = 1; k < 10; ++k) {
-        const int at = size * k / 10;
-        c.line(left + at, top, left + at, top + size - 1, Colour{230, 230, 230});
-        c.line(left, top + at, left + size - 1, top + at, Colour{230, 230, 230});
+// The dimensions the CMSM sweep tries: a handful up to the span of the enrolled persons (a space
+// has no more meaningful directions than about 30 per person), and the chosen one.
+std::vector<int> sweepDimensions(const std::vector<int>& asked, int persons, int chosen) {
+    const int span = std::min(256, 30 * persons);
+    std::vector<int> dims;
+    if (!asked.empty()) {
+        dims = asked;
+    } else {
+        for (int d : {10, 25, 50, 100, 150, 200, 256})
+            if (d <= span) dims.push_back(d);
+        dims.push_back(span);
+        dims.push_back(chosen);
     }
-    c.line(left, top + size, left + size, top, kGrey);  // chance
-    for (const MethodRun& r : runs) {
-        const auto& roc = r.figures.roc;
-        for (std::size_t i = 1; i < roc.size(); ++i)
-            c.line(left + roc[i - 1].falseAccept * size, top + (1 - roc[i - 1].trueAccept) * size,
-                   left + roc[i].falseAccept * size, top + (1 - roc[i].trueAccept) * size, r.colour,
-                   2);
-    }
-    c.text(left, top + size + 8, "FALSE ACCEPT RATE 0 - 1", kBlack);
-    c.text(left, top - 12, "ROC: TRUE ACCEPT RATE 0 - 1", kBlack);
+    std::sort(dims.begin(), dims.end());
+    dims.erase(std::unique(dims.begin(), dims.end()), dims.end());
+    return dims;
 }
 
-void drawHistogram(Canvas& c, int left, int top, int w, int h, const MethodRun& r) {
-    constexpr int kBins = 50;  // 20 score units each
-    std::vector<double> g(kBins, 0.0), im(kBins, 0.0);
-    auto binOf = [](int s) { return std::clamp(s / 20, 0, kBins - 1); };
-    for (int s : r.figures.genuine)
-        g[binOf(s)] += 1.0 / std::max<std::size_t>(1, r.figures.genuine.size());
-    for (int s : r.figures.impostor)
-        im[binOf(s)] += 1.0 / std::max<std::size_t>(1, r.figures.impostor.size());
-    const double top1 =
-        std::max(*std::max_element(g.begin(), g.end()), *std::max_element(im.begin(), im.end()));
-    c.frame(left, top, w, h, 1, kBlack);
-    const double bw = static_cast<double>(w) / kBins;
-    for (int b = 0; b < kBins; ++b) {
-        const int x = left + static_cast<int>(b * bw);
-        const int hi = top1 > 0 ? static_cast<int>(im[b] / top1 * (h - 2)) : 0;
-        const int hg = top1 > 0 ? static_cast<int>(g[b] / top1 * (h - 2)) : 0;
-        c.fill(x + 1, top + h - 1 - hi, static_cast<int>(bw / 2), hi, kRed);
-        c.fill(x + 1 + static_cast<int>(bw / 2), top + h - 1 - hg, static_cast<int>(bw / 2), hg,
-               kGreen);
-    }
-    char label[96];
-    std::snprintf(label, sizeof label, "%s: RANK-1 %.1f%%, EER %.1f%%", r.name,
-                  100 * r.figures.rank1, 100 * r.figures.eer);
-    c.text(left, top - 12, label, r.colour);
+std::string pngOf(const std::vector<unsigned char>& face) {
+    if (face.size() != 64 * 64) return {};
+    const std::vector<unsigned char> png = encodePng(64, 64, 1, face.data());
+    return std::string(png.begin(), png.end());
 }
 
-void drawPicture(const std::string& path, const std::vector<MethodRun>& runs) {
-    constexpr int kRoc = 400, kHistW = 460, kHistH = 110, kMargin = 30;
-    Canvas c(kMargin * 3 + kRoc + kHistW, kMargin * 2 + 3 * (kHistH + 30) + 20);
-    drawRoc(c, kMargin, kMargin + 10, kRoc, runs);
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        c.fill(kMargin + 10, kMargin + kRoc - 60 + static_cast<int>(i) * 14, 16, 4, runs[i].colour);
-        c.text(kMargin + 32, kMargin + kRoc - 62 + static_cast<int>(i) * 14, runs[i].name,
-               runs[i].colour);
-        drawHistogram(c, 2 * kMargin + kRoc, kMargin + 10 + static_cast<int>(i) * (kHistH + 30),
-                      kHistW, kHistH, runs[i]);
+class Stopwatch {
+  public:
+    double lap() {
+        const auto now = std::chrono::steady_clock::now();
+        const double s = std::chrono::duration<double>(now - last_).count();
+        last_ = now;
+        return s;
     }
-    c.text(2 * kMargin + kRoc, kMargin + 10 + 3 * (kHistH + 30) - 14,
-           "SCORE 0 - 1000: RED IMPOSTORS, GREEN GENUINE", kBlack);
-    c.writePng(path);
+
+  private:
+    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+// Writes text to path through a temporary file, so that a reader never sees half a file.
+std::string writeWhole(const std::string& path, const std::string& text) {
+    const std::string temp = path + ".tmp";
+    std::FILE* f = std::fopen(temp.c_str(), "wb");
+    if (f == nullptr) return path + ": cannot be written";
+    const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    if (std::fclose(f) != 0 || !ok || std::rename(temp.c_str(), path.c_str()) != 0) {
+        std::remove(temp.c_str());
+        return path + ": cannot be written";
+    }
+    return {};
 }
 
 }  // namespace
 
 int runEval(const EvalOptions& o) {
     const auto start = std::chrono::steady_clock::now();
+    Stopwatch watch;
     if (!(o.jitter >= 0 && o.jitter <= 20)) return fail("--jitter: expected 0 to 20 pixels");
     if (o.enrolFrames < 50 || o.enrolFrames > 2000)
         return fail("--enrol-frames: expected 50 to 2000");
     if (o.probeFrames < 1 || o.probeFrames > 2000)
         return fail("--probe-frames: expected 1 to 2000");
+    if (o.threshold < 0 || o.threshold > 1000) return fail("--threshold: expected 0 to 1000");
+    if (o.dimension < 1 || o.dimension > 256) return fail("--dimension: expected 1 to 256");
+    for (int d : o.sweep)
+        if (d < 1 || d > 256)
+            return fail("--sweep " + std::to_string(d) + ": expected dimensions of 1 to 256");
     FrameList list;
     std::string error = readManifest(o.manifest, list);
     if (!error.empty()) return fail(error);
@@ -166,17 +155,31 @@ int runEval(const EvalOptions& o) {
     error = makeFolder(dictionary);
     if (!error.empty()) return fail(error);
     clearFolder(dictionary);
-    Session s;
-    error = s.open(dictionary);
-    if (!error.empty()) return fail(error);
-    s.engine().Set_Identify_thresvalue(o.threshold);
+    auto opened = msmface::Gallery::open(dictionary);
+    if (!opened.ok()) return fail(opened.message());
+    msmface::Gallery& g = opened.value();
+
+    EvalSummary summary;
+    summary.version = msmface_versionString();
+    summary.settings = {o.manifest,    o.jitter,    o.enrolFrames,
+                        o.probeFrames, o.dimension, o.threshold};
+    summary.personsWithVideos = static_cast<int>(persons.size());
+    summary.leftOut = skipped;
+    ReportFaces faces;
 
     std::printf(
         "%zu persons with two or more videos (%d with one video left out); enrolling from "
         "all but the last video, probing with the last\n",
         persons.size(), skipped);
+    // With --detect the manifest gives only the pictures; each is a still of its own.
+    std::unique_ptr<FaceFinder> finder;
+    if (o.detect) {
+        error = makeFaceFinder("", false, "--detect", finder);
+        if (!error.empty()) return fail(error);
+    }
+    int framesRead = 0, framesFound = 0;
     std::vector<std::vector<Frame>> probeFrames(persons.size());
-    std::vector<int> enrolledIndex(persons.size(), -1);  // index in the session, or -1
+    std::vector<int> enrolledIndex(persons.size(), -1);  // index in the gallery, or -1
     {
         Progress bar("enrolling", static_cast<int>(persons.size()));
         for (std::size_t i = 0; i < persons.size(); ++i) {
@@ -185,48 +188,79 @@ int runEval(const EvalOptions& o) {
             error = loadFrames(o.manifest, p.enrolRows, enrol);
             if (error.empty()) error = loadFrames(o.manifest, p.probeRows, probe);
             if (!error.empty()) return fail(error);
+            if (finder) {
+                framesRead += static_cast<int>(enrol.size() + probe.size());
+                framesFound += replaceWithFoundPoints(*finder, enrol);
+                framesFound += replaceWithFoundPoints(*finder, probe);
+            }
             const auto seed = static_cast<uint32_t>(1000 + i);
-            error = s.enrol(
-                static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)),
-                jitterFrames(enrol, copiesFor(static_cast<int>(enrol.size()), o.enrolFrames),
-                             o.jitter, seed));
-            if (!error.empty())
+            const std::vector<Frame> jittered = jitterFrames(
+                enrol, copiesFor(static_cast<int>(enrol.size()), o.enrolFrames), o.jitter, seed);
+            const msmface::Status enrolled =
+                g.enrol(static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)),
+                        samplesOf(jittered));
+            if (!enrolled.ok()) {
                 std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n",
-                             p.identity.c_str(), error.c_str());
-            else
-                enrolledIndex[i] = static_cast<int>(s.persons().size()) - 1;
+                             p.identity.c_str(), enrolled.message().c_str());
+            } else {
+                enrolledIndex[i] = static_cast<int>(g.persons().size()) - 1;
+                summary.enrolled.push_back(p.identity);
+                faces.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
+                faces.probe.push_back(pngOf(firstNormalisedFace(probe)));
+            }
             probeFrames[i] =
                 jitterFrames(probe, copiesFor(static_cast<int>(probe.size()), o.probeFrames),
                              o.jitter, seed + 7777u);
             bar.step(static_cast<int>(i) + 1);
         }
     }
-    error = s.buildConstraint(o.dimension);
-    if (!error.empty()) return fail(error);
+    if (finder)
+        std::printf("the detector found a face in %d of %d frames\n", framesFound, framesRead);
+    summary.stages.push_back(
+        {o.detect ? "reading frames, finding faces and enrolling" : "reading frames and enrolling",
+         watch.lap()});
+    const msmface::Status built = g.rebuildConstraint(o.dimension);
+    if (!built.ok()) return fail(built.message());
+    summary.stages.push_back({"constraint space", watch.lap()});
+    const std::vector<msmface::Person> enrolledPersons = g.persons();
 
-    std::vector<MethodRun> runs = {{kMethodSinglePattern, "SINGLE PATTERN", kOrange, {}, {}},
-                                   {kMethodMsm, "MSM", kBlue, {}, {}},
-                                   {kMethodCmsm, "CMSM", kGreen, {}, {}}};
     const std::string csvPath = o.out + "/scores.csv";
     const std::string csvTemp = csvPath + ".tmp";
     std::FILE* csv = std::fopen(csvTemp.c_str(), "w");
     if (csv == nullptr) return fail(csvPath + ": cannot be written");
     std::fprintf(csv, "method,probe,candidate,score,genuine\n");
-    for (MethodRun& run : runs) {
-        Progress bar(std::string("probing ") + run.name, static_cast<int>(persons.size()));
+    // Every enrolled person's probe by one method: its scores, and the scores file's rows when
+    // csv is given.
+    auto probeAll = [&](msmface::Method method, const std::string& stage, std::FILE* rows) {
+        std::vector<ProbeScores> all;
+        Progress bar(stage, static_cast<int>(persons.size()));
         for (std::size_t i = 0; i < persons.size(); ++i) {
             bar.step(static_cast<int>(i) + 1);
-            if (enrolledIndex[i] < 0) continue;
-            Recognition r;
-            if (!s.recognise(probeFrames[i], run.method, r).empty())
-                r.scores.assign(s.persons().size(), -1);
-            run.probes.push_back(ProbeScores{enrolledIndex[i], r.scores});
-            for (std::size_t c = 0; c < r.scores.size(); ++c)
-                std::fprintf(csv, "%d,%s,%s,%d,%d\n", run.method, persons[i].identity.c_str(),
-                             s.persons()[c].name.c_str(), r.scores[c],
-                             static_cast<int>(c) == enrolledIndex[i] ? 1 : 0);
+            const int truth = enrolledIndex[i];
+            if (truth < 0) continue;
+            const std::vector<int> scores = scoresOf(
+                g.recognise(samplesOf(probeFrames[i]), {method, o.threshold}), enrolledPersons);
+            all.push_back(ProbeScores{truth, scores});
+            if (rows == nullptr) continue;
+            for (std::size_t c = 0; c < scores.size(); ++c)
+                std::fprintf(rows, "%d,%s,%s,%d,%d\n", static_cast<int>(method),
+                             persons[i].identity.c_str(), enrolledPersons[c].name.c_str(),
+                             scores[c], static_cast<int>(c) == truth ? 1 : 0);
         }
-        run.figures = computeFigures(run.probes, o.threshold);
+        return all;
+    };
+    const std::pair<msmface::Method, const char*> methods[] = {
+        {msmface::Method::SinglePattern, "SINGLE PATTERN"},
+        {msmface::Method::Msm, "MSM"},
+        {msmface::Method::Cmsm, "CMSM"}};
+    for (const auto& [method, name] : methods) {
+        MethodResult m;
+        m.method = static_cast<int>(method);
+        m.name = name;
+        m.scores = probeAll(method, std::string("probing ") + name, csv);
+        m.figures = computeFigures(m.scores, o.threshold);
+        summary.methods.push_back(std::move(m));
+        summary.stages.push_back({std::string("probing by ") + name, watch.lap()});
     }
     const bool written =
         std::fclose(csv) == 0 && std::rename(csvTemp.c_str(), csvPath.c_str()) == 0;
@@ -234,24 +268,46 @@ int runEval(const EvalOptions& o) {
         std::remove(csvTemp.c_str());
         return fail(csvPath + ": cannot be written");
     }
-    const std::string picture = o.out + "/eval.png";
-    drawPicture(picture, runs);
 
-    std::printf(
-        "\n%zu enrolled, %d probes per method; threshold %d; constraint space of %d "
-        "dimensions\n",
-        s.persons().size(), runs[0].figures.probes, o.threshold, o.dimension);
-    std::printf("method            rank-1  rank-5     EER  TAR@thr  FAR@thr  identified@thr\n");
-    for (const MethodRun& run : runs) {
-        const Figures& f = run.figures;
-        std::printf("%-16s %6.1f%% %6.1f%% %6.1f%% %7.1f%% %7.2f%% %14.1f%%\n",
-                    (std::to_string(run.method) + " " + run.name).c_str(), 100 * f.rank1,
-                    100 * f.rank5, 100 * f.eer, 100 * f.trueAcceptAt, 100 * f.falseAcceptAt,
-                    100 * f.identifiedAt);
+    if (!o.noSweep) {
+        for (int d :
+             sweepDimensions(o.sweep, static_cast<int>(summary.enrolled.size()), o.dimension)) {
+            Figures f;
+            if (d == o.dimension) {
+                f = summary.methods.back().figures;
+            } else {
+                const msmface::Status rebuilt = g.rebuildConstraint(d);
+                if (!rebuilt.ok()) {
+                    // One dimension the space cannot take does not spoil the others.
+                    std::fprintf(stderr, "\nmsmface: warning: sweep left out %d: %s\n", d,
+                                 rebuilt.message().c_str());
+                    continue;
+                }
+                f = computeFigures(
+                    probeAll(msmface::Method::Cmsm, "CMSM at " + std::to_string(d), nullptr),
+                    o.threshold);
+            }
+            summary.sweep.push_back({d, f.rank1, f.eer, f.eerThreshold});
+        }
+        summary.bestDimension = bestSweepDimension(summary.sweep);
+        // The dictionary is left with the space this run was asked for.
+        const msmface::Status rebuilt = g.rebuildConstraint(o.dimension);
+        if (!rebuilt.ok()) return fail(rebuilt.message());
+        summary.stages.push_back({"CMSM dimension sweep", watch.lap()});
     }
+
+    const std::string jsonPath = o.out + "/summary.json";
+    const std::string pagePath = o.out + "/report.html";
+    const std::string page = reportPage(summary, faces);
+    error = writeWhole(jsonPath, summaryJson(summary));
+    if (error.empty()) error = writeWhole(pagePath, page);
+    if (!error.empty()) return fail(error);
+
+    std::fputs(summaryTable(summary).c_str(), stdout);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("scores: %s; picture: %s; %.1f s\n", csvPath.c_str(), picture.c_str(), seconds);
+    std::printf("scores: %s; summary: %s; report: %s (%zu kB); %.1f s\n", csvPath.c_str(),
+                jsonPath.c_str(), pagePath.c_str(), (page.size() + 512) / 1024, seconds);
     return 0;
 }
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "frame_list.h"
-#include "session.h"
+#include "frames.h"
 
 namespace msmcli {
 

@@ -1,73 +1,146 @@
 #include "image_io.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <sys/stat.h>
 
-// The decoder and encoder are compiled here and only here, as private functions of this file.
-#define STB_IMAGE_STATIC
-#define STB_IMAGE_IMPLEMENTATION
-#define STBI_NO_HDR
-#define STBI_NO_PSD
-#define STBI_NO_PIC
-#define STBI_NO_GIF
-#define STBI_NO_TGA
-#define STBI_FAILURE_USERMSG
-#define STB_IMAGE_WRITE_STATIC
-#define STB_IMAGE_WRITE_IMPLEMENTATION
-#if defined(__GNUC__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#pragma GCC diagnostic ignored "-Wsign-compare"
-#endif
-#include <stb/stb_image.h>
-#include <stb/stb_image_write.h>
-#if defined(__GNUC__)
-#pragma GCC diagnostic pop
-#endif
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "picture_header.h"
 
 namespace msmcli {
+namespace {
+
+bool sizeAllowed(long long width, long long height) {
+    return width >= 1 && height >= 1 && width <= kMaxPictureSide && height <= kMaxPictureSide &&
+           width * height <= kMaxPicturePixels;
+}
+
+std::string sizeRefused(const std::string& path, long long width, long long height) {
+    return path + ": " + std::to_string(width) + " x " + std::to_string(height) +
+           " pixels is outside what a camera frame can be";
+}
+
+std::string readBytes(const std::string& path, std::vector<unsigned char>& bytes) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0)
+        return path + ": cannot open the image (" + std::strerror(errno) + ")";
+    if (!S_ISREG(st.st_mode)) return path + ": cannot open the image (expected a file)";
+    if (st.st_size > kMaxPictureFileBytes)
+        return path + ": larger than 512 MiB; expected a picture";
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return path + ": cannot open the image (" + std::strerror(errno) + ")";
+    bytes.resize(static_cast<std::size_t>(st.st_size));
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())))
+        return path + ": cannot open the image (read failed)";
+    return {};
+}
+
+}  // namespace
+
+std::string loadPicture(const std::string& path, cv::Mat& out) {
+    std::vector<unsigned char> bytes;
+    std::string error = readBytes(path, bytes);
+    if (!error.empty()) return error;
+    const PictureHeader header = readPictureHeader(bytes.data(), bytes.size());
+    if (header.known && header.deep)
+        return path + ": 16 bits per sample; expected an 8-bit picture";
+    if (header.known && !sizeAllowed(header.width, header.height))
+        return sizeRefused(path, header.width, header.height);
+    cv::Mat decoded;
+    std::string reason;
+    try {
+        // Any depth, so that a deep picture of a format not read above is told apart rather than
+        // silently cut to 8 bits; not IMREAD_UNCHANGED, which would skip the EXIF orientation.
+        decoded = cv::imdecode(bytes, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR);
+    } catch (const cv::Exception& e) {
+        reason = e.err;
+    }
+    if (decoded.empty()) {
+        if (!header.known && reason.empty())
+            return path +
+                   ": not a picture of a known kind (expected PNG, JPEG, BMP, PGM/PPM, TIFF or "
+                   "WebP)";
+        return path + ": the picture does not decode" + (reason.empty() ? "" : " (" + reason + ")");
+    }
+    if (decoded.depth() != CV_8U) return path + ": 16 bits per sample; expected an 8-bit picture";
+    if (!sizeAllowed(decoded.cols, decoded.rows))
+        return sizeRefused(path, decoded.cols, decoded.rows);
+    if (decoded.channels() == 4)  // the alpha channel says nothing about a face
+        cv::cvtColor(decoded, decoded, cv::COLOR_BGRA2BGR);
+    else if (decoded.channels() != 1 && decoded.channels() != 3)
+        return path + ": " + std::to_string(decoded.channels()) +
+               " channels; expected a grey or colour picture";
+    out = decoded;
+    return {};
+}
+
+GreyImage greyOf(const cv::Mat& picture) {
+    GreyImage g;
+    g.width = picture.cols;
+    g.height = picture.rows;
+    g.pixels.resize(static_cast<std::size_t>(g.width) * g.height);
+    for (int y = 0; y < g.height; ++y) {
+        const unsigned char* row = picture.ptr<unsigned char>(y);
+        unsigned char* to = g.pixels.data() + static_cast<std::size_t>(y) * g.width;
+        if (picture.channels() == 1) {
+            std::memcpy(to, row, static_cast<std::size_t>(g.width));
+            continue;
+        }
+        for (int x = 0; x < g.width; ++x, row += 3)
+            to[x] = static_cast<unsigned char>((row[2] * 299 + row[1] * 587 + row[0] * 114) / 1000);
+    }
+    return g;
+}
 
 std::string loadGreyImage(const std::string& path, GreyImage& out) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return path + ": cannot open the image (" + std::strerror(errno) + ")";
-    int width = 0, height = 0, channels = 0;
-    const bool known = stbi_info_from_file(f, &width, &height, &channels) != 0;
-    const bool deep = known && stbi_is_16_bit_from_file(f) != 0;
-    if (!known) {
-        std::fclose(f);
-        return path + ": not a picture of a known kind (expected PGM, PPM, PNG, JPEG or BMP)";
-    }
-    if (deep) {
-        std::fclose(f);
-        return path + ": 16 bits per sample; expected an 8-bit picture";
-    }
-    if (width < 1 || height < 1 || width > kMaxPictureSide || height > kMaxPictureSide ||
-        static_cast<long long>(width) * height > kMaxPicturePixels) {
-        std::fclose(f);
-        return path + ": " + std::to_string(width) + " x " + std::to_string(height) +
-               " pixels is outside what a camera frame can be";
-    }
-    int w = 0, h = 0, n = 0;
-    unsigned char* data = stbi_load_from_file(f, &w, &h, &n, 1);
-    std::fclose(f);
-    if (data == nullptr)
-        return path + ": the picture does not decode (" + stbi_failure_reason() + ")";
-    out.width = w;
-    out.height = h;
-    out.pixels.assign(data, data + static_cast<std::size_t>(w) * h);
-    stbi_image_free(data);
+    cv::Mat picture;
+    std::string error = loadPicture(path, picture);
+    if (!error.empty()) return error;
+    out = greyOf(picture);
     return {};
+}
+
+std::vector<unsigned char> encodePng(int width, int height, int channels,
+                                     const unsigned char* pixels) {
+    std::vector<unsigned char> png;
+    if (width < 1 || height < 1 || (channels != 1 && channels != 3) || pixels == nullptr)
+        return png;
+    cv::Mat rgb(height, width, channels == 1 ? CV_8UC1 : CV_8UC3,
+                const_cast<unsigned char*>(pixels));
+    cv::Mat encoded;
+    if (channels == 3)
+        cv::cvtColor(rgb, encoded, cv::COLOR_RGB2BGR);
+    else
+        encoded = rgb;
+    try {
+        cv::imencode(".png", encoded, png);
+    } catch (const cv::Exception&) {
+        png.clear();
+    }
+    return png;
 }
 
 bool writePng(const std::string& path, int width, int height, int channels,
               const std::vector<unsigned char>& pixels) {
-    if (width < 1 || height < 1 || (channels != 1 && channels != 3) ||
-        pixels.size() != static_cast<std::size_t>(width) * height * channels)
+    if (pixels.size() != static_cast<std::size_t>(width) * height * channels) return false;
+    const std::vector<unsigned char> png = encodePng(width, height, channels, pixels.data());
+    if (png.empty()) return false;
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(png.data()), static_cast<std::streamsize>(png.size()));
+    return static_cast<bool>(out.flush());
+}
+
+bool writePicture(const std::string& path, const cv::Mat& picture) {
+    try {
+        return cv::imwrite(path, picture);
+    } catch (const cv::Exception&) {
         return false;
-    return stbi_write_png(path.c_str(), width, height, channels, pixels.data(), width * channels) !=
-           0;
+    }
 }
 
 }  // namespace msmcli

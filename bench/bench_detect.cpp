@@ -1,0 +1,129 @@
+// Faces and landmarks per camera frame at 320 x 240 and 640 x 480: a whole-frame detection, a
+// frame without a face (the doubled search included), and the frames of a video followed by a
+// Follower, with a whole-frame search every tenth frame or only near the face. Real faces from the
+// shared folder are pasted into the frames, moved and scaled a little from frame to frame.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <random>
+
+#include "detect/detect_support.h"
+
+namespace {
+
+using namespace detecttest;
+
+const msmface::Detector* detector() {
+    return sharedDetector();
+}
+
+// A clear real face (one face, found at the original size, eyes 35 pixels apart or more).
+const RealFace* benchFace() {
+    static const std::vector<RealFace> faces = loadRealFaces(1);
+    static const RealFace* face = [] {
+        const msmface::Detector* d = detector();
+        if (d == nullptr) return static_cast<const RealFace*>(nullptr);
+        for (const RealFace& f : faces) {
+            if (f.eyeDistance() < 35) continue;
+            const auto found = d->detect(f.frame.view());
+            if (found.ok() && found->size() == 1 && found->front().score > 0.5) return &f;
+        }
+        return static_cast<const RealFace*>(nullptr);
+    }();
+    return face;
+}
+
+// Frames of a person in front of a camera: eyes an eighth of the frame width apart, moving by a
+// few pixels and a few per cent from frame to frame.
+std::vector<GreyFrame> video(int width, int count) {
+    const RealFace& face = *benchFace();
+    const int height = width * 3 / 4;
+    std::vector<GreyFrame> frames;
+    for (int t = 0; t < count; ++t) {
+        const double scale = width / 8.0 / face.eyeDistance() * (1 + 0.1 * std::sin(t * 0.3));
+        const double left =
+            width / 2.0 - scale * face.frame.width / 2 + width / 16.0 * std::sin(t * 0.2);
+        const double top = height / 2.0 - scale * face.frame.height / 2;
+        GreyFrame f = canvas(width, height);
+        paste(face.frame, scale, left, top, f);
+        frames.push_back(std::move(f));
+    }
+    return frames;
+}
+
+bool ready(benchmark::State& state) {
+    if (detector() == nullptr) {
+        state.SkipWithError("no landmark model (Debian: libdlib-data)");
+        return false;
+    }
+    if (benchFace() == nullptr) {
+        state.SkipWithError("no face data in the shared folder");
+        return false;
+    }
+    return true;
+}
+
+void BM_DetectWholeFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    const auto frames = video(static_cast<int>(state.range(0)), 8);
+    size_t i = 0;
+    benchmark::IterationCount faces = 0;
+    for (auto _ : state) {
+        const auto found = detector()->detect(frames[i++ % frames.size()].view());
+        faces += found.ok() && !found->empty();
+    }
+    if (faces < state.iterations()) state.SkipWithError("a frame without its face");
+}
+BENCHMARK(BM_DetectWholeFrame)->Arg(320)->Arg(640)->Unit(benchmark::kMillisecond);
+
+// The landmarks alone, in the box of a face found before.
+void BM_FitInBox(benchmark::State& state) {
+    if (!ready(state)) return;
+    const auto frames = video(static_cast<int>(state.range(0)), 1);
+    const auto found = detector()->detect(frames[0].view());
+    if (!found.ok() || found->empty()) return state.SkipWithError("no face to fit");
+    for (auto _ : state) {
+        const auto fitted = detector()->fit(frames[0].view(), found->front().box);
+        if (!fitted.ok()) state.SkipWithError("fit failed");
+    }
+}
+BENCHMARK(BM_FitInBox)->Arg(320)->Arg(640)->Unit(benchmark::kMillisecond);
+
+// The worst frame: nothing found at the original size, so the doubled frame is searched too.
+void BM_DetectNoFace(benchmark::State& state) {
+    if (!ready(state)) return;
+    const int width = static_cast<int>(state.range(0));
+    GreyFrame noise = canvas(width, width * 3 / 4);
+    std::mt19937 rng(1);
+    for (unsigned char& v : noise.pixels) v = static_cast<unsigned char>(96 + rng() % 32);
+    for (auto _ : state) {
+        const auto found = detector()->detect(noise.view());
+        if (!found.ok() || !found->empty()) state.SkipWithError("a face in noise");
+    }
+}
+BENCHMARK(BM_DetectNoFace)->Arg(320)->Arg(640)->Unit(benchmark::kMillisecond);
+
+// Followed frames: range(1) frames between whole-frame searches (10: the default; 1000000: only
+// the search near the face after the first frame).
+void BM_Follow(benchmark::State& state) {
+    if (!ready(state)) return;
+    const auto frames = video(static_cast<int>(state.range(0)), 50);
+    msmface::Follower follower(*detector(), {static_cast<int>(state.range(1))});
+    size_t i = 0;
+    benchmark::IterationCount faces = 0;
+    for (auto _ : state) {
+        msmface::FacePoints points;
+        faces += follower.findPoints(frames[i++ % frames.size()].view(), points);
+    }
+    if (faces < state.iterations()) state.SkipWithError("lost the face");
+}
+BENCHMARK(BM_Follow)
+    ->Args({320, 10})
+    ->Args({320, 1000000})
+    ->Args({640, 10})
+    ->Args({640, 1000000})
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,294 @@
+// msmface watch's pipeline on a 640 x 480 video against a gallery of 100 persons: the face
+// followed by the detector's Follower and the frame pushed through a Stream, per frame; and the
+// same frame's parts on their own (full detection, a followed frame's landmarks, the stream's
+// normalisation and recognition with known points, against 1 and against 100 persons), so that
+// the whole can be read as the sum of its parts. CPU times are the whole process's (OpenCV and
+// FFmpeg may work on threads of their own); run it on one core (taskset -c 1) for the cost on one
+// core, which the wall time also shows when the machine is otherwise idle.
+//
+// The video: one person of ../shared/faces, four of the person's frames each enlarged into a
+// 640 x 480 frame and held for a second while it drifts by half a pixel per frame, as a camera
+// would see a person sitting still; the three cuts between them cost a detection each. The gallery:
+// 100 synthetic persons (tools/synth), kept between runs in the working folder
+// (bench-watch-gallery/), as enrolling them takes a minute.
+#include <benchmark/benchmark.h>
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <msmface/detect.h>
+#include <msmface/gallery.h>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include "tools/msmface/frame_list.h"
+#include "tools/synth/synth_face.h"
+
+namespace {
+
+constexpr int kPersons = 100;
+constexpr int kWidth = 640;
+constexpr int kHeight = 480;
+constexpr int kHold = 25;   // video frames per still of the person: one second each
+constexpr int kStills = 4;  // stills taken; a cut between two makes the follower detect afresh
+const char* const kIdentity = "Amy_Brenneman";
+
+msmface::FrameView viewOf(const cv::Mat& m) {
+    msmface::FrameView v;
+    v.data = m.data;
+    v.width = m.cols;
+    v.height = m.rows;
+    v.stride = static_cast<int>(m.step[0]);
+    v.format = m.channels() == 1 ? msmface::PixelFormat::Grey : msmface::PixelFormat::BGR;
+    return v;
+}
+
+std::string readText(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return {};
+    std::string text;
+    char buf[65536];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) text.append(buf, n);
+    std::fclose(f);
+    return text;
+}
+
+std::vector<cv::Mat> makeVideo() {
+    const std::string faces = std::string(MSMFACE_SHARED_DIR) + "/faces";
+    const msmcli::FrameList list = msmcli::parseManifest(readText(faces + "/manifest.csv"));
+    std::vector<cv::Mat> video;
+    int stills = 0;
+    for (const msmcli::FrameRow& row : list.rows) {
+        if (row.identity != kIdentity || stills == kStills) continue;
+        cv::Mat still = cv::imread(faces + "/" + row.image, cv::IMREAD_COLOR);
+        if (still.empty()) continue;
+        ++stills;
+        // The face at about twice its size, as a webcam at arm's length shows it.
+        const double scale =
+            0.9 * std::min(double(kHeight) / still.rows, double(kWidth) / still.cols);
+        cv::resize(still, still, cv::Size(), scale, scale, cv::INTER_LINEAR);
+        for (int k = 0; k < kHold; ++k) {
+            cv::Mat frame(kHeight, kWidth, CV_8UC3, cv::Scalar(90, 100, 110));
+            const int x = (kWidth - still.cols) / 2 + k / 2, y = (kHeight - still.rows) / 2 + k / 4;
+            still.copyTo(frame(cv::Rect(x, y, still.cols, still.rows)));
+            video.push_back(frame);
+        }
+    }
+    return video;
+}
+
+// Enrols the synthetic persons once; later runs reopen the folder.
+msmface::Result<msmface::Gallery> openGallery(const std::string& dir, int persons) {
+    msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, msmface::OpenOptions{true});
+    if (!g) return g;
+    for (int i = static_cast<int>(g->persons().size()); i < persons; ++i) {
+        const msmsynth::SynthPerson person = msmsynth::makePerson(11, i);
+        std::vector<msmsynth::SynthFrame> rendered;
+        for (const msmsynth::SynthPose& pose : msmsynth::makeSequence(900 + i, 60, 320, 240))
+            rendered.push_back(msmsynth::renderFrame(person, pose, 320, 240));
+        std::vector<msmface::Sample> samples;
+        for (const msmsynth::SynthFrame& f : rendered) {
+            if (!f.valid()) continue;
+            msmface::Sample s;
+            s.frame.data = f.pixels.data();
+            s.frame.width = f.width;
+            s.frame.height = f.height;
+            msmface::FacePoints p;
+            for (int k = 0; k < 28; ++k) p.xy[k] = f.points[k];
+            s.points = p;
+            samples.push_back(s);
+        }
+        msmface::Status st = g->enrol(i + 1, "synth" + std::to_string(i + 1), samples);
+        if (!st) return st;
+    }
+    return g;
+}
+
+// What every benchmark shares, made on first use.
+struct Fixture {
+    std::vector<cv::Mat> video;
+    std::unique_ptr<msmface::Detector> detector;
+    std::unique_ptr<msmface::Gallery> gallery;    // kPersons persons
+    std::unique_ptr<msmface::Gallery> onePerson;  // the first of them only
+    std::vector<msmface::FacePoints> points;      // the followed points of every frame
+    std::string error;
+
+    Fixture() {
+        video = makeVideo();
+        if (video.empty()) {
+            error = "../shared/faces is absent";
+            return;
+        }
+        msmface::Result<msmface::Detector> d = msmface::Detector::create();
+        if (!d) {
+            error = d.message();
+            return;
+        }
+        detector = std::make_unique<msmface::Detector>(std::move(d).value());
+        msmface::Result<msmface::Gallery> g = openGallery("bench-watch-gallery", kPersons);
+        msmface::Result<msmface::Gallery> one = openGallery("bench-watch-gallery-1", 1);
+        if (!g || !one) {
+            error = !g ? g.message() : one.message();
+            return;
+        }
+        gallery = std::make_unique<msmface::Gallery>(std::move(g).value());
+        onePerson = std::make_unique<msmface::Gallery>(std::move(one).value());
+        msmface::Follower follower(*detector);
+        for (const cv::Mat& f : video) {
+            msmface::FacePoints p;
+            if (follower.findPoints(viewOf(f), p)) points.push_back(p);
+        }
+        if (points.empty()) error = "the detector finds no face in the video";
+    }
+};
+
+Fixture& fixture() {
+    static Fixture f;
+    return f;
+}
+
+bool ready(benchmark::State& state) {
+    if (fixture().error.empty()) return true;
+    state.SkipWithError(fixture().error.c_str());
+    return false;
+}
+
+void setRate(benchmark::State& state) {
+    state.SetItemsProcessed(state.iterations());
+    state.counters["fps"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+// The whole pipeline of watch, per frame: follow the face, push the frame through the stream.
+void BM_WatchFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    msmface::StreamOptions options;
+    auto follower = std::make_shared<msmface::Follower>(*fx.detector);
+    options.finder = follower;
+    msmface::Result<msmface::Stream> stream = msmface::Stream::create(*fx.gallery, options);
+    if (!stream) {
+        state.SkipWithError(stream.message().c_str());
+        return;
+    }
+    std::size_t k = 0;
+    int faces = 0;
+    for (auto _ : state) {
+        msmface::Result<msmface::StreamState> s = stream->push(viewOf(fx.video[k]));
+        faces += s && s->face ? 1 : 0;
+        benchmark::DoNotOptimize(s);
+        k = (k + 1) % fx.video.size();
+    }
+    setRate(state);
+    state.counters["face_share"] = double(faces) / double(state.iterations());
+}
+BENCHMARK(BM_WatchFrame)->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond)->MinTime(5.0);
+
+// Full detection (faces and their landmarks) on a 640 x 480 frame: what every frame would cost
+// without following.
+void BM_DetectFullFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    std::size_t k = 0, found = 0;
+    for (auto _ : state) {
+        auto faces = fx.detector->detect(viewOf(fx.video[k]));
+        found += faces && !faces->empty();
+        k = (k + 1) % fx.video.size();
+    }
+    setRate(state);
+    state.counters["found"] = double(found) / double(state.iterations());
+}
+BENCHMARK(BM_DetectFullFrame)->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+
+// A followed frame, with a full detection every state.range(0) frames (10: what watch uses;
+// 1000: the following alone, landmarks from the previous frame's box).
+void BM_FollowFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    msmface::Follower follower(*fx.detector,
+                               msmface::FollowerOptions{static_cast<int>(state.range(0))});
+    std::size_t k = 0;
+    for (auto _ : state) {
+        msmface::FacePoints p;
+        benchmark::DoNotOptimize(follower.findPoints(viewOf(fx.video[k]), p));
+        k = (k + 1) % fx.video.size();
+    }
+    setRate(state);
+}
+BENCHMARK(BM_FollowFrame)
+    ->Arg(10)
+    ->Arg(1000)
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kMillisecond);
+
+// The stream alone with known points: normalisation and recognition, against 1 or 100 persons
+// (the difference is the recognition of 99 more persons).
+void BM_StreamPushPoints(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    msmface::Gallery& g = state.range(0) == 1 ? *fx.onePerson : *fx.gallery;
+    msmface::Result<msmface::Stream> stream = msmface::Stream::create(g, {});
+    if (!stream) {
+        state.SkipWithError(stream.message().c_str());
+        return;
+    }
+    std::size_t k = 0;
+    for (auto _ : state) {
+        const std::size_t i = k % fx.points.size();
+        benchmark::DoNotOptimize(stream->push(viewOf(fx.video[i]), fx.points[i]));
+        ++k;
+    }
+    setRate(state);
+}
+BENCHMARK(BM_StreamPushPoints)
+    ->Arg(1)
+    ->Arg(kPersons)
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kMillisecond);
+
+// Reading a frame of the video as watch does: an MJPG AVI decoded by OpenCV's FFmpeg backend.
+void BM_DecodeFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    const std::string path = "bench-watch-video.avi";
+    {
+        cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
+                               25, fx.video.front().size());
+        for (const cv::Mat& f : fx.video) writer.write(f);
+    }
+    cv::VideoCapture capture(path, cv::CAP_FFMPEG);
+    cv::Mat frame;
+    for (auto _ : state) {
+        if (!capture.read(frame)) {
+            state.PauseTiming();
+            capture.open(path, cv::CAP_FFMPEG);
+            state.ResumeTiming();
+            capture.read(frame);
+        }
+        benchmark::DoNotOptimize(frame.data);
+    }
+    setRate(state);
+}
+BENCHMARK(BM_DecodeFrame)->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+
+// Mixing a BGR frame down to grey, which the stream does before it normalises.
+void BM_GreyOfFrame(benchmark::State& state) {
+    if (!ready(state)) return;
+    Fixture& fx = fixture();
+    cv::Mat grey;
+    for (auto _ : state) {
+        cv::cvtColor(fx.video[0], grey, cv::COLOR_BGR2GRAY);
+        benchmark::DoNotOptimize(grey.data);
+    }
+    setRate(state);
+}
+BENCHMARK(BM_GreyOfFrame)->MeasureProcessCPUTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

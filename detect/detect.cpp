@@ -1,0 +1,127 @@
+// The Detector: loads the landmark model and finds or fits faces in single frames.
+#include <msmface/detect.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <utility>
+
+#include "detect/detect_internal.h"
+
+namespace msmface {
+
+namespace {
+
+std::string modelPathFrom(const DetectorOptions& options) {
+    if (!options.modelPath.empty()) return options.modelPath;
+    const char* env = std::getenv(kLandmarkModelEnvironment);
+    if (env != nullptr && *env != '\0') return env;
+    return kDefaultLandmarkModel;
+}
+
+Status loadModel(const std::string& path, dlib::shape_predictor& model) {
+    errno = 0;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        const int error = errno;
+        if (error == ENOENT || error == ENOTDIR)
+            return Status::failure(ErrorKind::NotFound,
+                                   "landmark model " + path +
+                                       " does not exist: install Debian's libdlib-data (it "
+                                       "provides " +
+                                       kDefaultLandmarkModel + ") or name the model file in " +
+                                       kLandmarkModelEnvironment);
+        return Status::failure(ErrorKind::File,
+                               "landmark model " + path + " cannot be read: " +
+                                   (error != 0 ? std::strerror(error) : "open failed"));
+    }
+    try {
+        dlib::deserialize(model, in);
+    } catch (const std::exception&) {
+        // dlib reports a short or damaged file as a serialisation error, and a damaged length
+        // field may also end as bad_alloc; either way the file is not the model.
+        return Status::failure(ErrorKind::File,
+                               "landmark model " + path +
+                                   " is not a complete dlib shape predictor (truncated or damaged; "
+                                   "reinstall libdlib-data)");
+    }
+    if (model.num_parts() != detail::kLandmarkCount)
+        return Status::failure(ErrorKind::File, "landmark model " + path + " has " +
+                                                    std::to_string(model.num_parts()) +
+                                                    " landmarks, expected 68");
+    return {};
+}
+
+Status internalFailure(const std::exception& e) {
+    if (dynamic_cast<const std::bad_alloc*>(&e) != nullptr)
+        return Status::failure(ErrorKind::Internal, "detector: out of memory");
+    return Status::failure(ErrorKind::Internal, std::string("detector: ") + e.what());
+}
+
+}  // namespace
+
+Result<Detector> Detector::create(const DetectorOptions& options) {
+    try {
+        auto impl = std::make_shared<Impl>();
+        const Status loaded = loadModel(modelPathFrom(options), impl->shapes);
+        if (!loaded) return loaded;
+        impl->faces = dlib::get_frontal_face_detector();
+        impl->upsampleBelowWidth = options.upsampleBelowWidth;
+        return Detector(std::move(impl));
+    } catch (const std::exception& e) {
+        return internalFailure(e);
+    }
+}
+
+Detector::Detector(std::shared_ptr<const Impl> impl) : impl_(std::move(impl)) {}
+Detector::Detector(Detector&&) noexcept = default;
+Detector& Detector::operator=(Detector&&) noexcept = default;
+Detector::~Detector() = default;
+
+Result<std::vector<DetectedFace>> Detector::detect(const FrameView& frame) const {
+    if (!impl_) return Status::failure(ErrorKind::Argument, "detector: used after it was moved");
+    const Status valid = detail::checkFrame(frame);
+    if (!valid) return valid;
+    try {
+        detail::GreyImage grey;
+        detail::toGrey(frame, grey);
+        // The search state lives in the detector object; this Detector is used by one thread at
+        // a time (Followers search with copies of their own), so changing it is safe here.
+        auto& faces = const_cast<dlib::frontal_face_detector&>(impl_->faces);
+        std::vector<DetectedFace> out;
+        for (const auto& d : detail::findFaces(faces, grey, impl_->upsampleBelowWidth))
+            out.push_back(detail::fitFace(impl_->shapes, grey, d.rect, d.detection_confidence));
+        return out;
+    } catch (const std::exception& e) {
+        return internalFailure(e);
+    }
+}
+
+Result<DetectedFace> Detector::fit(const FrameView& frame, const FaceBox& box) const {
+    if (!impl_) return Status::failure(ErrorKind::Argument, "detector: used after it was moved");
+    const Status valid = detail::checkFrame(frame);
+    if (!valid) return valid;
+    const long right = static_cast<long>(box.left) + box.width;
+    const long bottom = static_cast<long>(box.top) + box.height;
+    if (box.width < 1 || box.height < 1 || box.width > 4 * detail::kMaxFrameSide ||
+        box.height > 4 * detail::kMaxFrameSide || box.left >= frame.width ||
+        box.top >= frame.height || right <= 0 || bottom <= 0)
+        return Status::failure(
+            ErrorKind::Argument,
+            "box: " + std::to_string(box.width) + " x " + std::to_string(box.height) + " at (" +
+                std::to_string(box.left) + ", " + std::to_string(box.top) +
+                "), expected a non-empty box that overlaps the " + std::to_string(frame.width) +
+                " x " + std::to_string(frame.height) + " frame");
+    try {
+        detail::GreyImage grey;
+        detail::toGrey(frame, grey);
+        const dlib::rectangle r(box.left, box.top, right - 1, bottom - 1);
+        return detail::fitFace(impl_->shapes, grey, r, 0);
+    } catch (const std::exception& e) {
+        return internalFailure(e);
+    }
+}
+
+}  // namespace msmface

@@ -1,0 +1,62 @@
+// What the detector's parts share inside the library: the grey frame, the model and the steps
+// from pixels to fitted faces.
+#ifndef MSMFACE_DETECT_DETECT_INTERNAL_H
+#define MSMFACE_DETECT_DETECT_INTERNAL_H
+
+#include <msmface/detect.h>
+
+#include <dlib/image_processing.h>
+#include <dlib/image_processing/frontal_face_detector.h>
+
+#include <vector>
+
+namespace msmface {
+
+class Detector::Impl {
+  public:
+    dlib::shape_predictor shapes;  // read-only once loaded: shared by every user
+    // The search keeps state in the object, so each user (the Detector, each Follower) searches
+    // with a copy of its own.
+    dlib::frontal_face_detector faces;
+    int upsampleBelowWidth = 0;
+};
+
+namespace detail {
+
+using GreyImage = dlib::array2d<unsigned char>;
+
+inline constexpr unsigned long kLandmarkCount = 68;
+// Sides beyond this are no camera frame; refusing them keeps a wrong size from driving a huge
+// grey copy.
+inline constexpr int kMaxFrameSide = 16384;
+
+// Success, or one message naming what is wrong with the view.
+Status checkFrame(const FrameView& frame);
+// requires: checkFrame(frame).ok().
+void toGrey(const FrameView& frame, GreyImage& grey);
+
+// Every face in the frame, the largest first, in frame pixels. Frames no wider and no taller than
+// upsampleBelowWidth are searched again at twice the size when nothing was found.
+std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detector,
+                                            const GreyImage& grey, int upsampleBelowWidth);
+
+// A copy of the detector that searches only a few sizes around kNearFaceWidth: the search near
+// a face already known, at a fraction of the cost of a whole frame.
+dlib::frontal_face_detector nearSearch(const dlib::frontal_face_detector& detector);
+
+// The faces that nearSearch finds in region, a square about twice as wide as the expected face of
+// about faceWidth pixels, in frame pixels, the largest first. adjustThreshold below 0 accepts
+// weaker faces than a whole-frame search would.
+std::vector<dlib::rect_detection> findFacesNear(dlib::frontal_face_detector& near,
+                                                const GreyImage& grey,
+                                                const dlib::rectangle& region, double faceWidth,
+                                                double adjustThreshold);
+
+// The 68 landmarks inside box and the fourteen points mapped from them.
+DetectedFace fitFace(const dlib::shape_predictor& model, const GreyImage& grey,
+                     const dlib::rectangle& box, double score);
+
+}  // namespace detail
+}  // namespace msmface
+
+#endif  // MSMFACE_DETECT_DETECT_INTERNAL_H

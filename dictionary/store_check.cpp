@@ -1,0 +1,228 @@
+// check and repair of a dictionary directory (<msmface/store.h>).
+#include <msmface/store.h>
+
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include <msmface/FileSummary.h>
+
+#include "dictionary/registry.h"
+#include "dictionary/store_files.h"
+#include "dictionary/store_lock.h"
+#include "dictionary/threshold_file.h"
+#include "recognition/constraint_list.h"
+
+namespace msmface {
+namespace {
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// The reason a file of the engine does not read, or empty when it reads.
+std::string unreadable(const std::string& path) {
+    char reason[512];
+    if (msmface_describeFile(path.c_str(), reason, sizeof reason) >= 0) return {};
+    return reason;
+}
+
+// A person's picture: only its header and size are checked, which is what a truncated write
+// damages.
+std::string unreadablePicture(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return path + ": cannot be read (" + std::strerror(errno) + ")";
+    unsigned char head[6] = {};
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return path + ": cannot be read (" + std::strerror(errno) + ")";
+    const std::size_t n = std::fread(head, 1, sizeof head, f);
+    std::fclose(f);
+    const unsigned long declared = n == sizeof head ? (head[2] | head[3] << 8 | head[4] << 16 |
+                                                       static_cast<unsigned long>(head[5]) << 24)
+                                                    : 0;
+    if (n != sizeof head || head[0] != 'B' || head[1] != 'M' ||
+        declared != static_cast<unsigned long>(st.st_size))
+        return path + ": expected a BMP picture of the size its header declares";
+    return {};
+}
+
+std::string realDirectory(const std::string& path) {
+    char buf[PATH_MAX];
+    return ::realpath(path.c_str(), buf) != nullptr ? std::string(buf) : std::string();
+}
+
+std::string parentOf(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void add(StoreReport& r, StoreProblemKind kind, const std::string& path, const std::string& what) {
+    const bool repairable = kind == StoreProblemKind::Orphan || kind == StoreProblemKind::Temporary;
+    r.problems.push_back(StoreProblem{kind, path, what, repairable});
+}
+
+void checkConstraint(const std::string& dir, const std::set<std::string>& files, StoreReport& r) {
+    const std::string list = dir + "/" + msm::kConstraintListName;
+    const bool hasList = files.count(msm::kConstraintListName) != 0;
+    msm::ConstraintList parsed;
+    if (hasList && msm::readConstraintList(list.c_str(), parsed) != msm::ListRead::Accepted) {
+        add(r, StoreProblemKind::Constraint, list, list + ": expected a constraint list");
+        return;
+    }
+    const std::string here = realDirectory(dir);
+    // The files of a rebuild that failed or was killed before its list named them, and of the
+    // space a finished rebuild replaced but had no time to remove.
+    std::set<std::string> named;
+    for (const msm::ConstraintListEntry& e : parsed.entries)
+        for (const std::string& stem : {e.stem, e.stem2})
+            if (!stem.empty() && realDirectory(parentOf(stem)) == here)
+                named.insert(stem.substr(stem.find_last_of('/') + 1));
+    for (const std::string& f : files) {
+        const std::string stem = msm::personStemOf(f);
+        if (msm::isConstraintStem(stem) && named.count(stem) == 0)
+            add(r, StoreProblemKind::Orphan, dir + "/" + f,
+                dir + "/" + f + ": a constraint file that " + msm::kConstraintListName +
+                    " does not name");
+    }
+    for (const msm::ConstraintListEntry& e : parsed.entries) {
+        if (e.kind != msm::kKindFile && e.kind != msm::kKindLearned) continue;
+        std::vector<std::string> stems{e.stem};
+        if (!e.stem2.empty() && e.stem2 != e.stem) stems.push_back(e.stem2);
+        for (const std::string& stem : stems) {
+            if (stem.empty()) continue;
+            // The list names its files by absolute path; a directory that was moved or copied
+            // still points at the old place.
+            if (realDirectory(parentOf(stem)) != here) {
+                add(r, StoreProblemKind::Constraint, list,
+                    list + ": names " + stem + ", which is not in this directory; run \"msmface "
+                    "constraint\" again");
+                continue;
+            }
+            for (const char* ext : {".dck", ".dckev"}) {
+                const std::string why = unreadable(stem + ext);
+                if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ext, why);
+            }
+        }
+    }
+}
+
+Status checkReadable(const std::string& dir) {
+    struct stat st {};
+    if (dir.empty() || ::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return Status::failure(ErrorKind::NotFound,
+                               dir + ": expected a dictionary directory, found none");
+    if (::access(dir.c_str(), R_OK | X_OK) != 0)
+        return Status::failure(ErrorKind::File, dir + ": cannot be read (" +
+                                                    std::strerror(errno) + ")");
+    return {};
+}
+
+// requires: the caller holds dir's lock, shared or exclusive.
+StoreReport checkLocked(const std::string& dir) {
+    StoreReport r;
+    const std::vector<std::string> names = msm::regularFilesIn(dir);
+    const std::set<std::string> files(names.begin(), names.end());
+    std::vector<Person> listed;
+    const std::string registryError = detail::loadRegistry(dir, listed);
+    if (!registryError.empty())
+        add(r, StoreProblemKind::Registry, dir + "/" + msm::kPersonListName, registryError);
+    r.persons = static_cast<int>(listed.size());
+
+    std::set<std::string> named;
+    int threshold = 0;
+    const std::string thresholdError = detail::loadThreshold(dir, 0, threshold);
+    if (!thresholdError.empty())
+        add(r, StoreProblemKind::UnreadableFile, detail::thresholdPath(dir), thresholdError);
+    for (const Person& p : listed) {
+        named.insert(p.name);
+        const std::string stem = dir + "/" + p.name;
+        for (const char* ext : {".dck", ".mck"}) {
+            const std::string path = stem + ext;
+            if (!exists(path)) {
+                add(r, StoreProblemKind::MissingFiles, path,
+                    path + ": missing; person " + std::to_string(p.id) + " (" + p.name +
+                        ") is listed without it");
+                continue;
+            }
+            const std::string why = unreadable(path);
+            if (!why.empty()) add(r, StoreProblemKind::UnreadableFile, path, why);
+        }
+        if (exists(stem + ".bmp")) {
+            const std::string why = unreadablePicture(stem + ".bmp");
+            if (!why.empty()) add(r, StoreProblemKind::UnreadableFile, stem + ".bmp", why);
+        }
+    }
+    for (const std::string& name : names) {
+        const std::string path = dir + "/" + name;
+        if (msm::isOwnTemporaryName(name)) {
+            add(r, StoreProblemKind::Temporary, path,
+                path + ": a temporary left by an interrupted write");
+            continue;
+        }
+        const std::string stem = msm::personStemOf(name);
+        // Without a registry (a directory of a legacy host) no file can be called an orphan.
+        if (stem.empty() || msm::isConstraintStem(stem) || !registryError.empty() ||
+            named.count(stem) != 0 || files.count(msm::kPersonListName) == 0)
+            continue;
+        add(r, StoreProblemKind::Orphan, path, path + ": no person of the registry names it");
+    }
+    checkConstraint(dir, files, r);
+    std::stable_sort(r.problems.begin(), r.problems.end(),
+                     [](const StoreProblem& a, const StoreProblem& b) {
+                         return a.kind != b.kind ? a.kind < b.kind : a.path < b.path;
+                     });
+    return r;
+}
+
+}  // namespace
+
+Result<StoreReport> checkStore(const std::string& dir) {
+    Status readable = checkReadable(dir);
+    if (!readable.ok()) return readable;
+    // Shared: a writer's change is either wholly before or wholly after what we read.
+    msm::DirectoryLock lock;
+    Status locked = msm::DirectoryLock::acquire(dir, msm::LockMode::Shared, {}, lock);
+    if (!locked.ok()) return locked;
+    return checkLocked(dir);
+}
+
+Result<StoreReport> repairStore(const std::string& dir, const LockOptions& options) {
+    Status readable = checkReadable(dir);
+    if (!readable.ok()) return readable;
+    msm::DirectoryLock lock;
+    Status locked = msm::DirectoryLock::acquire(
+        dir, msm::LockMode::Exclusive, msm::LockWait{options.wait, options.notice}, lock);
+    if (!locked.ok()) return locked;
+    std::vector<std::string> repaired;
+    for (const std::string& name : msm::removeOwnTemporaries(dir))
+        repaired.push_back("removed " + dir + "/" + name);
+    const StoreReport now = checkLocked(dir);
+    const std::string lost = dir + "/" + kLostAndFoundName;
+    for (const StoreProblem& p : now.problems) {
+        if (p.kind != StoreProblemKind::Orphan) continue;
+        if (::mkdir(lost.c_str(), 0755) != 0 && errno != EEXIST)
+            return Status::failure(ErrorKind::File, lost + ": cannot be created (" +
+                                                        std::strerror(errno) + ")");
+        const std::string name = p.path.substr(p.path.find_last_of('/') + 1);
+        std::string target = lost + "/" + name;
+        for (int n = 1; exists(target) && n < 1000; ++n)
+            target = lost + "/" + name + "." + std::to_string(n);
+        if (::rename(p.path.c_str(), target.c_str()) != 0)
+            return Status::failure(ErrorKind::File, p.path + ": cannot be moved to " + lost +
+                                                        " (" + std::strerror(errno) + ")");
+        repaired.push_back("moved " + p.path + " to " + target);
+    }
+    StoreReport after = checkLocked(dir);
+    after.repaired = std::move(repaired);
+    return after;
+}
+
+}  // namespace msmface

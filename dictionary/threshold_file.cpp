@@ -1,0 +1,99 @@
+#include "dictionary/threshold_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include <msmface/gallery.h>
+
+#include "dictionary/atomic_file.h"
+#include "dictionary/small_text_file.h"
+
+namespace msmface::detail {
+namespace {
+
+constexpr const char* kExpected = "expected an identify threshold of 0 to 1000";
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+std::string trimmed(const std::string& line) {
+    std::size_t b = 0, e = line.size();
+    while (b < e && isBlank(line[b])) ++b;
+    while (e > b && isBlank(line[e - 1])) --e;
+    return line.substr(b, e - b);
+}
+
+// A whole number of at most four digits: "0850" is 850, a sign or anything else is refused.
+bool parseValue(const std::string& word, int& value) {
+    if (word.empty() || word.size() > 4) return false;
+    int v = 0;
+    for (char c : word) {
+        if (c < '0' || c > '9') return false;
+        v = v * 10 + (c - '0');
+    }
+    if (v > kMaxThreshold) return false;
+    value = v;
+    return true;
+}
+
+}  // namespace
+
+std::string thresholdPath(const std::string& dir) {
+    return dir + "/" + kThresholdFileName;
+}
+
+std::string parseThreshold(const std::string& text, int& value) {
+    std::istringstream in(text);
+    std::string line;
+    int found = -1;
+    for (int number = 1; std::getline(in, line); ++number) {
+        const std::string word = trimmed(line);
+        if (word.empty() || word[0] == '#') continue;
+        if (found >= 0)
+            return "line " + std::to_string(number) + ": " + kExpected +
+                   " on one line only, found a second value";
+        if (!parseValue(word, found))
+            return "line " + std::to_string(number) + ": " + kExpected + ", found \"" +
+                   quoteForMessage(word) + "\"";
+    }
+    if (found < 0) return std::string(kExpected) + ", found none";
+    value = found;
+    return {};
+}
+
+std::string loadThreshold(const std::string& dir, int fallback, int& value) {
+    value = fallback;
+    const std::string path = thresholdPath(dir);
+    std::string text;
+    switch (readSmallTextFile(path, kMaxThresholdFileBytes, text)) {
+        case SmallFileRead::Ok:
+            break;
+        case SmallFileRead::Missing:
+            return {};
+        case SmallFileRead::NotAFile:
+            return path + ": " + kExpected + " in a file, found a folder or a device";
+        case SmallFileRead::TooLarge:
+            return path + ": larger than 4 KiB; " + kExpected;
+        case SmallFileRead::Failed:
+            return path + ": cannot be read (" + std::strerror(errno) + ")";
+    }
+    int parsed = 0;
+    std::string error = parseThreshold(text, parsed);
+    if (!error.empty()) return path + ": " + error;
+    value = parsed;
+    return {};
+}
+
+std::string formatThreshold(int value) {
+    return "# msmface identify threshold: a best score above it identifies the person (0 .. "
+           "1000)\n" +
+           std::to_string(value) + "\n";
+}
+
+std::string saveThreshold(const std::string& dir, int value) {
+    return replaceSmallTextFile(dir, thresholdPath(dir), formatThreshold(value));
+}
+
+}  // namespace msmface::detail

@@ -1,0 +1,168 @@
+// What a Gallery and its Streams share, and the steps both take to fill an engine with the
+// persons of a dictionary directory.
+#ifndef MSMFACE_ENGINE_GALLERY_IMPL_H
+#define MSMFACE_ENGINE_GALLERY_IMPL_H
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include <msmface/FaceRecognition.h>
+#include <msmface/frame.h>
+#include <msmface/gallery.h>
+
+#include "dictionary/store_files.h"
+#include "dictionary/store_lock.h"
+
+namespace msmface::detail {
+
+inline constexpr const char* kConstraintStem = "cmsm";
+// The engine is made for this camera size; an enrolment sets the size of its own frames.
+inline constexpr int kDefaultFrameWidth = 320;
+inline constexpr int kDefaultFrameHeight = 240;
+inline constexpr int kFaceSide = 64;
+
+// The directory's persons as this process knows them, shared by the gallery (the one writer)
+// and its streams (readers, each on its own thread).
+struct GalleryState {
+    std::string dir;
+    // Held exclusively by the gallery while it changes the directory's files and the fields
+    // below, shared by a stream while it copies them and reads the files they name.
+    mutable std::shared_mutex mutex;
+    std::vector<Person> persons;  // with a dictionary file, registry order = the engine's order
+    // One per person: a number that changes whenever the person's files may have changed, so
+    // that a stream reloads only the persons who are new to it.
+    std::vector<uint64_t> serials;
+    std::vector<Person> orphans;  // listed without a dictionary file
+    int threshold = kDefaultIdentifyThreshold;
+    uint64_t constraintRevision = 0;  // raised when the constraint space was rebuilt
+    uint64_t nextSerial = 1;
+    // Raised after every change under the lock; a stream whose copy is older reloads.
+    std::atomic<uint64_t> generation{0};
+    // The directory's files as the fields above were read from them.
+    msm::DirectoryStamp stamp;
+
+    uint64_t newSerial() { return nextSerial++; }
+};
+
+// The registry's persons split into those with a dictionary file and the others, and the stored
+// threshold. requires: the caller holds the directory's lock (shared or exclusive) or accepts a
+// view that a writer may change meanwhile.
+std::string readListed(const std::string& dir, std::vector<Person>& persons,
+                       std::vector<Person>& orphans, int& threshold);
+
+// Brings the shared list up to the directory when another process changed it since the list was
+// read: persons keep their serial only where the list already matched the directory, so a stream
+// reads again every person whose files may have changed. requires: the directory's lock (shared
+// or exclusive) and the state's lock exclusively. Returns the error of the directory's files.
+std::string refreshFromDisk(GalleryState& state);
+
+// The directory's lock as the gallery's options ask for it.
+Status lockDirectory(const std::string& dir, msm::LockMode mode, const LockOptions& options,
+                     msm::DirectoryLock& lock);
+
+// The database records an engine points into: HumanID holds a bare char*, so the names live
+// here, at addresses that stay put while records are added.
+class PersonTable {
+  public:
+    void clear() {
+        records_.clear();
+        names_.clear();
+    }
+    HumanID* add(const Person& p) {
+        names_.push_back(p.name);
+        records_.push_back(HumanID{p.id, names_.back().data()});
+        return &records_.back();
+    }
+
+  private:
+    std::deque<std::string> names_;
+    std::deque<HumanID> records_;
+};
+
+// Empties the engine's database and enters persons (inside number = index), reading their
+// dictionaries from dir. Returns an empty string or a one-line reason naming the file that does
+// not load.
+std::string loadPersons(FaceRecognition& engine, const std::string& dir,
+                        const std::vector<Person>& persons, PersonTable& table);
+
+std::string constraintListPath(const std::string& dir);
+bool hasConstraintList(const std::string& dir);
+// Loads the directory's constraint space into the engine and projects its persons (method 4).
+std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir);
+
+// The engine's method number; -1 for a value outside the enumeration.
+int engineMethod(Method m);
+// An empty string or the reason the method or threshold cannot be used.
+std::string checkMethod(Method m);
+std::string checkThresholdOption(int threshold);
+
+// Persons in the engine's ranked list of a recognition, best first, ties in inside order.
+// scores: per inside number, -1 where none was computed.
+Ranking rankingOf(const std::vector<Person>& persons, const std::vector<int>& scores,
+                  int threshold);
+// The engine's current list as scores per inside number.
+std::vector<int> currentScores(FaceRecognition& engine, int persons);
+
+}  // namespace msmface::detail
+
+namespace msmface {
+
+// The gallery's side: the directory's one writer in this process, with an engine that enrols and
+// recognises.
+class Gallery::Impl {
+  public:
+    explicit Impl(const std::string& dir)
+        : state(std::make_shared<detail::GalleryState>()), engine(newEngine()) {
+        state->dir = dir;
+    }
+
+    static std::unique_ptr<FaceRecognition> newEngine() {
+        return std::make_unique<FaceRecognition>(detail::kDefaultFrameWidth,
+                                                 detail::kDefaultFrameHeight);
+    }
+
+    const std::string& dir() const { return state->dir; }
+
+    // Reads the registry and the threshold and loads the listed persons that have a dictionary.
+    // Called with the state's lock held exclusively, or before any stream exists. keepSerials:
+    // persons already known keep their serial (their files did not change).
+    Status load(bool keepSerials = false);
+    // Starts a change: takes the directory's lock exclusively (kept in lock until the change is
+    // done), removes the temporaries of killed writers, and reads the directory again when another
+    // process changed it. The change ends with finishWrite, under the same lock.
+    Status beginWrite(msm::DirectoryLock& lock);
+    void finishWrite();
+    // Reads the directory again when its stamp differs from the loaded one. requires: the
+    // directory's lock is held.
+    Status reloadIfChanged();
+    Status checkWritable() const;
+    int findPerson(int id) const;
+    Status checkSamples(const std::vector<Sample>& frames) const;
+    // The sample's face normalised into the engine's next ring slot; false when it has none.
+    bool crop(const Sample& sample);
+    void removePersonFiles(const std::string& name) const;
+    Status loadConstraint();
+
+    std::shared_ptr<detail::GalleryState> state;
+    std::unique_ptr<FaceRecognition> engine;
+    detail::PersonTable table;
+    // What this engine holds, in its inside order, and the directory's files it was read from. A
+    // stream may bring the shared list up to another process's change before the gallery reads
+    // the disk again; the gallery's own engine is compared with the disk through these.
+    std::vector<Person> loadedPersons;
+    msm::DirectoryStamp loadedStamp;
+    bool constraintLoaded = false;
+    std::shared_ptr<PointFinder> finder;
+    LockOptions lockOptions;
+    BasicImageFile image;                                          // the current frame in grey
+    BasicImageFile face{detail::kFaceSide, detail::kFaceSide, 8};  // its normalised face
+};
+
+}  // namespace msmface
+
+#endif  // MSMFACE_ENGINE_GALLERY_IMPL_H

@@ -1,0 +1,198 @@
+// The modern face of the library: a gallery of persons kept in a dictionary directory, and
+// streams that recognise the faces of a camera against it. It does what a host of the legacy
+// FaceRecognition / IDDatabase interface writes for itself: the registry of persons (ID number,
+// key name) kept in step with the engine's files, the enrolment sequence, the mapping of ID
+// numbers to the engine's inside numbers, and the frame cycle.
+//
+// Ownership and lifetime. A Gallery owns its engine and loaded dictionaries; it is movable, not
+// copyable (a moved-from Gallery or Stream may only be assigned to or destroyed). A Stream shares
+// the gallery's list of persons (not the Gallery object): it may outlive the Gallery, and then
+// keeps recognising the persons it last loaded. Frames and points are read during a call and never
+// kept.
+//
+// Threads. One thread at a time per Gallery and per Stream. Streams of one gallery may run on
+// different threads at once (each has an engine of its own, with its own copy of the persons'
+// dictionaries), also while the gallery changes (enrol, remove, rebuildConstraint,
+// setThreshold): a stream picks such a change up at its next frame, keeping the face it is
+// gathering. A change waits while a stream reloads, and a stream's reload waits for a change to
+// finish; frames themselves never wait.
+//
+// Errors. Every call that can fail returns a Status or a Result carrying one line of text
+// (<msmface/result.h>); nothing is thrown. A call that fails leaves the directory as it was.
+#ifndef MSMFACE_GALLERY_H
+#define MSMFACE_GALLERY_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <msmface/export.h>
+#include <msmface/frame.h>
+#include <msmface/result.h>
+#include <msmface/store.h>
+
+namespace msmface {
+
+// The files of a dictionary directory beside the engine's own (".dck", ".mck", ".bmp" per
+// person, "cmsm.*" for the constraint space).
+inline constexpr const char* kRegistryFileName = "persons.txt";
+inline constexpr const char* kThresholdFileName = "threshold.txt";
+inline constexpr const char* kConstraintListFileName = "constraint.list";
+inline constexpr int kDefaultIdentifyThreshold = 850;
+
+// A frame and, when the caller knows them, its fourteen points. Without points the gallery's
+// point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
+// frame whose fourteen points are all absent has no face either.
+struct Sample {
+    FrameView frame;
+    std::optional<FacePoints> points;
+};
+
+struct Person {
+    int id = 0;        // the host's ID number, 1 or more
+    std::string name;  // key name: the base name of the person's files
+};
+
+struct Match {
+    int id = 0;
+    std::string name;
+    int score = 0;  // similarity in thousandths, 0 .. 1000
+};
+
+struct Ranking {
+    std::vector<Match> matches;  // every scored person, best first (ties keep registry order)
+    int framesUsed = 0;          // frames whose face could be normalised (a stream: its input's)
+    int threshold = kDefaultIdentifyThreshold;
+    // The best match when its score is strictly above the threshold.
+    std::optional<Match> identified;
+};
+
+enum class Method : int {
+    SinglePattern = 0,   // the newest frame's pattern; a run's score is averaged over its frames
+    Msm = 1,             // input subspace of the recent frames against each person (default)
+    CmsmFirstSpace = 2,  // the same inside the first constraint space only
+    Cmsm = 4,            // the same inside every constraint space (rebuildConstraint first)
+};
+
+struct RecogniseOptions {
+    Method method = Method::Msm;
+    int threshold = -1;  // -1: the gallery's stored threshold
+};
+
+struct OpenOptions {
+    bool create = false;  // create the directory (and its parent) when it does not exist
+    // How every call that changes the directory waits for another process that is changing it:
+    // by default it waits (and tells lock.notice whom it waits for); with lock.wait = false it
+    // fails at once with ErrorKind::Busy.
+    LockOptions lock = {};
+};
+
+class MSMFACE_API Gallery {
+  public:
+    // Opens a dictionary directory and loads the persons of its registry and its stored
+    // threshold. A person listed without a dictionary file is left out of persons() and
+    // reported by orphans(). Fails (File) on a registry or threshold file that does not parse,
+    // naming it, and on a listed dictionary that does not read; (NotFound) on a missing
+    // directory unless options.create.
+    static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
+
+    Gallery(Gallery&&) noexcept;
+    Gallery& operator=(Gallery&&) noexcept;
+    ~Gallery();
+
+    const std::string& directory() const;
+    // As of the last call that read the directory (open, refresh, recognise, any change).
+    std::vector<Person> persons() const;  // registry order
+    std::vector<Person> orphans() const;
+    std::optional<Person> find(int id) const;
+
+    // Reads the directory again when another process changed it since (a person enrolled or
+    // removed, the constraint space or the threshold replaced). Waits while a change is written.
+    Status refresh();
+
+    // Every call below that changes the directory holds the directory's lock for its whole
+    // read-modify-write (other processes' changes are read again under it, so none is lost), and
+    // first removes what writers killed earlier left (temporaries).
+
+    // Registers a new person from frames (a registration gathers 50 normalised faces; frames
+    // beyond are not used). Writes the person's files first and the registry last. requires:
+    // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
+    // and unused.
+    Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
+    // Removes a person: the registry entry first, then the files.
+    Status remove(int id);
+
+    // Builds the constraint space (methods Cmsm) from every person and loads it. dimension: 1 to
+    // 256 constraint vectors; at least two persons.
+    Status rebuildConstraint(int dimension);
+    bool hasConstraint() const;
+
+    // Recognises frames as one face seen by a camera.
+    Result<Ranking> recognise(const std::vector<Sample>& frames,
+                              const RecogniseOptions& options = {});
+
+    // The identify threshold stored in the directory (kDefaultIdentifyThreshold when none is).
+    int threshold() const;
+    // Stores it (0 .. 1000) for every later open of the directory.
+    Status setThreshold(int threshold);
+
+    // Finds the points of samples that come without them. nullptr: none (the default).
+    void setPointFinder(std::shared_ptr<PointFinder> finder);
+
+    class Impl;
+
+  private:
+    explicit Gallery(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+    friend class Stream;
+};
+
+struct StreamOptions {
+    Method method = Method::Msm;
+    int threshold = -1;    // -1: the gallery's stored threshold
+    int refreshTime = -2;  // face-less frames before the input is cleared; -2: the engine's
+    std::shared_ptr<PointFinder> finder;  // used by push(frame); one per stream (it may follow)
+};
+
+// What a stream knows after a frame.
+struct StreamState {
+    bool face = false;  // this frame had a face that was normalised
+    int frames = 0;     // faces in the current input (0 after it was cleared)
+    Ranking ranking;    // empty until the first face was recognised
+};
+
+class MSMFACE_API Stream {
+  public:
+    // A stream over the gallery's current persons (and its constraint space for the Cmsm
+    // methods: NotFound without one). Reads every person's dictionary once; later changes of
+    // the gallery are loaded at the next push, only as far as they go (a new threshold loads
+    // nothing, an enrolment the new person's files).
+    static Result<Stream> create(Gallery& gallery, const StreamOptions& options = {});
+
+    Stream(Stream&&) noexcept;
+    Stream& operator=(Stream&&) noexcept;
+    ~Stream();
+
+    // One camera frame with the face's points: the face is normalised and recognised against
+    // every person (points that do not give a face make a face-less frame). Fails (Argument) on
+    // a bad view, and (File) when a change of the gallery cannot be loaded; the stream then
+    // tries again at its next frame.
+    Result<StreamState> push(const FrameView& frame, const FacePoints& points);
+    // One camera frame without known points: the stream's finder looks for the face; without a
+    // finder, or when it finds none, this is a face-less frame.
+    Result<StreamState> push(const FrameView& frame);
+    // Clears the input: the next face starts a new recognition.
+    void reset();
+
+    class Impl;
+
+  private:
+    explicit Stream(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace msmface
+
+#endif  // MSMFACE_GALLERY_H

@@ -1,0 +1,56 @@
+"""msmface: face recognition by the mutual subspace method.
+
+A ``Gallery`` keeps persons in a dictionary directory; ``Stream`` recognises one camera's
+frames against it; ``Engine`` is the engine's own frame cycle for studying the method;
+``msmface.detect`` (where the detector library was built, ``HAVE_DETECT``) finds faces and
+their fourteen points; ``MSMClassifier`` compares the methods with scikit-learn's conventions.
+
+Frames are NumPy uint8 arrays, (H, W) grey or (H, W, 3) colour in BGR order (pass
+``format="rgb"`` for red first); points are (14, 2) arrays (x, y) in the order of
+<msmface/PartsPosition.h>. Errors raise ValueError (bad arguments, unknown persons), OSError
+(files, a busy directory) or RuntimeError, with the library's one-line message.
+"""
+
+from ._msmface import (
+    HAVE_DETECT,
+    Engine,
+    Gallery,
+    Match,
+    Method,
+    Person,
+    PointFinder,
+    Ranking,
+    Stream,
+    StreamState,
+    __version__,
+)
+from .frames import Manifest, jitter, read_image
+from .estimator import MSMClassifier
+
+if HAVE_DETECT:
+    import sys as _sys
+
+    from ._msmface import detect
+
+    # So that `import msmface.detect` and `from msmface.detect import Detector` work too.
+    _sys.modules[__name__ + ".detect"] = detect
+
+__all__ = [
+    "HAVE_DETECT",
+    "Engine",
+    "Gallery",
+    "Manifest",
+    "Match",
+    "Method",
+    "MSMClassifier",
+    "Person",
+    "PointFinder",
+    "Ranking",
+    "Stream",
+    "StreamState",
+    "__version__",
+    "jitter",
+    "read_image",
+]
+if HAVE_DETECT:
+    __all__.append("detect")

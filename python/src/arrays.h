@@ -1,0 +1,61 @@
+// NumPy arrays as the library's frames and points, and the library's results as exceptions.
+// Every check here raises ValueError with one line naming the argument, what was expected and
+// what was found, so that all entry points reject bad input alike.
+#ifndef MSMFACE_PYTHON_ARRAYS_H
+#define MSMFACE_PYTHON_ARRAYS_H
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <string>
+#include <vector>
+
+#include <msmface/frame.h>
+#include <msmface/result.h>
+
+namespace msmpy {
+
+namespace py = pybind11;
+
+// A frame that refers to the caller's array: view.data points into `array`, which this object
+// keeps alive, so the view stays valid while the GIL is released.
+struct FrameArg {
+    msmface::FrameView view;
+    py::array array;
+};
+
+// frame: an H x W (grey) or H x W x 3 uint8 array whose pixels lie side by side within a row
+// (any positive row stride: slices of rows and crops are taken without a copy). colour: the order
+// of the three bytes of a colour frame, "bgr" or "rgb".
+FrameArg frameFromArray(const py::handle& frame, const std::string& colour,
+                        const char* what = "frame");
+
+// "bgr" or "rgb" (any case) as the library's pixel format of a colour frame.
+msmface::PixelFormat colourFormat(const std::string& colour);
+
+// points: an array-like of shape (14, 2) (or 28 numbers), any real dtype; NaN or a negative
+// coordinate marks a point as absent.
+msmface::FacePoints pointsFromArray(const py::handle& points, const char* what = "points");
+
+// The points as a float32 array of shape (14, 2).
+py::array_t<float> pointsToArray(const msmface::FacePoints& points);
+
+// Raises the Python exception for a failed status: ValueError for Argument and NotFound,
+// OSError for File and Busy, RuntimeError otherwise. requires: !status.ok().
+[[noreturn]] void raise(const msmface::Status& status);
+
+inline void check(const msmface::Status& status) {
+    if (!status.ok()) raise(status);
+}
+
+template <class T>
+T take(msmface::Result<T>&& result) {
+    if (!result.ok()) raise(result.status());
+    return std::move(result).value();
+}
+
+[[noreturn]] void raiseValueError(const std::string& message);
+
+}  // namespace msmpy
+
+#endif  // MSMFACE_PYTHON_ARRAYS_H

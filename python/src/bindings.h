@@ -1,0 +1,16 @@
+// The parts of the module, one function per file, called from module.cpp.
+#ifndef MSMFACE_PYTHON_BINDINGS_H
+#define MSMFACE_PYTHON_BINDINGS_H
+
+#include <pybind11/pybind11.h>
+
+namespace msmpy {
+
+void bindEngine(pybind11::module_& m);
+void bindGallery(pybind11::module_& m);
+// Adds the submodule "detect" when the detector library was built; returns whether it was.
+bool bindDetect(pybind11::module_& m);
+
+}  // namespace msmpy
+
+#endif  // MSMFACE_PYTHON_BINDINGS_H

@@ -1,0 +1,216 @@
+// msmface.detect: the detector library's Detector and Follower, where it was built.
+#include "bindings.h"
+
+#ifdef MSMFACE_PYTHON_DETECT
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <pybind11/stl.h>
+
+#include <msmface/detect.h>
+
+#include "arrays.h"
+
+namespace msmpy {
+
+namespace {
+
+// The Detector reads its model only; one Python thread at a time still, as its contract asks.
+struct DetectorBox {
+    explicit DetectorBox(msmface::Detector d) : detector(std::move(d)) {}
+    msmface::Detector detector;
+    std::mutex lock;
+};
+
+// A Follower that keeps its Detector alive and serialises Python threads on it.
+class PyFollower : public msmface::Follower {
+  public:
+    PyFollower(std::shared_ptr<DetectorBox> d, const msmface::FollowerOptions& o)
+        : msmface::Follower(d->detector, o), detector_(std::move(d)) {}
+
+    bool trackLocked(const msmface::FrameView& frame, msmface::DetectedFace& out) {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        return track(frame, out);
+    }
+    bool findPoints(const msmface::FrameView& frame, msmface::FacePoints& out) override {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        return msmface::Follower::findPoints(frame, out);
+    }
+    void reset() override {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        msmface::Follower::reset();
+    }
+
+  private:
+    std::shared_ptr<DetectorBox> detector_;
+    // A stream may use the follower while a Python thread calls it directly; recursive, as the
+    // follower resets itself from inside its own calls.
+    std::recursive_mutex lock_;
+};
+
+py::array_t<float> landmarksArray(const std::array<float, 136>& l) {
+    py::array_t<float> out({68, 2});
+    std::copy(l.begin(), l.end(), out.mutable_data());
+    return out;
+}
+
+}  // namespace
+
+bool bindDetect(py::module_& m) {
+    py::module_ d = m.def_submodule("detect", "Faces and their fourteen points found in frames.");
+    d.attr("DEFAULT_MODEL") = msmface::kDefaultLandmarkModel;
+    d.attr("MODEL_ENVIRONMENT") = msmface::kLandmarkModelEnvironment;
+
+    py::class_<msmface::FaceBox>(d, "FaceBox")
+        .def_readonly("left", &msmface::FaceBox::left)
+        .def_readonly("top", &msmface::FaceBox::top)
+        .def_readonly("width", &msmface::FaceBox::width)
+        .def_readonly("height", &msmface::FaceBox::height)
+        .def("__iter__",
+             [](const msmface::FaceBox& b) {
+                 return py::iter(py::make_tuple(b.left, b.top, b.width, b.height));
+             })
+        .def("__repr__", [](const msmface::FaceBox& b) {
+            return "FaceBox(left=" + std::to_string(b.left) + ", top=" + std::to_string(b.top) +
+                   ", width=" + std::to_string(b.width) + ", height=" + std::to_string(b.height) +
+                   ")";
+        });
+
+    py::class_<msmface::DetectedFace>(d, "Face", "A face found in a frame.")
+        .def_readonly("box", &msmface::DetectedFace::box, "In frame pixels.")
+        .def_readonly("score", &msmface::DetectedFace::score,
+                      "The detector's confidence; larger is surer.")
+        .def_property_readonly(
+            "landmarks", [](const msmface::DetectedFace& f) { return landmarksArray(f.landmarks); },
+            "The 68 landmarks (iBUG 300-W order), float32 of shape (68, 2).")
+        .def_property_readonly(
+            "points", [](const msmface::DetectedFace& f) { return pointsToArray(f.points); },
+            "The engine's fourteen points, float32 of shape (14, 2).")
+        .def("__repr__", [](const msmface::DetectedFace& f) {
+            return "Face(box=(" + std::to_string(f.box.left) + ", " + std::to_string(f.box.top) +
+                   ", " + std::to_string(f.box.width) + ", " + std::to_string(f.box.height) +
+                   "), score=" + std::to_string(f.score) + ")";
+        });
+
+    py::class_<DetectorBox, std::shared_ptr<DetectorBox>>(d, "Detector", R"doc(
+The face detector and the 68-landmark model (about 100 MB loaded). model: the landmark model
+file (None: $MSMFACE_LANDMARK_MODEL, else Debian libdlib-data's). Calls release the GIL.
+)doc")
+        .def(py::init([](const py::object& model, int upsampleBelowWidth) {
+                 msmface::DetectorOptions o;
+                 if (!model.is_none()) o.modelPath = py::str(model).cast<std::string>();
+                 o.upsampleBelowWidth = upsampleBelowWidth;
+                 std::optional<msmface::Result<msmface::Detector>> r;
+                 {
+                     py::gil_scoped_release unlocked;
+                     r.emplace(msmface::Detector::create(o));
+                 }
+                 return std::make_shared<DetectorBox>(take(std::move(*r)));
+             }),
+             py::arg("model") = py::none(), py::kw_only(),
+             py::arg("upsample_below_width") = msmface::DetectorOptions{}.upsampleBelowWidth)
+        .def(
+            "detect",
+            [](DetectorBox& b, const py::handle& frame, const std::string& format) {
+                FrameArg f = frameFromArray(frame, format);
+                std::optional<msmface::Result<std::vector<msmface::DetectedFace>>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.detector.detect(f.view));
+                }
+                return take(std::move(*r));
+            },
+            py::arg("frame"), py::kw_only(), py::arg("format") = "bgr",
+            "Every face in the frame, the largest first.")
+        .def(
+            "fit",
+            [](DetectorBox& b, const py::handle& frame, const py::handle& box,
+               const std::string& format) {
+                FrameArg f = frameFromArray(frame, format);
+                msmface::FaceBox fb;
+                try {
+                    auto t = py::reinterpret_borrow<py::sequence>(box);
+                    if (py::len(t) != 4) throw py::value_error("");
+                    fb = {t[0].cast<int>(), t[1].cast<int>(), t[2].cast<int>(), t[3].cast<int>()};
+                } catch (const std::exception&) {
+                    raiseValueError("box: expected (left, top, width, height) as integers");
+                }
+                std::optional<msmface::Result<msmface::DetectedFace>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.detector.fit(f.view, fb));
+                }
+                return take(std::move(*r));
+            },
+            py::arg("frame"), py::arg("box"), py::kw_only(), py::arg("format") = "bgr",
+            "The landmarks of the face inside box (left, top, width, height), no detection.");
+
+    py::class_<PyFollower, msmface::PointFinder, std::shared_ptr<PyFollower>>(d, "Follower", R"doc(
+Follows the largest face of a video between full detections. Pass it as the finder of a Stream
+(or Gallery.set_point_finder) to push frames without points.
+)doc")
+        .def(py::init([](std::shared_ptr<DetectorBox> detector, int redetectEvery) {
+                 if (redetectEvery < 1)
+                     raiseValueError("redetect_every: expected 1 or more, got " +
+                                     std::to_string(redetectEvery));
+                 msmface::FollowerOptions o;
+                 o.redetectEvery = redetectEvery;
+                 return std::make_shared<PyFollower>(std::move(detector), o);
+             }),
+             py::arg("detector"), py::kw_only(),
+             py::arg("redetect_every") = msmface::FollowerOptions{}.redetectEvery)
+        .def(
+            "track",
+            [](PyFollower& f, const py::handle& frame,
+               const std::string& format) -> std::optional<msmface::DetectedFace> {
+                FrameArg a = frameFromArray(frame, format);
+                msmface::DetectedFace face;
+                bool found = false;
+                {
+                    py::gil_scoped_release unlocked;
+                    found = f.trackLocked(a.view, face);
+                }
+                if (!found) return std::nullopt;
+                return face;
+            },
+            py::arg("frame"), py::kw_only(), py::arg("format") = "bgr",
+            "The face in this frame of the video, or None.")
+        .def(
+            "reset", [](PyFollower& f) { f.reset(); },
+            "Forgets the previous frames (a new video).");
+
+    d.def(
+        "points_from_landmarks",
+        [](const py::handle& landmarks) {
+            auto a =
+                py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(landmarks);
+            if (!a || a.size() != 136)
+                raiseValueError("landmarks: expected an array of shape (68, 2)");
+            std::array<float, 136> l{};
+            std::copy(a.data(), a.data() + 136, l.begin());
+            return pointsToArray(msmface::pointsFromLandmarks(l));
+        },
+        py::arg("landmarks"), "The engine's fourteen points (14, 2) from the 68 landmarks.");
+    return true;
+}
+
+}  // namespace msmpy
+
+#else
+
+namespace msmpy {
+
+bool bindDetect(pybind11::module_&) {
+    return false;
+}
+
+}  // namespace msmpy
+
+#endif

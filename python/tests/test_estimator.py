@@ -1,0 +1,112 @@
+"""MSMClassifier: scikit-learn's conventions, on synthetic persons and on the shared faces."""
+
+import numpy as np
+import pytest
+
+import msmface
+
+
+@pytest.fixture(scope="module")
+def synthetic_sets(synth):
+    # Two takes per person: the first to fit, the second to predict.
+    fit = [synth(p, 400 + p, 20) for p in range(3)]
+    probe = [synth(p, 500 + p, 10) for p in range(3)]
+    return fit, probe
+
+
+def test_params_follow_the_conventions():
+    c = msmface.MSMClassifier(method="cmsm", constraint_dimension=30)
+    params = c.get_params()
+    assert params == {"method": "cmsm", "enrol_frames": 60, "probe_frames": 15, "jitter": 1.5,
+                      "constraint_dimension": 30, "seed": 0}
+    assert c.set_params(method="single", seed=3) is c
+    assert (c.method, c.seed) == ("single", 3)
+    assert type(c)(**c.get_params()).get_params() == c.get_params()
+    with pytest.raises(ValueError, match="Invalid parameter 'kernel'"):
+        c.set_params(kernel="rbf")
+    with pytest.raises(RuntimeError, match="not fitted"):
+        c.predict([[np.zeros((8, 8), np.uint8)]])
+
+
+@pytest.mark.parametrize("method", ["single", "msm", "cmsm"])
+def test_fit_and_predict_synthetic_persons(synthetic_sets, method):
+    fit, probe = synthetic_sets
+    labels = np.array(["ann", "ben", "cat"])
+    c = msmface.MSMClassifier(method=method, constraint_dimension=20).fit(fit, labels)
+    assert list(c.classes_) == ["ann", "ben", "cat"]
+    scores = c.decision_function(probe)
+    assert scores.shape == (3, 3) and (scores >= 0).all() and (scores <= 1000).all()
+    predicted = c.predict(probe)
+    np.testing.assert_array_equal(predicted, c.classes_[scores.argmax(axis=1)])
+    assert c.score(probe, labels) == np.mean(predicted == labels)
+    if method != "cmsm":
+        # Three persons span too little for a constraint space to separate them; the other
+        # methods tell these synthetic persons apart.
+        np.testing.assert_array_equal(predicted, labels)
+
+
+def test_bad_input_is_refused(synthetic_sets):
+    fit, _ = synthetic_sets
+    with pytest.raises(ValueError, match=r"len\(X\)=3, len\(y\)=2"):
+        msmface.MSMClassifier().fit(fit, [0, 1])
+    with pytest.raises(ValueError, match="method: expected one of single, msm, cmsm"):
+        msmface.MSMClassifier(method="pca").fit(fit, [0, 1, 2])
+    with pytest.raises(ValueError, match=r"X\[1\]: a frame set holds at least one frame"):
+        msmface.MSMClassifier().fit([fit[0], []], [0, 1])
+
+
+def video_sets(faces, identities):
+    """One frame set per video of each identity: (sets, labels, video index within identity)."""
+    sets, labels, order = [], [], []
+    for who in identities:
+        for k, v in enumerate(faces.videos(who)):
+            sets.append(faces.samples(who, videos=[v]))
+            labels.append(who)
+            order.append(k)
+    return sets, np.array(labels), np.array(order)
+
+
+def test_on_the_shared_faces_held_out_videos(shared_faces):
+    identities = [w for w in shared_faces.identities() if len(shared_faces.videos(w)) >= 3][:10]
+    sets, labels, order = video_sets(shared_faces, identities)
+    last = np.array([order[i] == max(order[labels == labels[i]]) for i in range(len(labels))])
+    train = [s for s, held in zip(sets, last) if not held]
+    test = [s for s, held in zip(sets, last) if held]
+    c = msmface.MSMClassifier(method="msm").fit(train, labels[~last])
+    # The enrolled videos themselves are recognised; held-out videos well above chance (10 %;
+    # measured: 80 % by each method).
+    assert c.score(train, labels[~last]) >= 0.9
+    assert c.score(test, labels[last]) >= 0.5
+
+
+def test_scikit_learn_model_selection_drives_it(shared_faces):
+    model_selection = pytest.importorskip("sklearn.model_selection")
+    base = pytest.importorskip("sklearn.base")
+    identities = [w for w in shared_faces.identities() if len(shared_faces.videos(w)) >= 3][:4]
+    sets, labels, _ = video_sets(shared_faces, identities)
+    c = msmface.MSMClassifier()
+    clone = base.clone(c)
+    assert clone.get_params() == c.get_params() and clone is not c
+    assert base.is_classifier(c)
+    cv = model_selection.StratifiedKFold(n_splits=3)
+    search = model_selection.GridSearchCV(c, {"method": ["single", "msm"]}, cv=cv)
+    search.fit(sets, labels)
+    assert search.best_params_["method"] in ("single", "msm")
+    assert 0.0 <= search.best_score_ <= 1.0
+    scores = model_selection.cross_val_score(msmface.MSMClassifier(), sets, labels, cv=cv)
+    assert scores.shape == (3,)
+
+
+@pytest.mark.skipif(not msmface.HAVE_DETECT, reason="built without the detector")
+def test_frame_sets_without_points_go_through_the_detector(shared_faces):
+    identities = [w for w in shared_faces.identities() if len(shared_faces.videos(w)) >= 3][:4]
+    sets, labels, order = video_sets(shared_faces, identities)
+    frames_only = [[frame for frame, _ in s] for s in sets]
+    last = np.array([order[i] == max(order[labels == labels[i]]) for i in range(len(labels))])
+    train = [s for s, held in zip(frames_only, last) if not held]
+    test = [s for s, held in zip(frames_only, last) if held]
+    c = msmface.MSMClassifier().fit(train, labels[~last])
+    scores = c.decision_function(test + [[np.full((120, 160), 90, np.uint8)]])
+    assert scores.shape == (5, 4) and not scores[4].any()  # a set without any face scores 0
+    # Measured: all four held-out videos right.
+    assert (c.predict(test) == labels[last]).sum() >= 3

@@ -1,0 +1,193 @@
+// What check finds in a dictionary directory, and what repair does about it: temporaries removed,
+// orphans moved into lost+found, listed persons never lost. Also the registry's reader and the
+// report of a write that a full disk refused.
+#include <msmface/store.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "dictionary/DictChunk.h"
+#include "dictionary/MtrxChunk.h"
+#include "dictionary/atomic_file.h"
+#include "dictionary/registry.h"
+#include "dictionary/store_files.h"
+#include "scratch.h"
+
+namespace {
+
+using msmface::StoreProblemKind;
+using msmtest::ScratchDir;
+using msmtest::WriteBytes;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+void WriteText(const std::string& path, const std::string& text) {
+    WriteBytes(path, std::vector<unsigned char>(text.begin(), text.end()));
+}
+
+// A person's .dck and .mck as the engine would read them.
+void WritePerson(const std::string& dir, const std::string& name) {
+    DictChunk chunk;
+    ASSERT_EQ(chunk.Allocate(1), 1);
+    ASSERT_EQ(chunk.prims[0].Allocate(8, 2, kDicPrimFloat), 1);
+    chunk.prims[0].frows[0][0] = 1;
+    chunk.prims[0].frows[1][1] = 1;
+    ASSERT_EQ(chunk.Write((dir + "/" + name + ".dck").c_str(), 0, kDicPrimFloat), 1);
+    MtrxChunk matrices;
+    ASSERT_EQ(matrices.Allocate(1), 1);
+    ASSERT_EQ(matrices.prims[0].Allocate(2), 1);
+    matrices.prims[0].number = 50;
+    ASSERT_EQ(matrices.Write((dir + "/" + name + ".mck").c_str()), 1);
+}
+
+std::vector<StoreProblemKind> Kinds(const msmface::StoreReport& r) {
+    std::vector<StoreProblemKind> kinds;
+    for (const auto& p : r.problems) kinds.push_back(p.kind);
+    return kinds;
+}
+
+TEST(StoreFiles, OnlyOurOwnTemporariesAreTemporaries) {
+    for (const char* ours : {"alice.mck.tmpAb12Z9", "alice.dck.tmp000000", "persons.txt.tmp4711",
+                             "constraint.list.tmp12", "cmsm.dckev.tmpQwErTy", "threshold.txt.tmp9",
+                             ".msmface-write-check123", "x.bmp.tmp77", "persons.txt.tmpx1Y2z3"})
+        EXPECT_TRUE(msm::isOwnTemporaryName(ours)) << ours;
+    for (const char* theirs : {"notes.txt.tmp1234", "alice.mck.tmp", "alice.mck.tmpAb12Z", ".tmp123456",
+                               "alice.mck.tmpAb-2Z9", "persons.txt", "alice.dck", "report.tmp123456",
+                               ".msmface-write-checkx", ".msmface.lock"})
+        EXPECT_FALSE(msm::isOwnTemporaryName(theirs)) << theirs;
+    EXPECT_EQ(msm::personStemOf("a.b.dck"), "a.b");
+    EXPECT_EQ(msm::personStemOf(".dck"), "");
+    EXPECT_EQ(msm::personStemOf("persons.txt"), "");
+}
+
+TEST(StoreCheck, ACleanDirectoryHasNoProblems) {
+    ScratchDir dir;
+    WritePerson(dir.path(), "alice");
+    WritePerson(dir.path(), "bob");
+    WriteText(dir / "persons.txt", "# msmface persons\n1 alice\n2 bob\n");
+    WriteText(dir / "notes.md", "a user's own file is none of our business\n");
+    const auto r = msmface::checkStore(dir.path());
+    ASSERT_TRUE(r.ok()) << r.message();
+    EXPECT_EQ(r->persons, 2);
+    EXPECT_TRUE(r->problems.empty()) << r->problems.front().message;
+    EXPECT_FALSE(r->damaged());
+}
+
+TEST(StoreCheck, ReportsEveryDisagreementAndRepairLosesNoListedPerson) {
+    ScratchDir dir;
+    for (const char* name : {"alice", "bob", "carol", "ghost"}) WritePerson(dir.path(), name);
+    WriteText(dir / "persons.txt", "1 alice\n2 bob\n3 carol\n4 dave\n");
+    ::unlink((dir / "bob.mck").c_str());                    // listed, a file missing
+    WriteText(dir / "carol.dck", "DCK but not really");     // listed, a file unreadable
+    WriteText(dir / "alice.mck.tmpAbCdEf", "half");          // an interrupted write
+    // ghost.dck / ghost.mck: an enrolment that never reached the registry; dave: no files at all.
+
+    const auto r = msmface::checkStore(dir.path());
+    ASSERT_TRUE(r.ok()) << r.message();
+    EXPECT_EQ(r->persons, 4);
+    EXPECT_THAT(Kinds(*r), ElementsAre(StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
+                                       StoreProblemKind::MissingFiles, StoreProblemKind::UnreadableFile,
+                                       StoreProblemKind::Orphan, StoreProblemKind::Orphan,
+                                       StoreProblemKind::Temporary));
+    EXPECT_EQ(r->problems[0].path, dir / "bob.mck");
+    EXPECT_THAT(r->problems[1].message, HasSubstr("dave.dck: missing; person 4 (dave)"));
+    EXPECT_EQ(r->problems[3].path, dir / "carol.dck");
+    EXPECT_EQ(r->problems[4].path, dir / "ghost.dck");
+    for (const auto& p : r->problems) EXPECT_EQ(p.message.find('\n'), std::string::npos);
+    EXPECT_TRUE(r->damaged());
+
+    const auto fixed = msmface::repairStore(dir.path());
+    ASSERT_TRUE(fixed.ok()) << fixed.message();
+    EXPECT_THAT(fixed->repaired.size(), 3u);
+    EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/ghost.dck").size() > 0);
+    EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/ghost.mck").size() > 0);
+    EXPECT_FALSE(::access((dir / "alice.mck.tmpAbCdEf").c_str(), F_OK) == 0);
+    // What only the user can decide stays reported; the registry keeps every entry.
+    EXPECT_THAT(Kinds(*fixed), ElementsAre(StoreProblemKind::MissingFiles,
+                                           StoreProblemKind::MissingFiles,
+                                           StoreProblemKind::MissingFiles,
+                                           StoreProblemKind::UnreadableFile));
+    std::vector<msmface::Person> listed;
+    EXPECT_EQ(msmface::detail::loadRegistry(dir.path(), listed), "");
+    EXPECT_EQ(listed.size(), 4u);
+
+    // A second orphan of the same name does not overwrite the first in lost+found.
+    WritePerson(dir.path(), "ghost");
+    ASSERT_TRUE(msmface::repairStore(dir.path()).ok());
+    EXPECT_TRUE(::access((dir / "lost+found/ghost.dck.1").c_str(), F_OK) == 0);
+}
+
+TEST(StoreCheck, ConstraintFilesMustLoadAndBelongToTheDirectory) {
+    ScratchDir dir;
+    WritePerson(dir.path(), "alice");
+    WriteText(dir / "persons.txt", "1 alice\n");
+    WriteText(dir / "constraint.list", "1\n1\nCMSML /elsewhere/cmsm 10 /elsewhere/cmsm\n");
+    auto r = msmface::checkStore(dir.path());
+    ASSERT_TRUE(r.ok());
+    ASSERT_FALSE(r->problems.empty());
+    EXPECT_EQ(r->problems[0].kind, StoreProblemKind::Constraint);
+    EXPECT_THAT(r->problems[0].message, HasSubstr("/elsewhere/cmsm, which is not in this directory"));
+
+    WriteText(dir / "constraint.list", "garbage\n");
+    r = msmface::checkStore(dir.path());
+    ASSERT_EQ(r->problems.size(), 1u);
+    EXPECT_THAT(r->problems[0].message, HasSubstr("constraint.list: expected a constraint list"));
+
+    // The files of a rebuild that never wrote its list are leftovers.
+    ::unlink((dir / "constraint.list").c_str());
+    WriteText(dir / "cmsm.dck", "x");
+    r = msmface::checkStore(dir.path());
+    ASSERT_EQ(r->problems.size(), 1u);
+    EXPECT_EQ(r->problems[0].kind, StoreProblemKind::Orphan);
+}
+
+TEST(StoreCheck, ADirectoryWithoutRegistryHasNoOrphansAndAMissingOneIsNotFound) {
+    ScratchDir dir;
+    WritePerson(dir.path(), "legacy");  // a legacy host keeps no registry
+    auto r = msmface::checkStore(dir.path());
+    ASSERT_TRUE(r.ok());
+    EXPECT_TRUE(r->problems.empty());
+    r = msmface::checkStore(dir / "nowhere");
+    EXPECT_EQ(r.status().kind(), msmface::ErrorKind::NotFound);
+    EXPECT_THAT(r.message(), HasSubstr("nowhere: expected a dictionary directory"));
+}
+
+// A full disk (here: the file size limit, whose signal is ignored as a host would) refuses a
+// replacement: the old file stays, no temporary stays, and the failure names the file and why.
+TEST(WriteFailure, AFileSizeLimitLeavesTheOldFileAndNamesTheNewOne) {
+    ScratchDir dir;
+    const std::string target = dir / "big.dck";
+    WriteText(target, "old");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        msm::clearWriteFailure();
+        msm::AtomicFile file(target.c_str());
+        std::vector<char> bytes(100000, 'x');
+        const bool wrote = file.stream() != nullptr && msm::writeAll(file.stream(), bytes.data(), bytes.size());
+        const bool committed = file.Commit();
+        const std::string why = msm::lastWriteFailure();
+        const bool named = why == target + ": cannot be written (File too large)";
+        ::_exit(!wrote && !committed && named ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_THAT(dir.Entries(), ElementsAre("big.dck"));
+    const auto kept = msmtest::ReadBytes(target);
+    EXPECT_EQ(std::string(kept.begin(), kept.end()), "old");
+}
+
+}  // namespace

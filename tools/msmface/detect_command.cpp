@@ -1,0 +1,147 @@
+// msmface detect: the face and its fourteen points in pictures or a video, written as a points
+// file that --points reads back (so that a user can look at the points and correct them), and
+// optionally every frame drawn with its box and points.
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <opencv2/imgproc.hpp>
+
+#include "commands.h"
+#include "face_finder.h"
+#include "image_io.h"
+#include "picture_source.h"
+
+namespace msmcli {
+namespace {
+
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string baseName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string stemOf(const std::string& path) {
+    const std::string base = baseName(path);
+    const std::size_t dot = base.rfind('.');
+    return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+}
+
+std::string absolutePath(const std::string& path) {
+    char buf[PATH_MAX];
+    return ::realpath(path.c_str(), buf) != nullptr ? std::string(buf) : path;
+}
+
+// How the points file names a picture: relative to the points file's folder when the picture is
+// inside it (the file and its pictures can move together), else by its absolute path.
+std::string nameInList(const std::string& picture, const std::string& listFolder) {
+    const std::string full = absolutePath(picture);
+    if (listFolder.empty()) return full;
+    const std::string folder = absolutePath(listFolder);
+    if (full.size() > folder.size() + 1 && full.compare(0, folder.size(), folder) == 0 &&
+        full[folder.size()] == '/')
+        return full.substr(folder.size() + 1);
+    return full;
+}
+
+std::string pointsLine(const std::string& name, const FoundFace& face) {
+    std::string line = name;
+    char number[32];
+    for (double v : face.points) {
+        std::snprintf(number, sizeof number, " %.2f", v);
+        line += number;
+    }
+    return line + "\n";
+}
+
+void drawOverlay(const cv::Mat& picture, const FoundFace* face, const std::string& path) {
+    cv::Mat bgr = colourCopy(picture);
+    if (face != nullptr)
+        drawFace(bgr, *face, cv::Scalar(40, 200, 40));
+    else
+        cv::putText(bgr, "no face", cv::Point(8, 24), cv::FONT_HERSHEY_SIMPLEX, 0.7,
+                    cv::Scalar(40, 40, 220), 2, cv::LINE_AA);
+    writePicture(path, bgr);
+}
+
+}  // namespace
+
+int runDetect(const DetectOptions& o) {
+    if (o.images.empty() == o.video.empty())
+        return fail("detect: expected picture files or --video FILE (one of the two)");
+    if (!o.video.empty() && o.out.empty())
+        return fail("--out: expected a points file; a video's frames are written beside it");
+    PictureSourceOptions sourceOptions;
+    sourceOptions.images = o.images;
+    sourceOptions.video = o.video;
+    sourceOptions.frames = o.frames;
+    std::unique_ptr<PictureSource> source;
+    std::string error = openPictureSource(sourceOptions, source);
+    if (error.empty() && !o.out.empty()) error = makeFolder(folderOf(o.out));
+    if (!error.empty()) return fail(error);
+    std::unique_ptr<FaceFinder> finder;
+    error =
+        makeFaceFinder(o.model, !o.video.empty(), o.video.empty() ? "detect" : "--video", finder);
+    if (error.empty() && !o.overlay.empty()) error = makeFolder(o.overlay);
+    // A video's frames become pictures of their own, so that the points file can name them.
+    const std::string framesFolder =
+        o.video.empty() ? std::string() : folderOf(o.out) + "/" + stemOf(o.out) + "-frames";
+    if (error.empty() && !framesFolder.empty()) error = makeFolder(framesFolder);
+    if (!error.empty()) return fail(error);
+
+    std::string points = "# image x0 y0 ... x13 y13, written by msmface detect\n";
+    int found = 0;
+    cv::Mat picture;
+    while (source->next(picture)) {
+        FoundFace face;
+        const bool has = finder->find(picture, face);
+        const int index = source->taken();
+        char number[16];
+        std::snprintf(number, sizeof number, "%06d", index);
+        if (!o.overlay.empty()) {
+            const std::string name =
+                o.video.empty() ? std::string(number + 2) + "-" + stemOf(source->frameName())
+                                : std::string("frame") + number;
+            drawOverlay(picture, has ? &face : nullptr, o.overlay + "/" + name + ".png");
+        }
+        if (!has) continue;
+        ++found;
+        std::string picturePath = source->frameName();
+        if (!o.video.empty()) {
+            picturePath = framesFolder + "/" + number + ".png";
+            if (!writePicture(picturePath, picture))
+                return fail(picturePath + ": cannot be written");
+        }
+        points += pointsLine(nameInList(picturePath, o.out.empty() ? "" : folderOf(o.out)), face);
+    }
+    if (!source->error().empty()) return fail(source->error());
+    if (found == 0)
+        return fail((o.video.empty() ? std::string("detect") : o.video) +
+                    ": no face found in any of the " + std::to_string(source->taken()) +
+                    " frames; expected frames showing a face");
+    if (o.out.empty()) {
+        std::fputs(points.c_str(), stdout);
+        return 0;
+    }
+    // Written aside and renamed, so that an interrupted run never leaves half a points file.
+    const std::string temp = o.out + ".tmp";
+    std::FILE* f = std::fopen(temp.c_str(), "w");
+    bool written = f != nullptr && std::fputs(points.c_str(), f) >= 0;
+    if (f != nullptr) written = std::fclose(f) == 0 && written;
+    if (!written || std::rename(temp.c_str(), o.out.c_str()) != 0) {
+        std::remove(temp.c_str());
+        return fail(o.out + ": cannot be written");
+    }
+    std::printf("found a face in %d of %d frames; points: %s\n", found, source->taken(),
+                o.out.c_str());
+    if (!o.overlay.empty()) std::printf("drawn frames: %s\n", o.overlay.c_str());
+    return 0;
+}
+
+}  // namespace msmcli
