@@ -38,15 +38,17 @@ std::string unreadable(const std::string& path) {
 // damages.
 std::string unreadablePicture(const std::string& path) {
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return path + ": cannot be read (" + std::strerror(errno) + ")";
+    if (::stat(path.c_str(), &st) != 0)
+        return path + ": cannot be read (" + std::strerror(errno) + ")";
     unsigned char head[6] = {};
     std::FILE* f = std::fopen(path.c_str(), "rb");
     if (f == nullptr) return path + ": cannot be read (" + std::strerror(errno) + ")";
     const std::size_t n = std::fread(head, 1, sizeof head, f);
     std::fclose(f);
-    const unsigned long declared = n == sizeof head ? (head[2] | head[3] << 8 | head[4] << 16 |
-                                                       static_cast<unsigned long>(head[5]) << 24)
-                                                    : 0;
+    const unsigned long declared =
+        n == sizeof head
+            ? (head[2] | head[3] << 8 | head[4] << 16 | static_cast<unsigned long>(head[5]) << 24)
+            : 0;
     if (n != sizeof head || head[0] != 'B' || head[1] != 'M' ||
         declared != static_cast<unsigned long>(st.st_size))
         return path + ": expected a BMP picture of the size its header declares";
@@ -102,8 +104,9 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
             // still points at the old place.
             if (realDirectory(parentOf(stem)) != here) {
                 add(r, StoreProblemKind::Constraint, list,
-                    list + ": names " + stem + ", which is not in this directory; run \"msmface "
-                    "constraint\" again");
+                    list + ": names " + stem +
+                        ", which is not in this directory; run \"msmface "
+                        "constraint\" again");
                 continue;
             }
             for (const char* ext : {".dck", ".dckev"}) {
@@ -120,8 +123,8 @@ Status checkReadable(const std::string& dir) {
         return Status::failure(ErrorKind::NotFound,
                                dir + ": expected a dictionary directory, found none");
     if (::access(dir.c_str(), R_OK | X_OK) != 0)
-        return Status::failure(ErrorKind::File, dir + ": cannot be read (" +
-                                                    std::strerror(errno) + ")");
+        return Status::failure(ErrorKind::File,
+                               dir + ": cannot be read (" + std::strerror(errno) + ")");
     return {};
 }
 
@@ -198,8 +201,8 @@ Result<StoreReport> repairStore(const std::string& dir, const LockOptions& optio
     Status readable = checkReadable(dir);
     if (!readable.ok()) return readable;
     msm::DirectoryLock lock;
-    Status locked = msm::DirectoryLock::acquire(
-        dir, msm::LockMode::Exclusive, msm::LockWait{options.wait, options.notice}, lock);
+    Status locked = msm::DirectoryLock::acquire(dir, msm::LockMode::Exclusive,
+                                                msm::LockWait{options.wait, options.notice}, lock);
     if (!locked.ok()) return locked;
     std::vector<std::string> repaired;
     for (const std::string& name : msm::removeOwnTemporaries(dir))
@@ -209,15 +212,15 @@ Result<StoreReport> repairStore(const std::string& dir, const LockOptions& optio
     for (const StoreProblem& p : now.problems) {
         if (p.kind != StoreProblemKind::Orphan) continue;
         if (::mkdir(lost.c_str(), 0755) != 0 && errno != EEXIST)
-            return Status::failure(ErrorKind::File, lost + ": cannot be created (" +
-                                                        std::strerror(errno) + ")");
+            return Status::failure(ErrorKind::File,
+                                   lost + ": cannot be created (" + std::strerror(errno) + ")");
         const std::string name = p.path.substr(p.path.find_last_of('/') + 1);
         std::string target = lost + "/" + name;
         for (int n = 1; exists(target) && n < 1000; ++n)
             target = lost + "/" + name + "." + std::to_string(n);
         if (::rename(p.path.c_str(), target.c_str()) != 0)
-            return Status::failure(ErrorKind::File, p.path + ": cannot be moved to " + lost +
-                                                        " (" + std::strerror(errno) + ")");
+            return Status::failure(ErrorKind::File, p.path + ": cannot be moved to " + lost + " (" +
+                                                        std::strerror(errno) + ")");
         repaired.push_back("moved " + p.path + " to " + target);
     }
     StoreReport after = checkLocked(dir);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 
-
 namespace msm {
 namespace {
 
@@ -70,8 +69,7 @@ bool isOwnTemporaryName(const std::string& name) {
     const std::size_t at = name.rfind(".tmp");
     if (at == std::string::npos || at == 0) return false;
     const std::string tail = name.substr(at + 4);
-    const bool mkstempTail =
-        tail.size() == 6 && std::all_of(tail.begin(), tail.end(), alnum);
+    const bool mkstempTail = tail.size() == 6 && std::all_of(tail.begin(), tail.end(), alnum);
     if (!mkstempTail && !digits(tail)) return false;
     return writtenByUs(name.substr(0, at));
 }

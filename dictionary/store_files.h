@@ -31,8 +31,8 @@ struct DirectoryStamp {
         uint64_t device = 0, inode = 0, size = 0;
         int64_t modifiedNs = 0;
         bool operator==(const File& o) const {
-            return exists == o.exists && device == o.device && inode == o.inode &&
-                   size == o.size && modifiedNs == o.modifiedNs;
+            return exists == o.exists && device == o.device && inode == o.inode && size == o.size &&
+                   modifiedNs == o.modifiedNs;
         }
     };
     File files[3];

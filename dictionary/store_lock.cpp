@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -73,7 +73,8 @@ std::string holderText(const std::string& text) {
 }
 
 bool sameFile(int fd, const std::string& path) {
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     return ::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
            a.st_ino == b.st_ino;
 }
@@ -175,8 +176,9 @@ msmface::Status DirectoryLock::acquire(const std::string& dir, LockMode mode, co
             if (who.empty()) who = "another process";
             if (!how.wait) {
                 ::close(fd);
-                return Status::failure(ErrorKind::Busy, dir + ": the dictionary directory is locked by " +
-                                                            who + "; try again later");
+                return Status::failure(
+                    ErrorKind::Busy,
+                    dir + ": the dictionary directory is locked by " + who + "; try again later");
             }
             if (!noticed && how.notice)
                 how.notice("waiting for the lock on " + dir + " held by " + who);
@@ -203,11 +205,10 @@ msmface::Status DirectoryLock::acquire(const std::string& dir, LockMode mode, co
         out.fd_ = fd;
         out.exclusive_ = exclusive;
         if (exclusive) {
-            const std::string text =
-                formatLockHolder(LockHolder{static_cast<long>(::getpid()), thisHost(), thisCommand()});
+            const std::string text = formatLockHolder(
+                LockHolder{static_cast<long>(::getpid()), thisHost(), thisCommand()});
             // Only informative: a failure to record the holder does not fail the lock.
-            if (::ftruncate(fd, 0) == 0)
-                (void)!::pwrite(fd, text.data(), text.size(), 0);
+            if (::ftruncate(fd, 0) == 0) (void)!::pwrite(fd, text.data(), text.size(), 0);
         }
         return {};
     }

@@ -17,10 +17,10 @@
 #include "dictionary/atomic_file.h"
 #include "dictionary/registry.h"
 #include "dictionary/threshold_file.h"
-#include "recognition/constraint_list.h"
 #include "engine/frame_input.h"
 #include "engine/gallery_impl.h"
 #include "engine/quiet_stderr.h"
+#include "recognition/constraint_list.h"
 
 namespace msmface {
 
@@ -580,8 +580,8 @@ Status Gallery::rebuildConstraint(int dimension) {
     // The new space goes to the stem the list does not name: until the list is replaced, the old
     // space stays whole, whatever stops the rebuild.
     const std::string old = currentConstraintStem(g.dir());
-    const std::string fresh = old == msm::kConstraintStems[0] ? msm::kConstraintStems[1]
-                                                              : msm::kConstraintStems[0];
+    const std::string fresh =
+        old == msm::kConstraintStems[0] ? msm::kConstraintStems[1] : msm::kConstraintStems[0];
     const std::string stem = absolute(g.dir()) + "/" + fresh;
     if (stem.find_first_of(" \t\n") != std::string::npos)
         return fail(ErrorKind::Argument,
@@ -607,7 +607,8 @@ Status Gallery::rebuildConstraint(int dimension) {
     written = ::close(fd) == 0 && written;
     if (!written) {
         ::unlink(temp.c_str());
-        return fail(ErrorKind::File, list + ": cannot be written (" + std::strerror(writeError) + ")");
+        return fail(ErrorKind::File,
+                    list + ": cannot be written (" + std::strerror(writeError) + ")");
     }
     FaceRecognition& e = *g.engine;
     e.Set_recognitionmethod(static_cast<int>(Method::Cmsm));

@@ -78,8 +78,7 @@ Status Stream::Impl::reloadIfChanged() {
     // waiting once it has persons to go on with.
     LockOptions how;
     how.wait = !loaded;
-    Status status =
-        detail::lockDirectory(state->dir, msm::LockMode::Shared, how, directoryLock);
+    Status status = detail::lockDirectory(state->dir, msm::LockMode::Shared, how, directoryLock);
     if (!status.ok()) return loaded && status.kind() == ErrorKind::Busy ? Status() : status;
     return reload();
 }

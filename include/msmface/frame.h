@@ -15,7 +15,9 @@ enum class PixelFormat : int {
     RGB = 4,   // three bytes per pixel, red first
 };
 
-inline int bytesPerPixel(PixelFormat f) noexcept { return f == PixelFormat::Grey ? 1 : 3; }
+inline int bytesPerPixel(PixelFormat f) noexcept {
+    return f == PixelFormat::Grey ? 1 : 3;
+}
 
 // A camera frame the caller owns; the library reads it during the call and keeps no pointer.
 // requires: data points at height rows of stride bytes each; stride >= width * bytesPerPixel

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "common/pgm.h"
+
 namespace detecttest {
 
 // Sanitized builds run dlib about ten times slower: they look at every tenth real frame.
@@ -65,18 +67,6 @@ struct RealFace {
     double eyeDistance() const { return std::hypot(points[2] - points[0], points[3] - points[1]); }
 };
 
-inline bool readPgm(const std::string& path, GreyFrame& f) {
-    std::ifstream in(path, std::ios::binary);
-    std::string magic;
-    int maxval = 0;
-    if (!(in >> magic >> f.width >> f.height >> maxval) || magic != "P5" || maxval != 255 ||
-        f.width < 2 || f.height < 2 || f.width > 4000 || f.height > 4000)
-        return false;
-    in.get();
-    f.pixels.resize(static_cast<size_t>(f.width) * f.height);
-    return static_cast<bool>(in.read(reinterpret_cast<char*>(f.pixels.data()), f.pixels.size()));
-}
-
 inline std::string facesFolder() {
     return std::string(MSMFACE_SHARED_DIR) + "/faces";
 }
@@ -97,7 +87,9 @@ inline std::vector<RealFace> loadRealFaces(int step = kRealFrameStep) {
         face.identity = f[0];
         face.image = f[4];
         for (int k = 0; k < 28; ++k) face.points[k] = std::strtof(f[7 + k].c_str(), nullptr);
-        if (readPgm(facesFolder() + "/" + f[4], face.frame)) faces.push_back(std::move(face));
+        if (msmtest::ReadPgm(facesFolder() + "/" + f[4], face.frame.width, face.frame.height,
+                             face.frame.pixels))
+            faces.push_back(std::move(face));
     }
     return faces;
 }

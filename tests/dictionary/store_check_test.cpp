@@ -3,10 +3,10 @@
 // report of a write that a full disk refused.
 #include <msmface/store.h>
 
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <string>
@@ -60,9 +60,9 @@ TEST(StoreFiles, OnlyOurOwnTemporariesAreTemporaries) {
                              "constraint.list.tmp12", "cmsm.dckev.tmpQwErTy", "threshold.txt.tmp9",
                              ".msmface-write-check123", "x.bmp.tmp77", "persons.txt.tmpx1Y2z3"})
         EXPECT_TRUE(msm::isOwnTemporaryName(ours)) << ours;
-    for (const char* theirs : {"notes.txt.tmp1234", "alice.mck.tmp", "alice.mck.tmpAb12Z", ".tmp123456",
-                               "alice.mck.tmpAb-2Z9", "persons.txt", "alice.dck", "report.tmp123456",
-                               ".msmface-write-checkx", ".msmface.lock"})
+    for (const char* theirs : {"notes.txt.tmp1234", "alice.mck.tmp", "alice.mck.tmpAb12Z",
+                               ".tmp123456", "alice.mck.tmpAb-2Z9", "persons.txt", "alice.dck",
+                               "report.tmp123456", ".msmface-write-checkx", ".msmface.lock"})
         EXPECT_FALSE(msm::isOwnTemporaryName(theirs)) << theirs;
     EXPECT_EQ(msm::personStemOf("a.b.dck"), "a.b");
     EXPECT_EQ(msm::personStemOf(".dck"), "");
@@ -86,18 +86,19 @@ TEST(StoreCheck, ReportsEveryDisagreementAndRepairLosesNoListedPerson) {
     ScratchDir dir;
     for (const char* name : {"alice", "bob", "carol", "ghost"}) WritePerson(dir.path(), name);
     WriteText(dir / "persons.txt", "1 alice\n2 bob\n3 carol\n4 dave\n");
-    ::unlink((dir / "bob.mck").c_str());                    // listed, a file missing
-    WriteText(dir / "carol.dck", "DCK but not really");     // listed, a file unreadable
-    WriteText(dir / "alice.mck.tmpAbCdEf", "half");          // an interrupted write
+    ::unlink((dir / "bob.mck").c_str());                 // listed, a file missing
+    WriteText(dir / "carol.dck", "DCK but not really");  // listed, a file unreadable
+    WriteText(dir / "alice.mck.tmpAbCdEf", "half");      // an interrupted write
     // ghost.dck / ghost.mck: an enrolment that never reached the registry; dave: no files at all.
 
     const auto r = msmface::checkStore(dir.path());
     ASSERT_TRUE(r.ok()) << r.message();
     EXPECT_EQ(r->persons, 4);
-    EXPECT_THAT(Kinds(*r), ElementsAre(StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
-                                       StoreProblemKind::MissingFiles, StoreProblemKind::UnreadableFile,
-                                       StoreProblemKind::Orphan, StoreProblemKind::Orphan,
-                                       StoreProblemKind::Temporary));
+    EXPECT_THAT(Kinds(*r),
+                ElementsAre(StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
+                            StoreProblemKind::MissingFiles, StoreProblemKind::UnreadableFile,
+                            StoreProblemKind::Orphan, StoreProblemKind::Orphan,
+                            StoreProblemKind::Temporary));
     EXPECT_EQ(r->problems[0].path, dir / "bob.mck");
     EXPECT_THAT(r->problems[1].message, HasSubstr("dave.dck: missing; person 4 (dave)"));
     EXPECT_EQ(r->problems[3].path, dir / "carol.dck");
@@ -112,10 +113,9 @@ TEST(StoreCheck, ReportsEveryDisagreementAndRepairLosesNoListedPerson) {
     EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/ghost.mck").size() > 0);
     EXPECT_FALSE(::access((dir / "alice.mck.tmpAbCdEf").c_str(), F_OK) == 0);
     // What only the user can decide stays reported; the registry keeps every entry.
-    EXPECT_THAT(Kinds(*fixed), ElementsAre(StoreProblemKind::MissingFiles,
-                                           StoreProblemKind::MissingFiles,
-                                           StoreProblemKind::MissingFiles,
-                                           StoreProblemKind::UnreadableFile));
+    EXPECT_THAT(Kinds(*fixed),
+                ElementsAre(StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
+                            StoreProblemKind::MissingFiles, StoreProblemKind::UnreadableFile));
     std::vector<msmface::Person> listed;
     EXPECT_EQ(msmface::detail::loadRegistry(dir.path(), listed), "");
     EXPECT_EQ(listed.size(), 4u);
@@ -135,7 +135,8 @@ TEST(StoreCheck, ConstraintFilesMustLoadAndBelongToTheDirectory) {
     ASSERT_TRUE(r.ok());
     ASSERT_FALSE(r->problems.empty());
     EXPECT_EQ(r->problems[0].kind, StoreProblemKind::Constraint);
-    EXPECT_THAT(r->problems[0].message, HasSubstr("/elsewhere/cmsm, which is not in this directory"));
+    EXPECT_THAT(r->problems[0].message,
+                HasSubstr("/elsewhere/cmsm, which is not in this directory"));
 
     WriteText(dir / "constraint.list", "garbage\n");
     r = msmface::checkStore(dir.path());
@@ -175,7 +176,8 @@ TEST(WriteFailure, AFileSizeLimitLeavesTheOldFileAndNamesTheNewOne) {
         msm::clearWriteFailure();
         msm::AtomicFile file(target.c_str());
         std::vector<char> bytes(100000, 'x');
-        const bool wrote = file.stream() != nullptr && msm::writeAll(file.stream(), bytes.data(), bytes.size());
+        const bool wrote =
+            file.stream() != nullptr && msm::writeAll(file.stream(), bytes.data(), bytes.size());
         const bool committed = file.Commit();
         const std::string why = msm::lastWriteFailure();
         const bool named = why == target + ": cannot be written (File too large)";

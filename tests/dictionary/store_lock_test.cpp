@@ -147,7 +147,8 @@ TEST(DirectoryLock, AKilledHolderNeverBlocks) {
     ExitCode(child);
     // Its PID is still in the file; only the kernel's lock counts.
     EXPECT_THAT(msm::describeLockHolder(dir.path()), HasSubstr("PID " + std::to_string(child)));
-    const msmface::Status s = DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock);
+    const msmface::Status s =
+        DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock);
     EXPECT_TRUE(s.ok()) << s.message();
 }
 
@@ -158,7 +159,8 @@ TEST(DirectoryLock, ReadOnlyDirectoryRefusesWritersAndLetsReadersThrough) {
     DirectoryLock lock;
     const msmface::Status s = DirectoryLock::acquire(dir.path(), LockMode::Exclusive, {}, lock);
     EXPECT_EQ(s.kind(), ErrorKind::File);
-    EXPECT_THAT(s.message(), HasSubstr(dir.path() + ": cannot write in the dictionary directory ("));
+    EXPECT_THAT(s.message(),
+                HasSubstr(dir.path() + ": cannot write in the dictionary directory ("));
     EXPECT_TRUE(DirectoryLock::acquire(dir.path(), LockMode::Shared, {}, lock).ok());
     EXPECT_FALSE(lock.held());
     ::chmod(dir.path().c_str(), 0755);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/pgm.h"
 #include "engine_host.h"
 
 namespace {
@@ -23,18 +24,6 @@ struct RealFrame {
     std::vector<unsigned char> pixels;
     double points[28] = {};
 };
-
-bool ReadPgm(const std::string& path, RealFrame& f) {
-    std::ifstream in(path, std::ios::binary);
-    std::string magic;
-    int maxval = 0;
-    if (!(in >> magic >> f.width >> f.height >> maxval) || magic != "P5" || maxval != 255 ||
-        f.width < 2 || f.height < 2 || f.width > 4000 || f.height > 4000)
-        return false;
-    in.get();
-    f.pixels.resize(static_cast<size_t>(f.width) * f.height);
-    return static_cast<bool>(in.read(reinterpret_cast<char*>(f.pixels.data()), f.pixels.size()));
-}
 
 std::map<std::string, std::vector<RealFrame>> LoadPeople(const std::string& folder) {
     std::map<std::string, std::vector<RealFrame>> people;
@@ -49,7 +38,8 @@ std::map<std::string, std::vector<RealFrame>> LoadPeople(const std::string& fold
         RealFrame frame;
         frame.video = std::atoi(f[1].c_str());
         for (int k = 0; k < 28; ++k) frame.points[k] = std::atof(f[7 + k].c_str());
-        if (ReadPgm(folder + "/" + f[4], frame)) people[f[0]].push_back(std::move(frame));
+        if (msmtest::ReadPgm(folder + "/" + f[4], frame.width, frame.height, frame.pixels))
+            people[f[0]].push_back(std::move(frame));
     }
     return people;
 }

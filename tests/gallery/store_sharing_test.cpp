@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/sanitizer.h"
 #include "dictionary/store_lock.h"
 #include "gallery_support.h"
 #include "tools/soak/soak_run.h"
@@ -134,14 +135,6 @@ TEST(SharedDirectory, AWriterThatWillNotWaitIsRefusedAndLeavesNothing) {
     EXPECT_EQ(gallerytest::Snapshot(work.path()), before);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-#define MSMFACE_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define MSMFACE_TEST_ASAN 1
-#endif
-#endif
-
 // Thousands of frames through one stream while another gallery changes the directory every few
 // hundred: every change makes the stream load its persons anew.
 TEST(SharedDirectory, AStreamKeepsItsMemoryOverThousandsOfFramesAndReloads) {
@@ -164,7 +157,8 @@ TEST(SharedDirectory, AStreamKeepsItsMemoryOverThousandsOfFramesAndReloads) {
             const int who = (frame / 20) % 3;
             const auto& take = Population::get().probe[who];
             const std::size_t f = static_cast<std::size_t>(frame % 20);
-            const auto r = frame % 53 == 0 ? s->push(take.view(f)) : s->push(take.view(f), take.points(f));
+            const auto r =
+                frame % 53 == 0 ? s->push(take.view(f)) : s->push(take.view(f), take.points(f));
             ASSERT_TRUE(r.ok()) << r.message();
             if (frame % 20 == 19) {
                 if (!r->ranking.matches.empty() && r->ranking.matches[0].id == who + 1) ++right;

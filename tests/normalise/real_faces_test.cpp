@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/pgm.h"
 #include "normalise/face_cropping.h"
 #include "normalise/filter_processing.h"
 
@@ -21,18 +22,6 @@ struct Frame {
     int video = 0;
     std::vector<float> pattern;  // the 32 x 32 map, unit length
 };
-
-bool ReadPgm(const std::string& path, int& width, int& height, std::vector<unsigned char>& pixels) {
-    std::ifstream in(path, std::ios::binary);
-    std::string magic;
-    int maxval = 0;
-    if (!(in >> magic >> width >> height >> maxval) || magic != "P5" || maxval != 255 ||
-        width < 2 || height < 2 || width > 10000 || height > 10000)
-        return false;
-    in.get();
-    pixels.resize(static_cast<size_t>(width) * height);
-    return static_cast<bool>(in.read(reinterpret_cast<char*>(pixels.data()), pixels.size()));
-}
 
 std::vector<Frame> LoadFaces(const std::string& folder) {
     std::vector<Frame> frames;
@@ -48,7 +37,7 @@ std::vector<Frame> LoadFaces(const std::string& folder) {
         if (f.size() != 35) continue;
         int width = 0, height = 0;
         std::vector<unsigned char> pixels;
-        if (!ReadPgm(folder + "/" + f[4], width, height, pixels)) continue;
+        if (!msmtest::ReadPgm(folder + "/" + f[4], width, height, pixels)) continue;
         PartsPosition parts{};
         for (int k = 0; k < 28; ++k)
             parts.points[k] = static_cast<int32_t>(std::lround(std::atof(f[7 + k].c_str())));

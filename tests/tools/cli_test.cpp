@@ -291,8 +291,8 @@ TEST_F(Cli, RecogniseTakesTheDirectorysStoredThresholdUnlessOneIsGiven) {
     Scratch work;
     const std::string dir = work / "dict";
     for (int i = 0; i < 2; ++i) ASSERT_EQ(Enrol(dir, i).status, 0);
-    const std::string recognise =
-        "recognise '" + dir + "' --points '" + Frames("alice_probe.txt") + "' --copies 2 --jitter 1";
+    const std::string recognise = "recognise '" + dir + "' --points '" + Frames("alice_probe.txt") +
+                                  "' --copies 2 --jitter 1";
     const CliRun plain = RunCli(recognise);
     ASSERT_EQ(plain.status, 0) << plain.err;
     EXPECT_THAT(plain.out, HasSubstr(" > 850\n"));  // no stored threshold: the default

@@ -5,16 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/sanitizer.h"
 #include "common/scratch_dir.h"
 #include "tools/soak/soak_run.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define MSMFACE_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define MSMFACE_TEST_ASAN 1
-#endif
-#endif
 
 namespace {
 
@@ -45,9 +38,9 @@ TEST(Memory, ResidentMemoryStaysFlatOverThousandsOfFramesAndReloads) {
     const long late = windows.back();
     // An engine kept per reload (megabytes) or a few hundred bytes kept per frame exceed this.
     constexpr long kTolerance = 1536 * 1024;
-    EXPECT_LT(late - early, kTolerance) << "resident memory grew from " << early / 1024 << " kB to "
-                                        << late / 1024 << " kB over " << 10 * kReloadEvery
-                                        << " frames and 10 reloads";
+    EXPECT_LT(late - early, kTolerance)
+        << "resident memory grew from " << early / 1024 << " kB to " << late / 1024 << " kB over "
+        << 10 * kReloadEvery << " frames and 10 reloads";
 }
 
 }  // namespace

@@ -41,15 +41,17 @@ class StoreConcurrency : public ::testing::Test {
             const std::string n = NameOf(id);
             WriteText(*frames_ / (n + ".txt"),
                       clitest::Join(clitest::WriteTake(frames_->path(), n, id, 300 + id, 10)));
-            WriteText(*frames_ / (n + "_probe.txt"),
-                      clitest::Join(clitest::WriteTake(frames_->path(), n + "p", id, 300 + id, 12, 10)));
+            WriteText(
+                *frames_ / (n + "_probe.txt"),
+                clitest::Join(clitest::WriteTake(frames_->path(), n + "p", id, 300 + id, 12, 10)));
         }
     }
     static void TearDownTestSuite() { frames_.reset(); }
 
     static std::vector<std::string> EnrolArgs(const std::string& dir, int id) {
-        return {"enrol", dir, "--id", std::to_string(id), "--name", NameOf(id), "--points",
-                *frames_ / (NameOf(id) + ".txt"), "--copies", "5", "--jitter", "1.5"};
+        return {"enrol",    dir,        "--id",     std::to_string(id),
+                "--name",   NameOf(id), "--points", *frames_ / (NameOf(id) + ".txt"),
+                "--copies", "5",        "--jitter", "1.5"};
     }
 
     // Every listed person has readable files (check finds nothing at all) and is the best match
@@ -103,9 +105,10 @@ TEST_F(StoreConcurrency, ProcessesEnrollingAtOnceAreAllListed) {
         slowest = std::max(slowest, f.seconds);
         fastest = std::min(fastest, f.seconds);
     }
-    std::printf("[ measured ] %d processes enrolling at once: fastest %.2f s, slowest %.2f s, "
-                "%d told whom they waited for, longest wait for a lock %.2f s\n",
-                kPersons, fastest, slowest, waited, longestWait);
+    std::printf(
+        "[ measured ] %d processes enrolling at once: fastest %.2f s, slowest %.2f s, "
+        "%d told whom they waited for, longest wait for a lock %.2f s\n",
+        kPersons, fastest, slowest, waited, longestWait);
     ExpectListedAndRecognised(dir, succeeded);
 }
 
@@ -154,8 +157,9 @@ TEST_F(StoreConcurrency, NoWaitFailsAtOnceWithOneLine) {
     args.push_back("--no-wait");
     const Finished f = Wait(Launch(args, work / "refused"));
     EXPECT_EQ(f.status, 1);
-    EXPECT_THAT(f.err, HasSubstr("msmface: " + dir + ": the dictionary directory is locked by PID " +
-                                 std::to_string(::getpid())));
+    EXPECT_THAT(f.err,
+                HasSubstr("msmface: " + dir + ": the dictionary directory is locked by PID " +
+                          std::to_string(::getpid())));
     EXPECT_EQ(std::count(f.err.begin(), f.err.end(), '\n'), 1) << f.err;
     const Finished d = Wait(Launch({"delete", dir, "--id", "1", "--no-wait"}, work / "refused2"));
     EXPECT_EQ(d.status, 1) << d.err;

@@ -66,7 +66,8 @@ class StoreCrash : public ::testing::Test {
         for (int id : {1, 2, 3, kVictimId}) {
             const int index = id == kVictimId ? 4 : id;
             WriteText(frames_ / (Name(id) + ".txt"),
-                      clitest::Join(clitest::WriteTake(frames_.path(), Name(id), index, 500 + index, 10)));
+                      clitest::Join(
+                          clitest::WriteTake(frames_.path(), Name(id), index, 500 + index, 10)));
             WriteText(frames_ / (Name(id) + "_probe.txt"),
                       clitest::Join(clitest::WriteTake(frames_.path(), Name(id) + "p", index,
                                                        500 + index, 12, 10)));
@@ -76,8 +77,12 @@ class StoreCrash : public ::testing::Test {
     std::vector<std::string> Args(Op op) const {
         if (op == Op::Delete) return {"delete", dir_, "--id", std::to_string(kVictimId)};
         if (op == Op::Constraint) return {"constraint", dir_, "--dimension", "20"};
-        return {"enrol", dir_, "--id", std::to_string(kVictimId), "--name", Name(kVictimId),
-                "--points", frames_ / (Name(kVictimId) + ".txt"), "--copies", "5", "--jitter", "1.5"};
+        return {"enrol",    dir_,
+                "--id",     std::to_string(kVictimId),
+                "--name",   Name(kVictimId),
+                "--points", frames_ / (Name(kVictimId) + ".txt"),
+                "--copies", "5",
+                "--jitter", "1.5"};
     }
 
     Finished Run(const std::vector<std::string>& args) {
@@ -117,9 +122,9 @@ TEST_F(StoreCrash, KilledWritersLeaveADirectoryThatCanBeTrusted) {
     const long points = EnvNumber("MSMFACE_CRASH_POINTS", kDefaultPoints);
     const auto seed = static_cast<uint32_t>(EnvNumber("MSMFACE_CRASH_SEED", 1));
     for (int id : {1, 2, 3}) {
-        const Finished f = Run({"enrol", dir_, "--id", std::to_string(id), "--name", Name(id),
-                                "--points", frames_ / (Name(id) + ".txt"), "--copies", "5",
-                                "--jitter", "1.5"});
+        const Finished f =
+            Run({"enrol", dir_, "--id", std::to_string(id), "--name", Name(id), "--points",
+                 frames_ / (Name(id) + ".txt"), "--copies", "5", "--jitter", "1.5"});
         ASSERT_EQ(f.status, 0) << f.err;
     }
     // How long each command runs when left alone: the kill points spread over all of it.
@@ -165,10 +170,11 @@ TEST_F(StoreCrash, KilledWritersLeaveADirectoryThatCanBeTrusted) {
             ExpectNoTemporaries();
         }
     }
-    std::printf("[ measured ] %ld kill points (seed %u): %d killed mid-command, %d finished first, "
-                "%d complete writes checked; commands ran %.2f s (enrol), %.2f s (constraint), "
-                "%.2f s (delete)\n",
-                points, seed, killed, finished, completes, seconds[0], seconds[1], seconds[2]);
+    std::printf(
+        "[ measured ] %ld kill points (seed %u): %d killed mid-command, %d finished first, "
+        "%d complete writes checked; commands ran %.2f s (enrol), %.2f s (constraint), "
+        "%.2f s (delete)\n",
+        points, seed, killed, finished, completes, seconds[0], seconds[1], seconds[2]);
 
     const Finished repair = Run({"check", dir_, "--repair"});
     EXPECT_EQ(repair.status, 0) << repair.out << repair.err;

@@ -76,8 +76,10 @@ std::string Differences(const std::map<std::string, std::string>& before,
                         const std::map<std::string, std::string>& after) {
     std::string d;
     for (const auto& [name, bytes] : before)
-        if (!after.count(name)) d += " " + name + " vanished;";
-        else if (after.at(name) != bytes) d += " " + name + " changed;";
+        if (!after.count(name))
+            d += " " + name + " vanished;";
+        else if (after.at(name) != bytes)
+            d += " " + name + " changed;";
     for (const auto& [name, bytes] : after)
         if (!before.count(name)) d += " " + name + " appeared;";
     return d;
@@ -132,9 +134,21 @@ class StoreDisk : public ::testing::Test {
     }
 
     std::vector<std::string> Enrol(const std::string& dir, int id) const {
-        return {"enrol", dir, "--id", std::to_string(id), "--name", "person" + std::to_string(id),
-                "--points", frames_ / ("p" + std::to_string(id) + ".txt"), "--copies", "5",
+        return {"enrol",    dir,
+                "--id",     std::to_string(id),
+                "--name",   "person" + std::to_string(id),
+                "--points", frames_ / ("p" + std::to_string(id) + ".txt"),
+                "--copies", "5",
                 "--jitter", "1.5"};
+    }
+
+    // Persons 1 and 2 in dir; empty, or why not.
+    std::string EnrolFirstTwo(const std::string& dir) const {
+        for (int id : {1, 2}) {
+            const Finished f = Wait(Launch(Enrol(dir, id), work_ / "pre"));
+            if (f.status != 0) return "the first enrolments failed: " + f.err;
+        }
+        return {};
     }
 
     // Runs body in a child with a fresh tmpfs at work/mnt; body returns what went wrong.
@@ -161,9 +175,9 @@ class StoreDisk : public ::testing::Test {
     }
 
     // The one-line failure naming the file and the reason, and the directory as it was.
-    std::string ExpectRefused(const std::string& dir, const std::vector<std::string>& args,
-                              const std::string& message, const std::string& label,
-                              const std::function<void()>& prepare = [] {}) {
+    std::string ExpectRefused(
+        const std::string& dir, const std::vector<std::string>& args, const std::string& message,
+        const std::string& label, const std::function<void()>& prepare = [] {}) {
         const auto before = Snapshot(dir);
         const Finished f = Wait(Launch(args, work_ / label, prepare));
         std::string failure;
@@ -182,14 +196,13 @@ class StoreDisk : public ::testing::Test {
 TEST_F(StoreDisk, AFullDiskRefusesEachFileOfAnEnrolmentAndLeavesTheDirectoryAsItWas) {
     InScratchFs([&](const std::string& mnt) -> std::string {
         const std::string dir = mnt + "/dict";
-        for (int id : {1, 2}) {
-            const Finished f = Wait(Launch(Enrol(dir, id), work_ / "pre"));
-            if (f.status != 0) return "the first enrolments failed: " + f.err;
-        }
+        const std::string enrolled = EnrolFirstTwo(dir);
+        if (!enrolled.empty()) return enrolled;
         // The sizes of one person's files, in the order an enrolment writes them.
         const auto size = [&](const char* ext) {
             struct stat st {};
-            return ::stat((dir + "/person1" + ext).c_str(), &st) == 0 ? Pages(st.st_size) * kPage : 0L;
+            return ::stat((dir + "/person1" + ext).c_str(), &st) == 0 ? Pages(st.st_size) * kPage
+                                                                      : 0L;
         };
         const long mck = size(".mck"), dck = size(".dck"), bmp = size(".bmp");
         if (mck == 0 || dck == 0 || bmp == 0) return "the first person's files are missing";
@@ -206,9 +219,9 @@ TEST_F(StoreDisk, AFullDiskRefusesEachFileOfAnEnrolmentAndLeavesTheDirectoryAsIt
             const std::string filled = Fill(dir, c.room);
             if (!filled.empty()) return filled;
             const std::string file = c.file[0] == '.' ? "person3" + std::string(c.file) : c.file;
-            failures += ExpectRefused(dir, Enrol(dir, 3),
-                                      dir + "/" + file + ": cannot be written (No space left on device)",
-                                      c.file);
+            failures += ExpectRefused(
+                dir, Enrol(dir, 3),
+                dir + "/" + file + ": cannot be written (No space left on device)", c.file);
             ::unlink((mnt + "/filler").c_str());
         }
         // With room again, the same enrolment succeeds: nothing of the failed ones is in its way.
@@ -221,10 +234,8 @@ TEST_F(StoreDisk, AFullDiskRefusesEachFileOfAnEnrolmentAndLeavesTheDirectoryAsIt
 TEST_F(StoreDisk, AFullDiskRefusesTheConstraintSpaceAndKeepsTheOldOne) {
     InScratchFs([&](const std::string& mnt) -> std::string {
         const std::string dir = mnt + "/dict";
-        for (int id : {1, 2}) {
-            const Finished f = Wait(Launch(Enrol(dir, id), work_ / "pre"));
-            if (f.status != 0) return "the first enrolments failed: " + f.err;
-        }
+        const std::string enrolled = EnrolFirstTwo(dir);
+        if (!enrolled.empty()) return enrolled;
         std::string failures;
         std::string filled = Fill(dir, 8 * kPage);
         if (!filled.empty()) return filled;
@@ -255,14 +266,13 @@ TEST_F(StoreDisk, AFullDiskRefusesTheConstraintSpaceAndKeepsTheOldOne) {
 TEST_F(StoreDisk, ReadOnlyMediaAndForbiddenFoldersAreNamedWithTheirReason) {
     InScratchFs([&](const std::string& mnt) -> std::string {
         const std::string dir = mnt + "/dict";
-        for (int id : {1, 2}) {
-            const Finished f = Wait(Launch(Enrol(dir, id), work_ / "pre"));
-            if (f.status != 0) return "the first enrolments failed: " + f.err;
-        }
+        const std::string enrolled = EnrolFirstTwo(dir);
+        if (!enrolled.empty()) return enrolled;
         std::string failures;
         if (::getuid() == 0 && !OtherUserCanRead(frames_ / "p3.txt")) {
-            std::fprintf(stderr, "the forbidden-folder case is left out: user 65534 cannot read "
-                                 "%s (a folder above it is closed to others)\n",
+            std::fprintf(stderr,
+                         "the forbidden-folder case is left out: user 65534 cannot read "
+                         "%s (a folder above it is closed to others)\n",
                          (frames_ / "p3.txt").c_str());
         } else if (::getuid() == 0) {
             // Another user than the directory's owner.
@@ -274,12 +284,14 @@ TEST_F(StoreDisk, ReadOnlyMediaAndForbiddenFoldersAreNamedWithTheirReason) {
         if (::mount(nullptr, mnt.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0)
             return failures + "the scratch file system cannot be made read-only";
         failures += ExpectRefused(dir, Enrol(dir, 3),
-                                  dir + ": cannot write in the dictionary directory (Read-only file "
-                                        "system)",
+                                  dir +
+                                      ": cannot write in the dictionary directory (Read-only file "
+                                      "system)",
                                   "read-only enrol");
         failures += ExpectRefused(dir, {"delete", dir, "--id", "1"},
-                                  dir + ": cannot write in the dictionary directory (Read-only file "
-                                        "system)",
+                                  dir +
+                                      ": cannot write in the dictionary directory (Read-only file "
+                                      "system)",
                                   "read-only delete");
         // Reading still works.
         const Finished list = Wait(Launch({"list", dir}, work_ / "list"));

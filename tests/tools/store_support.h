@@ -64,8 +64,8 @@ inline Launched Launch(const std::vector<std::string>& args, const std::string& 
 }
 
 struct Finished {
-    int status = -1;      // exit code, or -signal
-    double seconds = 0;   // from launch to exit
+    int status = -1;     // exit code, or -signal
+    double seconds = 0;  // from launch to exit
     std::string out, err;
 };
 
@@ -74,7 +74,9 @@ inline Finished Wait(const Launched& l) {
     int status = 0;
     ::waitpid(l.pid, &status, 0);
     f.seconds = std::chrono::duration<double>(Clock::now() - l.start).count();
-    f.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? -WTERMSIG(status) : -1;
+    f.status = WIFEXITED(status)     ? WEXITSTATUS(status)
+               : WIFSIGNALED(status) ? -WTERMSIG(status)
+                                     : -1;
     f.out = clitest::ReadText(l.outPath);
     f.err = clitest::ReadText(l.errPath);
     return f;

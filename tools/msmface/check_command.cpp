@@ -17,8 +17,7 @@ int runCheck(const CheckOptions& o) {
     if (!r.ok()) return fail(r.message());
     for (const std::string& line : r->repaired) std::printf("repaired: %s\n", line.c_str());
     std::printf("%s: %d person%s listed; %zu problem%s\n", o.dir.c_str(), r->persons,
-                r->persons == 1 ? "" : "s", r->problems.size(),
-                r->problems.size() == 1 ? "" : "s");
+                r->persons == 1 ? "" : "s", r->problems.size(), r->problems.size() == 1 ? "" : "s");
     for (const msmface::StoreProblem& p : r->problems)
         std::printf("  %s%s\n", p.message.c_str(),
                     p.repairable && !o.repair ? " (check --repair fixes this)" : "");

@@ -74,7 +74,7 @@ struct CalibrateOptions {
     int method = 1;
     double jitter = 1.5;
     int probeFrames = 15;
-    std::string scores;  // when given, every score as CSV
+    std::string scores;   // when given, every score as CSV
     bool noWait = false;  // fail at once while another process writes the directory
 };
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "picture_source.h"
 #include "frames.h"
+#include "picture_source.h"
 
 namespace msmcli {
 

@@ -16,12 +16,17 @@ int main(int argc, char** argv) {
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         const long v = std::atol(argv[i + 1]);
-        if (a == "--frames") frames = v;
-        else if (a == "--reload") reload = v;
-        else if (a == "--every") every = v;
-        else if (a == "--persons") persons = static_cast<int>(v);
+        if (a == "--frames")
+            frames = v;
+        else if (a == "--reload")
+            reload = v;
+        else if (a == "--every")
+            every = v;
+        else if (a == "--persons")
+            persons = static_cast<int>(v);
         else {
-            std::fprintf(stderr, "msmface_soak: %s: expected --frames, --reload, --every or --persons\n",
+            std::fprintf(stderr,
+                         "msmface_soak: %s: expected --frames, --reload, --every or --persons\n",
                          a.c_str());
             return 2;
         }
@@ -57,7 +62,8 @@ int main(int argc, char** argv) {
         right += r;
         const double s =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        std::printf("%8ld %12ld %12ld %8.1f\n", run.done(), msmsoak::residentBytes() / 1024, right, s);
+        std::printf("%8ld %12ld %12ld %8.1f\n", run.done(), msmsoak::residentBytes() / 1024, right,
+                    s);
         std::fflush(stdout);
     }
     std::error_code ec;

@@ -45,9 +45,11 @@ std::string SoakRun::prepare() {
     for (int i = 0; i < persons_; ++i) {
         const msmsynth::SynthPerson person = msmsynth::makePerson(seed_, i);
         std::vector<msmsynth::SynthFrame> enrol, take;
-        for (const auto& pose : msmsynth::makeSequence(seed_ * 1000u + i, kEnrolFrames, width_, height_))
+        for (const auto& pose :
+             msmsynth::makeSequence(seed_ * 1000u + i, kEnrolFrames, width_, height_))
             enrol.push_back(msmsynth::renderFrame(person, pose, width_, height_));
-        for (const auto& pose : msmsynth::makeSequence(seed_ * 7000u + i, kTakeFrames, width_, height_))
+        for (const auto& pose :
+             msmsynth::makeSequence(seed_ * 7000u + i, kTakeFrames, width_, height_))
             take.push_back(msmsynth::renderFrame(person, pose, width_, height_));
         names_.push_back("person" + std::to_string(i + 1));
         if (db.SetNewKeyname(names_.back().c_str()) != 1) return "the engine refused a key name";

@@ -24,12 +24,12 @@ namespace msmface {
 inline constexpr const char* kLostAndFoundName = "lost+found";
 
 enum class StoreProblemKind : int {
-    Registry,          // the registry cannot be read or parsed (not repaired: only a person knows)
-    MissingFiles,      // a listed person's .dck or .mck does not exist
-    UnreadableFile,    // a file the directory needs exists but does not read
-    Orphan,            // a person's file that no registry entry names (repair: lost+found)
-    Temporary,         // a temporary file of an interrupted write (repair: removed)
-    Constraint,        // the constraint space does not load or is not this directory's
+    Registry,        // the registry cannot be read or parsed (not repaired: only a person knows)
+    MissingFiles,    // a listed person's .dck or .mck does not exist
+    UnreadableFile,  // a file the directory needs exists but does not read
+    Orphan,          // a person's file that no registry entry names (repair: lost+found)
+    Temporary,       // a temporary file of an interrupted write (repair: removed)
+    Constraint,      // the constraint space does not load or is not this directory's
 };
 
 struct StoreProblem {
@@ -41,9 +41,9 @@ struct StoreProblem {
 };
 
 struct StoreReport {
-    int persons = 0;                    // entries of the registry
+    int persons = 0;                     // entries of the registry
     std::vector<StoreProblem> problems;  // in a stable order: by kind, then by path
-    std::vector<std::string> repaired;  // one line per file removed or moved by a repair
+    std::vector<std::string> repaired;   // one line per file removed or moved by a repair
     // Problems other than the leftovers Orphan and Temporary.
     bool damaged() const {
         for (const StoreProblem& p : problems)
