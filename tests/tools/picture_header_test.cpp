@@ -23,9 +23,10 @@ std::string Png(unsigned width, unsigned height, int depth) {
     return b + std::string(8, '\0');
 }
 
+// Little-endian bytes of v, zero beyond its four.
 std::string Le(unsigned v, int bytes) {
     std::string b;
-    for (int i = 0; i < bytes; ++i) b += static_cast<char>(v >> (8 * i) & 0xFF);
+    for (int i = 0; i < bytes; ++i) b += static_cast<char>(i < 4 ? v >> (8 * i) & 0xFF : 0);
     return b;
 }
 
