@@ -125,6 +125,15 @@ const Footprint& FirstFootprint() {
     return footprint;
 }
 
+// The camera has seen the face for a while: the input is full, as in steady recognition. The
+// frames' points are kept for the measured pushes.
+bool WarmUp(Fixture& f, msmface::Stream& s, std::vector<msmface::FacePoints>& points) {
+    for (const auto& fr : f.frames()) points.push_back(PointsOf(fr));
+    for (int k = 0; k < kFrames; ++k)
+        if (!s.push(ViewOf(f.frames()[k]), points[k]).ok()) return false;
+    return true;
+}
+
 void BM_StreamPush(benchmark::State& state) {
     Fixture& f = Shared();
     state.counters["gallery_KiB"] = static_cast<double>(FirstFootprint().galleryKiB);
@@ -134,10 +143,7 @@ void BM_StreamPush(benchmark::State& state) {
     auto s = msmface::Stream::create(g.value());
     if (!s.ok()) return state.SkipWithError(s.message().c_str());
     std::vector<msmface::FacePoints> points;
-    for (const auto& fr : f.frames()) points.push_back(PointsOf(fr));
-    // The camera has seen the face for a while: the input is full, as in steady recognition.
-    for (int k = 0; k < kFrames; ++k)
-        if (!s->push(ViewOf(f.frames()[k]), points[k]).ok()) return state.SkipWithError("push");
+    if (!WarmUp(f, *s, points)) return state.SkipWithError("push");
     int frame = 0, best = 0;
     for (auto _ : state) {
         const auto r = s->push(ViewOf(f.frames()[frame % kFrames]), points[frame % kFrames]);
@@ -209,9 +215,7 @@ void BM_StreamPushAfterChange(benchmark::State& state) {
     auto s = msmface::Stream::create(g.value());
     if (!s.ok()) return state.SkipWithError(s.message().c_str());
     std::vector<msmface::FacePoints> points;
-    for (const auto& fr : f.frames()) points.push_back(PointsOf(fr));
-    for (int k = 0; k < kFrames; ++k)
-        if (!s->push(ViewOf(f.frames()[k]), points[k]).ok()) return state.SkipWithError("push");
+    if (!WarmUp(f, *s, points)) return state.SkipWithError("push");
     std::vector<msmface::Sample> extra;
     for (const auto& fr : f.enrolFrames()) extra.push_back({ViewOf(fr), PointsOf(fr)});
     int threshold = 500, frame = 0;
