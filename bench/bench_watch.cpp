@@ -26,6 +26,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "tools/msmface/face_finder.h"
 #include "tools/msmface/frame_list.h"
 #include "tools/synth/synth_face.h"
 
@@ -37,16 +38,6 @@ constexpr int kHeight = 480;
 constexpr int kHold = 25;   // video frames per still of the person: one second each
 constexpr int kStills = 4;  // stills taken; a cut between two makes the follower detect afresh
 const char* const kIdentity = "Amy_Brenneman";
-
-msmface::FrameView viewOf(const cv::Mat& m) {
-    msmface::FrameView v;
-    v.data = m.data;
-    v.width = m.cols;
-    v.height = m.rows;
-    v.stride = static_cast<int>(m.step[0]);
-    v.format = m.channels() == 1 ? msmface::PixelFormat::Grey : msmface::PixelFormat::BGR;
-    return v;
-}
 
 std::string readText(const std::string& path) {
     std::FILE* f = std::fopen(path.c_str(), "rb");
@@ -141,7 +132,7 @@ struct Fixture {
         msmface::Follower follower(*detector);
         for (const cv::Mat& f : video) {
             msmface::FacePoints p;
-            if (follower.findPoints(viewOf(f), p)) points.push_back(p);
+            if (follower.findPoints(msmcli::viewOf(f), p)) points.push_back(p);
         }
         if (points.empty()) error = "the detector finds no face in the video";
     }
@@ -179,7 +170,7 @@ void BM_WatchFrame(benchmark::State& state) {
     std::size_t k = 0;
     int faces = 0;
     for (auto _ : state) {
-        msmface::Result<msmface::StreamState> s = stream->push(viewOf(fx.video[k]));
+        msmface::Result<msmface::StreamState> s = stream->push(msmcli::viewOf(fx.video[k]));
         faces += s && s->face ? 1 : 0;
         benchmark::DoNotOptimize(s);
         k = (k + 1) % fx.video.size();
@@ -196,7 +187,7 @@ void BM_DetectFullFrame(benchmark::State& state) {
     Fixture& fx = fixture();
     std::size_t k = 0, found = 0;
     for (auto _ : state) {
-        auto faces = fx.detector->detect(viewOf(fx.video[k]));
+        auto faces = fx.detector->detect(msmcli::viewOf(fx.video[k]));
         found += faces && !faces->empty();
         k = (k + 1) % fx.video.size();
     }
@@ -215,7 +206,7 @@ void BM_FollowFrame(benchmark::State& state) {
     std::size_t k = 0;
     for (auto _ : state) {
         msmface::FacePoints p;
-        benchmark::DoNotOptimize(follower.findPoints(viewOf(fx.video[k]), p));
+        benchmark::DoNotOptimize(follower.findPoints(msmcli::viewOf(fx.video[k]), p));
         k = (k + 1) % fx.video.size();
     }
     setRate(state);
@@ -240,7 +231,7 @@ void BM_StreamPushPoints(benchmark::State& state) {
     std::size_t k = 0;
     for (auto _ : state) {
         const std::size_t i = k % fx.points.size();
-        benchmark::DoNotOptimize(stream->push(viewOf(fx.video[i]), fx.points[i]));
+        benchmark::DoNotOptimize(stream->push(msmcli::viewOf(fx.video[i]), fx.points[i]));
         ++k;
     }
     setRate(state);

@@ -11,16 +11,6 @@
 
 namespace msmcli {
 
-msmface::FrameView viewOf(const cv::Mat& picture) {
-    msmface::FrameView v;
-    v.data = picture.data;
-    v.width = picture.cols;
-    v.height = picture.rows;
-    v.stride = static_cast<int>(picture.step[0]);
-    v.format = picture.channels() == 1 ? msmface::PixelFormat::Grey : msmface::PixelFormat::BGR;
-    return v;
-}
-
 void drawFace(cv::Mat& bgr, const FoundFace& face, const cv::Scalar& colour) {
     const int thickness = std::max(1, bgr.cols / 320);
     const int radius = std::max(1, face.box.width / 60);

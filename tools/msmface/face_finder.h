@@ -19,7 +19,16 @@ struct FoundFace {
 };
 
 // A view of an OpenCV picture (8-bit grey or BGR) for the library; valid while the picture is.
-msmface::FrameView viewOf(const cv::Mat& picture);
+// Inline so that the benchmarks, which do not link the program, share it.
+inline msmface::FrameView viewOf(const cv::Mat& picture) {
+    msmface::FrameView v;
+    v.data = picture.data;
+    v.width = picture.cols;
+    v.height = picture.rows;
+    v.stride = static_cast<int>(picture.step[0]);
+    v.format = picture.channels() == 1 ? msmface::PixelFormat::Grey : msmface::PixelFormat::BGR;
+    return v;
+}
 
 // Finds the largest face of each frame: afresh in every frame for unrelated pictures, or
 // following it from frame to frame for a video or a camera.
