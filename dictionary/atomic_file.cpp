@@ -50,6 +50,8 @@ void setFinalPermissions(int fd, const std::string& target) {
     ::fchmod(fd, mode);
 }
 
+}  // namespace
+
 // The rename itself lives in the directory; without this a power cut could bring back the old
 // name after we reported success.
 void syncDirectory(const std::string& dir) {
@@ -58,8 +60,6 @@ void syncDirectory(const std::string& dir) {
     ::fsync(fd);
     ::close(fd);
 }
-
-}  // namespace
 
 AtomicFile::AtomicFile(const char* target) {
     if (target == nullptr || *target == '\0') return;

@@ -40,6 +40,9 @@ void clearWriteFailure();
 // Records a failure of path with the error number err (0: the reason is unknown).
 void noteWriteFailure(const std::string& path, int err);
 
+// Makes the renames in dir durable (best effort: a folder that cannot be opened is left as it is).
+void syncDirectory(const std::string& dir);
+
 // Writes to f and reports whether all n bytes went out.
 bool writeAll(std::FILE* f, const void* data, std::size_t n);
 bool writeInt32(std::FILE* f, int32_t v);

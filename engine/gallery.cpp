@@ -59,13 +59,6 @@ std::string makeDirectories(const std::string& dir) {
     return {};
 }
 
-void syncDirectory(const std::string& dir) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    (void)::fsync(fd);
-    ::close(fd);
-}
-
 }  // namespace
 
 // --- Shared steps -------------------------------------------------------------------------------
@@ -640,7 +633,7 @@ Status Gallery::rebuildConstraint(int dimension) {
         g.finishWrite();
         return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
     }
-    syncDirectory(g.dir());
+    msm::syncDirectory(g.dir());
     if (!old.empty() && old != fresh) removeConstraintFiles(g.dir(), old);
     g.finishWrite();
     g.constraintLoaded = false;
