@@ -9,6 +9,7 @@
 #include <string>
 
 #include "dictionary/DictChunk.h"
+#include "numeric/diagnostics.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ int IDDatabase::MallocHumanID(int n) {
     mask = new (std::nothrow) unsigned char[n]();
     projected = new (std::nothrow) DictChunk*[n]();
     if (humanIds == nullptr || dictionaries == nullptr || mask == nullptr || projected == nullptr) {
-        std::fprintf(stderr, "\n%s\n", "cannot malloc.");
+        msm::reportNoMemory();
         FreeHumanID();
         return 0;
     }
@@ -130,7 +131,7 @@ int IDDatabase::ReadPersonDictionary(int inside) {
     for (int c = 0; ok && c < chunk.count; ++c) ok = chunk.prims[c].PrepareQ14Rows() == 1;
     if (!ok) {
         chunk.Release();
-        std::fprintf(stderr, kCannotReadDictionary, name, h != nullptr ? h->id : 0);
+        msm::diagnose(kCannotReadDictionary, name, h != nullptr ? h->id : 0);
         count = 0;
         return 0;
     }
@@ -139,7 +140,7 @@ int IDDatabase::ReadPersonDictionary(int inside) {
 
 int IDDatabase::ReadIdDictionaries() {
     if (count != pushed) {
-        std::fprintf(stderr, "PushDic Error");
+        msm::diagnose("PushDic Error");
         return 0;
     }
     for (int i = 0; i < count; ++i)
@@ -157,7 +158,7 @@ int IDDatabase::FreeIdDictionary() {
 
 int IDDatabase::RemoveIdFromDictionary(int inside, bool deleteFiles) {
     if (inside < 0 || inside > count) {
-        std::fprintf(stderr, "Cannot find selected ID.");
+        msm::diagnose("Cannot find selected ID.");
         return 0;
     }
     if (count == 0) return 1;
@@ -188,7 +189,7 @@ int IDDatabase::RemoveIdFromDictionary(int inside, bool deleteFiles) {
 
 int IDDatabase::ReplaceIdDictionary(int inside) {
     if (inside < 0 || inside > count || inside >= capacity_) {
-        std::fprintf(stderr, "cannot find selected ID.");
+        msm::diagnose("cannot find selected ID.");
         return 0;
     }
     dictionaries[inside].Release();
@@ -211,13 +212,13 @@ int IDDatabase::RemoveAllDictionary(bool deleteFiles) {
 
 int IDDatabase::SetNewKeyname(char* name) {
     if (newKeyname != nullptr) {
-        std::fprintf(stderr, "Error::SetNewKeyname");
+        msm::diagnose("Error::SetNewKeyname");
         return 0;
     }
     if (name == nullptr) return 0;
     newKeyname = strdup(name);
     if (newKeyname == nullptr) {
-        std::fprintf(stderr, "\n%s\n", "cannot malloc.");
+        msm::reportNoMemory();
         return 0;
     }
     return 1;

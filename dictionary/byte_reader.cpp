@@ -20,29 +20,61 @@ bool countFits(int64_t count, int64_t unitBytes, std::size_t available) {
            static_cast<uint64_t>(available) / static_cast<uint64_t>(unitBytes);
 }
 
-bool readWholeFile(const char* path, std::vector<unsigned char>& out) {
+namespace {
+
+const char* kindOfNonFile(mode_t mode) {
+    if (S_ISDIR(mode)) return "is a folder, not a file";
+    if (S_ISFIFO(mode)) return "is a FIFO, not a file";
+    if (S_ISCHR(mode) || S_ISBLK(mode)) return "is a device, not a file";
+    if (S_ISSOCK(mode)) return "is a socket, not a file";
+    return "is not a regular file";
+}
+
+std::string sizeText(uint64_t bytes, std::size_t maxBytes) {
+    const std::string limit = maxBytes == kMaxFileBytes ? std::string("1 GiB")
+                                                        : std::to_string(maxBytes) + " bytes";
+    return std::to_string(bytes) + " bytes, more than " + limit;
+}
+
+}  // namespace
+
+bool readWholeFile(const char* path, std::vector<unsigned char>& out, std::string* why,
+                   std::size_t maxBytes) {
     out.clear();
-    if (path == nullptr) return false;
+    std::string reason;
+    if (path == nullptr) {
+        if (why != nullptr) *why = "no file name given";
+        return false;
+    }
     int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
+    if (fd < 0) {
+        if (why != nullptr) *why = std::strerror(errno);
+        return false;
+    }
     struct stat st {};
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 0 &&
-              static_cast<uint64_t>(st.st_size) <= kMaxFileBytes;
-    if (ok) {
+    if (::fstat(fd, &st) != 0)
+        reason = std::strerror(errno);
+    else if (!S_ISREG(st.st_mode))
+        reason = kindOfNonFile(st.st_mode);
+    else if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > maxBytes)
+        reason = sizeText(static_cast<uint64_t>(st.st_size), maxBytes);
+    if (reason.empty()) {
         out.resize(static_cast<std::size_t>(st.st_size));
         std::size_t done = 0;
         while (done < out.size()) {
             ssize_t n = ::read(fd, out.data() + done, out.size() - done);
             if (n < 0 && errno == EINTR) continue;
+            if (n < 0) reason = std::strerror(errno);
             if (n <= 0) break;
             done += static_cast<std::size_t>(n);
         }
         // A file that shrank under us is as good as truncated.
-        if (done != out.size()) ok = false;
+        if (reason.empty() && done != out.size()) reason = "shorter than its size while read";
     }
     ::close(fd);
-    if (!ok) out.clear();
-    return ok;
+    if (!reason.empty()) out.clear();
+    if (why != nullptr) *why = reason;
+    return reason.empty();
 }
 
 bool ByteReader::readBytes(void* dst, std::size_t n) {

@@ -17,9 +17,13 @@ constexpr std::size_t kMaxFileBytes = std::size_t{1} << 30;
 // True when count items of unitBytes each fit in `available` bytes (negative values never fit).
 bool countFits(int64_t count, int64_t unitBytes, std::size_t available);
 
-// Reads the whole regular file at path into out. False when it cannot be opened, is not a regular
-// file (a pipe or a device would block or never end), exceeds kMaxFileBytes or reads short.
-bool readWholeFile(const char* path, std::vector<unsigned char>& out);
+// Reads the whole regular file at path into out. It is opened without blocking and its kind and
+// size are checked before a byte is read. False when it cannot be opened, is not a regular file (a
+// pipe or a device would block or never end), holds more than maxBytes or reads short; why (when
+// given) then says which in a few words ("is a FIFO", "Permission denied", "3000000000 bytes,
+// more than 1 GiB"), for a message that names the file first.
+bool readWholeFile(const char* path, std::vector<unsigned char>& out, std::string* why = nullptr,
+                   std::size_t maxBytes = kMaxFileBytes);
 
 // Reads the file as readWholeFile does and hands its bytes to parse(data, size); 0 when the file
 // cannot be read, else what parse returns. Every container's Read(path) is this over its

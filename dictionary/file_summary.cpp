@@ -185,8 +185,9 @@ const char* expectedForm(Kind kind) {
 // True with the description in out, false with the reason in out.
 bool describe(const std::string& path, std::string& out) {
     std::vector<unsigned char> bytes;
-    if (!readWholeFile(path.c_str(), bytes)) {
-        out = path + ": cannot be read (missing, not a regular file, or larger than 1 GiB)";
+    std::string why;
+    if (!readWholeFile(path.c_str(), bytes, &why)) {
+        out = path + ": cannot be read (" + why + ")";
         return false;
     }
     const Kind kind = kindOf(path, bytes);

@@ -11,8 +11,4 @@ void* allocateBlock(std::size_t bytes, std::size_t align) {
     return p;
 }
 
-void reportNoMemory() {
-    std::fprintf(stderr, "\n%s\n", "cannot malloc.");
-}
-
 }  // namespace msm

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "numeric/diagnostics.h"
+
 namespace msm {
 
 // Memory from malloc (align 0) or posix_memalign; both are released by std::free.
@@ -49,9 +51,6 @@ void freeRows(T**& rows) {
     std::free(rows);
     rows = nullptr;
 }
-
-// Prints the library's out-of-memory line.
-void reportNoMemory();
 
 }  // namespace msm
 

@@ -13,6 +13,8 @@
 
 #include <msmface/FileSummary.h>
 
+#include "dictionary/byte_reader.h"
+#include "dictionary/dictionary_check.h"
 #include "dictionary/registry.h"
 #include "dictionary/store_files.h"
 #include "dictionary/store_lock.h"
@@ -34,23 +36,23 @@ std::string unreadable(const std::string& path) {
     return reason;
 }
 
+// Far above the grey face picture an enrolment writes.
+constexpr std::size_t kMaxPictureBytes = std::size_t{64} << 20;
+
 // A person's picture: only its header and size are checked, which is what a truncated write
 // damages.
 std::string unreadablePicture(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0)
-        return path + ": cannot be read (" + std::strerror(errno) + ")";
-    unsigned char head[6] = {};
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return path + ": cannot be read (" + std::strerror(errno) + ")";
-    const std::size_t n = std::fread(head, 1, sizeof head, f);
-    std::fclose(f);
+    // Through the bounded reader: a FIFO or a device in a picture's place must not hang the check.
+    std::vector<unsigned char> bytes;
+    std::string why;
+    if (!msm::readWholeFile(path.c_str(), bytes, &why, kMaxPictureBytes))
+        return path + ": cannot be read (" + why + ")";
+    const unsigned char* head = bytes.data();
     const unsigned long declared =
-        n == sizeof head
+        bytes.size() >= 6
             ? (head[2] | head[3] << 8 | head[4] << 16 | static_cast<unsigned long>(head[5]) << 24)
             : 0;
-    if (n != sizeof head || head[0] != 'B' || head[1] != 'M' ||
-        declared != static_cast<unsigned long>(st.st_size))
+    if (bytes.size() < 6 || head[0] != 'B' || head[1] != 'M' || declared != bytes.size())
         return path + ": expected a BMP picture of the size its header declares";
     return {};
 }
@@ -64,6 +66,15 @@ std::string parentOf(const std::string& path) {
     const std::size_t slash = path.find_last_of('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The path without ".dck" when it names a person's dictionary, else empty.
+std::string personStemOfDictionary(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    const std::string stem = msm::personStemOf(name);
+    if (stem.empty() || msm::isConstraintStem(stem) || name != stem + ".dck") return {};
+    return path.substr(0, path.size() - 4);
 }
 
 void add(StoreReport& r, StoreProblemKind kind, const std::string& path, const std::string& what) {
@@ -109,10 +120,10 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
                         "constraint\" again");
                 continue;
             }
-            for (const char* ext : {".dck", ".dckev"}) {
-                const std::string why = unreadable(stem + ext);
-                if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ext, why);
-            }
+            std::string why = msm::checkDictionaryFile(stem + ".dck", msm::constraintBasisShape());
+            if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ".dck", why);
+            why = msm::checkDictionaryFile(stem + ".dckev", msm::constraintValuesShape());
+            if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ".dckev", why);
         }
     }
 }
@@ -155,7 +166,10 @@ StoreReport checkLocked(const std::string& dir) {
                         ") is listed without it");
                 continue;
             }
-            const std::string why = unreadable(path);
+            // A dictionary is held to what the gallery checks when it loads the person.
+            const std::string why = ext == std::string(".dck")
+                                        ? msm::checkDictionaryFile(path, msm::personDictionaryShape())
+                                        : unreadable(path);
             if (!why.empty()) add(r, StoreProblemKind::UnreadableFile, path, why);
         }
         if (exists(stem + ".bmp")) {
@@ -209,8 +223,18 @@ Result<StoreReport> repairStore(const std::string& dir, const LockOptions& optio
         repaired.push_back("removed " + dir + "/" + name);
     const StoreReport now = checkLocked(dir);
     const std::string lost = dir + "/" + kLostAndFoundName;
+    std::vector<StoreProblem> toMove;
     for (const StoreProblem& p : now.problems) {
-        if (p.kind != StoreProblemKind::Orphan) continue;
+        if (p.kind == StoreProblemKind::Orphan) toMove.push_back(p);
+        // A listed person whose dictionary does not load keeps its entry (the only record of the
+        // ID number, as for missing files) but its files go aside, where nothing loads them.
+        if (p.kind == StoreProblemKind::UnreadableFile && personStemOfDictionary(p.path) != "")
+            for (const char* ext : {".dck", ".mck", ".bmp", ".dckev"}) {
+                const std::string file = personStemOfDictionary(p.path) + ext;
+                if (exists(file)) toMove.push_back(StoreProblem{p.kind, file, p.message, false});
+            }
+    }
+    for (const StoreProblem& p : toMove) {
         if (::mkdir(lost.c_str(), 0755) != 0 && errno != EEXIST)
             return Status::failure(ErrorKind::File,
                                    lost + ": cannot be created (" + std::strerror(errno) + ")");

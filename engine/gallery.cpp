@@ -15,11 +15,12 @@
 #include <msmface/FileSummary.h>
 
 #include "dictionary/atomic_file.h"
+#include "dictionary/dictionary_check.h"
 #include "dictionary/registry.h"
 #include "dictionary/threshold_file.h"
 #include "engine/frame_input.h"
 #include "engine/gallery_impl.h"
-#include "engine/quiet_stderr.h"
+#include "numeric/diagnostics.h"
 #include "recognition/constraint_list.h"
 
 namespace msmface {
@@ -72,12 +73,14 @@ std::string loadPersons(FaceRecognition& engine, const std::string& dir,
     table.clear();
     db.SetDicPath(dir.c_str());
     if (db.InitIdDictionary(static_cast<int>(persons.size())) != 1)
-        return dir + ": more persons than the engine holds (2000)";
+        return dir + ": more persons than the engine holds (" + std::to_string(kMaxLoadedPersons) +
+               ")";
     for (const Person& p : persons) db.PushIdDictionary(table.add(p));
     if (persons.empty()) return {};
     int read = 0;
     {
-        QuietStandardError quiet;
+        // Our own message names the file; the engine's words would only repeat it.
+        msm::DiagnosticCapture quiet;
         read = db.ReadIdDictionaries();
     }
     if (read == 1) return {};
@@ -90,17 +93,46 @@ std::string loadPersons(FaceRecognition& engine, const std::string& dir,
     return dir + ": the persons' dictionaries do not load";
 }
 
-std::string readListed(const std::string& dir, std::vector<Person>& persons,
-                       std::vector<Person>& orphans, int& threshold) {
-    std::vector<Person> listed;
-    std::string error = loadRegistry(dir, listed);
+std::string readListed(const std::string& dir, Listing& out) {
+    Listing l;
+    std::string error = loadRegistry(dir, l.listed);
     if (!error.empty()) return error;
-    error = loadThreshold(dir, kDefaultIdentifyThreshold, threshold);
+    error = loadThreshold(dir, kDefaultIdentifyThreshold, l.threshold);
     if (!error.empty()) return error;
-    persons.clear();
-    orphans.clear();
-    for (const Person& p : listed)
-        (exists(dir + "/" + p.name + ".dck") ? persons : orphans).push_back(p);
+    // One person's bad file must not take the others down: it is left out, and said why.
+    for (const Person& p : l.listed) {
+        const std::string who = "person " + std::to_string(p.id) + " (" + p.name + ")";
+        const std::string dck = dir + "/" + p.name + ".dck";
+        if (!exists(dck)) {
+            l.orphans.push_back(p);
+            l.leftOut.push_back({p, dir + ": " + who + " has no dictionary file; ignored"});
+            continue;
+        }
+        if (l.persons.size() >= static_cast<std::size_t>(kMaxLoadedPersons)) {
+            l.leftOut.push_back({p, dir + ": " + who + " is beyond the " +
+                                        std::to_string(kMaxLoadedPersons) +
+                                        " persons an engine holds; ignored"});
+            continue;
+        }
+        const std::string problem = msm::checkDictionaryFile(dck, msm::personDictionaryShape());
+        if (!problem.empty()) {
+            l.leftOut.push_back({p, problem + "; " + who + " ignored"});
+            continue;
+        }
+        l.persons.push_back(p);
+    }
+    out = std::move(l);
+    return {};
+}
+
+Status checkDirectoryPresent(const std::string& dir) {
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0)
+        return fail(ErrorKind::NotFound, dir + ": the dictionary directory is gone (" +
+                                             std::strerror(errno) + ")");
+    if (!S_ISDIR(st.st_mode))
+        return fail(ErrorKind::NotFound,
+                    dir + ": the dictionary directory is gone (a file is in its place)");
     return {};
 }
 
@@ -109,16 +141,18 @@ std::string refreshFromDisk(GalleryState& state) {
     // that was missed.
     const msm::DirectoryStamp stamp = msm::stampOf(state.dir);
     if (stamp == state.stamp) return {};
-    std::vector<Person> persons, orphans;
-    int threshold = kDefaultIdentifyThreshold;
-    const std::string error = readListed(state.dir, persons, orphans, threshold);
+    Listing listing;
+    const std::string error = readListed(state.dir, listing);
     if (!error.empty()) return error;
     // Which persons another process replaced cannot be told from the registry: all are new.
     state.serials.clear();
-    for (std::size_t i = 0; i < persons.size(); ++i) state.serials.push_back(state.newSerial());
-    state.persons = std::move(persons);
-    state.orphans = std::move(orphans);
-    state.threshold = threshold;
+    for (std::size_t i = 0; i < listing.persons.size(); ++i)
+        state.serials.push_back(state.newSerial());
+    state.persons = std::move(listing.persons);
+    state.orphans = std::move(listing.orphans);
+    state.leftOut = std::move(listing.leftOut);
+    state.listed = std::move(listing.listed);
+    state.threshold = listing.threshold;
     // The other process may have rebuilt the space as well.
     ++state.constraintRevision;
     state.stamp = stamp;
@@ -140,13 +174,38 @@ bool hasConstraintList(const std::string& dir) {
     return exists(constraintListPath(dir));
 }
 
+// Empty, or the first file of the list's spaces that does not hold a valid basis or eigenvalues. A
+// list that does not read is left to the engine, which says so.
+std::string checkConstraintFiles(const std::string& list) {
+    msm::ConstraintList parsed;
+    {
+        msm::DiagnosticCapture quiet;
+        if (msm::readConstraintList(list.c_str(), parsed) != msm::ListRead::Accepted) return {};
+    }
+    for (const msm::ConstraintListEntry& e : parsed.entries) {
+        if (e.kind != msm::kKindFile && e.kind != msm::kKindLearned) continue;
+        std::string problem =
+            msm::checkDictionaryFile(e.stem + ".dck", msm::constraintBasisShape());
+        if (problem.empty())
+            problem = msm::checkDictionaryFile(e.stem + ".dckev", msm::constraintValuesShape());
+        if (problem.empty() && e.kind == msm::kKindLearned && e.stem2 != e.stem)
+            problem = msm::checkDictionaryFile(e.stem2 + ".dck", msm::constraintBasisShape());
+        if (!problem.empty()) return problem;
+    }
+    return {};
+}
+
 std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir) {
     const std::string list = constraintListPath(dir);
     if (!hasConstraintList(dir))
         return dir + ": no constraint space yet (run \"msmface constraint " + dir + "\")";
+    const std::string invalid = checkConstraintFiles(list);
+    if (!invalid.empty())
+        return list + ": the constraint space does not load (" + invalid +
+               "); run \"msmface constraint\" again";
     int status = 0;
     {
-        QuietStandardError quiet;
+        msm::DiagnosticCapture quiet;
         status = engine.InitConstraintMSM(list.c_str());
     }
     if (status <= 0)
@@ -189,8 +248,10 @@ Ranking rankingOf(const std::vector<Person>& persons, const std::vector<int>& sc
         if (scores[i] >= 0) order.push_back(i);
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t a, std::size_t b) { return scores[a] > scores[b]; });
+    // The dictionaries are checked when they load; this only keeps a score the engine computed
+    // past its scale from reaching a host that trusts the documented range.
     for (std::size_t i : order)
-        r.matches.push_back(Match{persons[i].id, persons[i].name, scores[i]});
+        r.matches.push_back(Match{persons[i].id, persons[i].name, std::min(scores[i], 1000)});
     if (!r.matches.empty() && r.matches.front().score > threshold) r.identified = r.matches.front();
     return r;
 }
@@ -219,24 +280,27 @@ Status Gallery::Impl::load(bool keepSerials) {
     // A stream that already brought the shared list up to these files gave their persons the
     // serials it loaded them under.
     keepSerials = keepSerials || stamp == state->stamp;
-    int threshold = kDefaultIdentifyThreshold;
-    std::vector<Person> persons, orphans;
-    std::string error = detail::readListed(dir(), persons, orphans, threshold);
+    Status present = detail::checkDirectoryPresent(dir());
+    if (!present.ok()) return present;
+    detail::Listing listing;
+    std::string error = detail::readListed(dir(), listing);
     if (!error.empty()) return fail(ErrorKind::File, error);
-    error = detail::loadPersons(*engine, dir(), persons, table);
+    error = detail::loadPersons(*engine, dir(), listing.persons, table);
     if (!error.empty()) return fail(ErrorKind::File, error);
     std::vector<uint64_t> serials;
-    for (const Person& p : persons) {
+    for (const Person& p : listing.persons) {
         uint64_t serial = 0;
         for (std::size_t i = 0; keepSerials && i < state->persons.size(); ++i)
             if (state->persons[i].id == p.id && state->persons[i].name == p.name)
                 serial = state->serials[i];
         serials.push_back(serial != 0 ? serial : state->newSerial());
     }
-    state->persons = std::move(persons);
+    state->persons = std::move(listing.persons);
     state->serials = std::move(serials);
-    state->orphans = std::move(orphans);
-    state->threshold = threshold;
+    state->orphans = std::move(listing.orphans);
+    state->leftOut = std::move(listing.leftOut);
+    state->listed = std::move(listing.listed);
+    state->threshold = listing.threshold;
     state->stamp = stamp;
     loadedPersons = state->persons;
     loadedStamp = stamp;
@@ -374,8 +438,15 @@ std::vector<Person> Gallery::orphans() const {
     return impl_->state->orphans;
 }
 
+std::vector<LeftOut> Gallery::leftOut() const {
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    return impl_->state->leftOut;
+}
+
 Status Gallery::refresh() {
     Impl& g = *impl_;
+    Status present = detail::checkDirectoryPresent(g.dir());
+    if (!present.ok()) return present;
     if (msm::stampOf(g.dir()) == g.loadedStamp) return {};
     msm::DirectoryLock lock;
     Status status = detail::lockDirectory(g.dir(), msm::LockMode::Shared, g.lockOptions, lock);
@@ -416,10 +487,23 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
             return fail(ErrorKind::Argument,
                         "--name " + name + ": the key name is taken by ID " + std::to_string(p.id));
     }
-    for (const Person& p : g.state->orphans)
-        if (p.id == id || p.name == name)
-            return fail(ErrorKind::Argument, "--id/--name: " + std::to_string(p.id) + " " + p.name +
-                                                 " is listed without its files; delete it first");
+    for (const LeftOut& left : g.state->leftOut) {
+        const Person& p = left.person;
+        if (p.id != id && p.name != name) continue;
+        const bool orphan = std::any_of(g.state->orphans.begin(), g.state->orphans.end(),
+                                        [&](const Person& o) { return o.id == p.id; });
+        return fail(ErrorKind::Argument, "--id/--name: " + std::to_string(p.id) + " " + p.name +
+                                             (orphan ? " is listed without its files"
+                                                     : " is listed with files that do not load") +
+                                             "; delete it first");
+    }
+    // Every host of the directory loads every listed person: one more than an engine holds would
+    // make the directory unusable to them.
+    if (g.state->listed.size() >= static_cast<std::size_t>(kMaxLoadedPersons))
+        return fail(ErrorKind::Argument,
+                    g.dir() + ": already lists " + std::to_string(g.state->listed.size()) +
+                        " persons, as many as an engine holds (" +
+                        std::to_string(kMaxLoadedPersons) + "); delete one first");
     status = g.checkWritable();
     if (!status.ok()) return status;
 
@@ -459,8 +543,7 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         return fail(ErrorKind::Argument, "the registration of \"" + name +
                                              "\" failed: its faces span too few directions");
     }
-    std::vector<Person> next = g.state->persons;
-    for (const Person& p : g.state->orphans) next.push_back(p);
+    std::vector<Person> next = g.state->listed;
     next.push_back(Person{id, name});
     const std::string error = detail::saveRegistry(g.dir(), next);
     if (!error.empty()) {
@@ -470,6 +553,7 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     }
     g.finishWrite();
     g.state->persons.push_back(Person{id, name});
+    g.state->listed.push_back(Person{id, name});
     g.state->serials.push_back(g.state->newSerial());
     g.loadedPersons.push_back(Person{id, name});
     e.idDatabase->AddNewDictionary(g.table.add(Person{id, name}));
@@ -490,9 +574,10 @@ Status Gallery::remove(int id) {
     Status status = g.beginWrite(directoryLock);
     if (!status.ok()) return status;
     const int index = g.findPerson(id);
+    // A person left out (no files, files that do not load) is removed all the same.
     int orphan = -1;
-    for (std::size_t i = 0; i < g.state->orphans.size(); ++i)
-        if (g.state->orphans[i].id == id) orphan = static_cast<int>(i);
+    for (std::size_t i = 0; i < g.state->leftOut.size(); ++i)
+        if (g.state->leftOut[i].person.id == id) orphan = static_cast<int>(i);
     if (index < 0 && orphan < 0)
         return fail(ErrorKind::NotFound,
                     "--id " + std::to_string(id) + ": no person with this ID number in " + g.dir());
@@ -500,17 +585,16 @@ Status Gallery::remove(int id) {
     if (!status.ok()) return status;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
-    const std::string name = index >= 0 ? g.state->persons[static_cast<std::size_t>(index)].name
-                                        : g.state->orphans[static_cast<std::size_t>(orphan)].name;
+    const std::string name =
+        index >= 0 ? g.state->persons[static_cast<std::size_t>(index)].name
+                   : g.state->leftOut[static_cast<std::size_t>(orphan)].person.name;
     std::vector<Person> next;
-    for (const Person& p : g.state->persons)
-        if (p.id != id) next.push_back(p);
-    for (const Person& p : g.state->orphans)
+    for (const Person& p : g.state->listed)
         if (p.id != id) next.push_back(p);
     const std::string error = detail::saveRegistry(g.dir(), next);
     if (!error.empty()) return fail(ErrorKind::File, error);
     if (index >= 0) {
-        detail::QuietStandardError quiet;
+        msm::DiagnosticCapture quiet;
         g.engine->Deletion(index, true);
     }
     g.removePersonFiles(name);
@@ -530,6 +614,11 @@ Status Gallery::remove(int id) {
         orphans.erase(std::remove_if(orphans.begin(), orphans.end(),
                                      [id](const Person& p) { return p.id == id; }),
                       orphans.end());
+        auto& leftOut = g.state->leftOut;
+        leftOut.erase(std::remove_if(leftOut.begin(), leftOut.end(),
+                                     [id](const LeftOut& p) { return p.person.id == id; }),
+                      leftOut.end());
+        g.state->listed = std::move(next);
     }
     g.finishWrite();
     g.state->generation.fetch_add(1);
@@ -543,7 +632,7 @@ std::string currentConstraintStem(const std::string& dir) {
     msm::ConstraintList list;
     const std::string path = detail::constraintListPath(dir);
     if (!exists(path)) return {};
-    detail::QuietStandardError quiet;
+    msm::DiagnosticCapture quiet;
     if (msm::readConstraintList(path.c_str(), list) != msm::ListRead::Accepted ||
         list.entries.empty())
         return {};
@@ -610,7 +699,7 @@ Status Gallery::rebuildConstraint(int dimension) {
     {
         // Before the first generation the space's files do not exist yet: the load fails, but
         // the list is known and the generation writes the files.
-        detail::QuietStandardError quiet;
+        msm::DiagnosticCapture quiet;
         e.InitConstraintMSM(temp.c_str());
         generated = e.UpdateCMSMDictionary(0);
     }
@@ -659,7 +748,14 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     status = refresh();
     if (!status.ok()) return status;
     const int n = static_cast<int>(g.loadedPersons.size());
-    if (n == 0) return fail(ErrorKind::NotFound, g.dir() + ": no persons are enrolled");
+    if (n == 0) {
+        const std::vector<LeftOut> left = leftOut();
+        if (left.empty()) return fail(ErrorKind::NotFound, g.dir() + ": no persons are enrolled");
+        return fail(ErrorKind::NotFound, g.dir() + ": none of the " +
+                                             std::to_string(left.size()) +
+                                             " listed persons can be recognised (" +
+                                             left.front().reason + ")");
+    }
     const int method = detail::engineMethod(options.method);
     if ((options.method == Method::CmsmFirstSpace || options.method == Method::Cmsm) &&
         !g.constraintLoaded) {

@@ -38,6 +38,8 @@ struct GalleryState {
     // that a stream reloads only the persons who are new to it.
     std::vector<uint64_t> serials;
     std::vector<Person> orphans;  // listed without a dictionary file
+    std::vector<LeftOut> leftOut;  // every listed person not in persons, orphans included
+    std::vector<Person> listed;    // the registry as read, in its order
     int threshold = kDefaultIdentifyThreshold;
     uint64_t constraintRevision = 0;  // raised when the constraint space was rebuilt
     uint64_t nextSerial = 1;
@@ -49,11 +51,23 @@ struct GalleryState {
     uint64_t newSerial() { return nextSerial++; }
 };
 
-// The registry's persons split into those with a dictionary file and the others, and the stored
-// threshold. requires: the caller holds the directory's lock (shared or exclusive) or accepts a
-// view that a writer may change meanwhile.
-std::string readListed(const std::string& dir, std::vector<Person>& persons,
-                       std::vector<Person>& orphans, int& threshold);
+// The registry and the stored threshold, with the listed persons split into those an engine can
+// load and the others.
+struct Listing {
+    std::vector<Person> listed;  // registry order
+    std::vector<Person> persons;  // a valid dictionary each, at most kMaxLoadedPersons
+    std::vector<Person> orphans;  // without a dictionary file
+    std::vector<LeftOut> leftOut;  // every listed person not in persons, with the reason
+    int threshold = kDefaultIdentifyThreshold;
+};
+
+// Reads the registry and the threshold and checks every listed person's dictionary. requires: the
+// caller holds the directory's lock (shared or exclusive) or accepts a view that a writer may
+// change meanwhile.
+std::string readListed(const std::string& dir, Listing& out);
+
+// NotFound, naming the directory, when it is no longer there.
+Status checkDirectoryPresent(const std::string& dir);
 
 // Brings the shared list up to the directory when another process changed it since the list was
 // read: persons keep their serial only where the list already matched the directory, so a stream

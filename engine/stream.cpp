@@ -4,7 +4,7 @@
 
 #include "engine/frame_input.h"
 #include "engine/gallery_impl.h"
-#include "engine/quiet_stderr.h"
+#include "numeric/diagnostics.h"
 
 namespace msmface {
 
@@ -72,6 +72,9 @@ class Stream::Impl {
 };
 
 Status Stream::Impl::reloadIfChanged() {
+    // Recognising on against persons whose directory was deleted would hide that from the host.
+    Status present = detail::checkDirectoryPresent(state->dir);
+    if (!present.ok()) return present;
     if (loaded && !galleryChanged()) return {};
     msm::DirectoryLock directoryLock;
     // A stream must not stall its camera behind another process's enrolment: it asks without
@@ -168,7 +171,7 @@ std::string Stream::Impl::updatePersons(const std::vector<Person>& next,
     serials = nextSerials;
     int read = 1;
     if (keptCount < next.size()) {
-        detail::QuietStandardError quiet;
+        msm::DiagnosticCapture quiet;
         read = db.ReadIdDictionaries();
     }
     return read == 1 ? std::string() : state->dir + ": the persons' dictionaries do not load";

@@ -6,13 +6,11 @@
 
 #include <msmface/numeric.h>
 
+#include "numeric/diagnostics.h"
+
 namespace {
 
 constexpr std::size_t kShortAlignment = 32;
-
-void reportNoMemory() {
-    std::fprintf(stderr, "\n%s\n", "cannot malloc.");
-}
 
 // Counts arrive as int from the interface and as int + 1 for pointer arrays; both are taken as
 // size_t so that rows == INT_MAX cannot overflow, and a byte count that does not fit is a failure
@@ -63,7 +61,7 @@ void releaseRows(T** a, void (*release)(void*)) {
 
 template <typename R>
 R reportIfNull(R r) {
-    if (r == nullptr) reportNoMemory();
+    if (r == nullptr) msm::reportNoMemory();
     return r;
 }
 

@@ -6,6 +6,8 @@
 
 #include <msmface/numeric.h>
 
+#include "numeric/diagnostics.h"
+
 float lu(int n, float** a, int* ip) {
     if (n < 1) return 1.0f;  // the empty product
     float* weight = new_vector(n);
@@ -63,7 +65,7 @@ float matinv(int n, float** a, float** a_inv) {
     if (n < 1) return 1.0f;  // nothing to invert; the determinant of an empty matrix
     int* ip = static_cast<int*>(std::malloc(static_cast<std::size_t>(n) * sizeof(int)));
     if (ip == nullptr) {
-        std::fprintf(stderr, "\n%s\n", "cannot malloc");
+        msm::diagnose("\n%s\n", "cannot malloc");
         // Nothing can be computed without the permutation; a_inv is left as a singular matrix
         // leaves it.
         return 0.0f;

@@ -8,6 +8,7 @@
 
 #include "numeric/eigen_kernels.h"
 #include "numeric/eigen_steps.h"
+#include "numeric/diagnostics.h"
 
 namespace {
 
@@ -79,7 +80,7 @@ SweepOutcome sweepTridiagonal(int n, T* d, T* e, T** z, const char* negativeRowM
             while (lo >= 0 && coupled(d, e, lo)) --lo;
             if (lo < 0) {
                 out.negativeRow = true;
-                if (negativeRowMessage != nullptr) std::fputs(negativeRowMessage, stderr);
+                if (negativeRowMessage != nullptr) msm::diagnose("%s", negativeRowMessage);
                 lo = 0;
             }
             // Shift: the eigenvalue of the trailing 2 x 2 block nearer to d[h].
@@ -131,8 +132,8 @@ int eigen(int n, float** a, float* d, float* e) {
     int status = out.status;
     if (status == kConverged && out.negativeRow) status = kSweepLimitReached;
     sortFirstMaximumWins(n, d, a);
-    if (status == kSweepLimitReached) std::fputs("J < 0 ERROR :eigen", stderr);
-    if (status == kNegativeRoot) std::fputs("Sqrt  ERROR :eigen", stderr);
+    if (status == kSweepLimitReached) msm::diagnose("J < 0 ERROR :eigen");
+    if (status == kNegativeRoot) msm::diagnose("Sqrt  ERROR :eigen");
     return status;
 }
 

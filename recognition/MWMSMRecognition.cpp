@@ -10,6 +10,7 @@
 #include "dictionary/MtrxChunk.h"
 #include "dictionary/rows.h"
 #include "recognition/dictionary_prefetch.h"
+#include "numeric/diagnostics.h"
 
 namespace {
 
@@ -193,14 +194,14 @@ int MWMSMRecognition::LoadConstraintSpaces() {
 int MWMSMRecognition::InitConstraintMSM(const char* path) {
     int result = ReadConstraintList(path) == 1 ? LoadConstraintSpaces() : 0;
     if (result > 0) return result;
-    std::fprintf(stderr, "Initialize C failed");
+    msm::diagnose("Initialize C failed");
     return result;
 }
 
 int MWMSMRecognition::ReloadMultiConstraintSpace(const char* path) {
     ReleaseConstraintSpaces();
     int result = ReadConstraintList(path) == 1 ? LoadConstraintSpaces() : 0;
-    if (result <= 0) std::fprintf(stderr, "ReloadMultiCS C failed");
+    if (result <= 0) msm::diagnose("ReloadMultiCS C failed");
     return result;
 }
 

@@ -5,25 +5,32 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <vector>
+
+#include "dictionary/byte_reader.h"
+#include "numeric/diagnostics.h"
 
 namespace msm {
 
 namespace {
 
-// Whitespace-separated tokens from a stream, each at most kMaxListToken characters.
+// A hundred entries of two names each at most kMaxListToken long, with room to spare.
+constexpr std::size_t kMaxListBytes = std::size_t{1} << 20;
+
+// Whitespace-separated tokens from the list's bytes, each at most kMaxListToken characters.
 class TokenReader {
   public:
-    explicit TokenReader(std::FILE* f) : f_(f) {}
+    explicit TokenReader(const std::vector<unsigned char>& bytes) : bytes_(bytes) {}
 
     // False at the end of the file or for an over-long token.
     bool next(std::string& token) {
         token.clear();
-        int ch = std::fgetc(f_);
-        while (ch != EOF && std::isspace(ch)) ch = std::fgetc(f_);
+        int ch = get();
+        while (ch != EOF && std::isspace(ch)) ch = get();
         while (ch != EOF && !std::isspace(ch)) {
             if (token.size() == kMaxListToken) return false;
             token.push_back(static_cast<char>(ch));
-            ch = std::fgetc(f_);
+            ch = get();
         }
         return !token.empty();
     }
@@ -43,7 +50,10 @@ class TokenReader {
     }
 
   private:
-    std::FILE* f_;
+    int get() { return pos_ < bytes_.size() ? bytes_[pos_++] : EOF; }
+
+    const std::vector<unsigned char>& bytes_;
+    std::size_t pos_ = 0;
 };
 
 // Reads one entry; false ends the reading (the entry keeps kind 0).
@@ -70,12 +80,14 @@ bool readEntry(TokenReader& in, ConstraintListEntry& entry) {
 
 ListRead readConstraintList(const char* path, ConstraintList& out) {
     out = ConstraintList{};
-    std::FILE* f = path != nullptr ? std::fopen(path, "r") : nullptr;
-    if (f == nullptr) {
-        std::fprintf(stderr, "Can't file open %s\n", path != nullptr ? path : "");
+    // Read whole, without blocking: a FIFO or a device put in the list's place is refused instead of
+    // holding the caller (and the directory's lock) forever.
+    std::vector<unsigned char> bytes;
+    if (!readWholeFile(path, bytes, nullptr, kMaxListBytes)) {
+        diagnose("Can't file open %s\n", path != nullptr ? path : "");
         return ListRead::CannotOpen;
     }
-    TokenReader in(f);
+    TokenReader in(bytes);
     int32_t declared = 0;
     ListRead result = ListRead::Refused;
     if (!in.nextInt(declared)) {
@@ -99,7 +111,6 @@ ListRead readConstraintList(const char* path, ConstraintList& out) {
         }
         result = allKinds && learned <= 1 ? ListRead::Accepted : ListRead::Refused;
     }
-    std::fclose(f);
     return result;
 }
 

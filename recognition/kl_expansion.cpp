@@ -6,6 +6,7 @@
 
 #include "dictionary/rows.h"
 #include "numeric/eigen_steps.h"
+#include "numeric/diagnostics.h"
 
 namespace msm {
 
@@ -16,7 +17,7 @@ constexpr double kRetryScale = 10.0;
 constexpr double kEigenvalueFloor = 1e-7;
 
 int fail(const float* spectrum) {
-    std::fprintf(stderr, spectrum == nullptr ? "KL expansion error(2)." : "KL Expansion error(3).");
+    diagnose(spectrum == nullptr ? "KL expansion error(2)." : "KL Expansion error(3).");
     return 1;
 }
 

@@ -5,6 +5,7 @@
 #include <msmface/export.h>
 #include <msmface/version.h>
 #include <msmface/numeric.h>
+#include <msmface/diagnostics.h>
 #include <msmface/BasicImage.h>
 #include <msmface/IDDatabase.h>
 #include <msmface/PartsPosition.h>

@@ -88,11 +88,9 @@ std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames) {
     return {};
 }
 
-void warnAboutOrphans(const msmface::Gallery& g) {
-    for (const msmface::Person& p : g.orphans())
-        std::fprintf(stderr,
-                     "msmface: warning: %s: person %d (%s) has no dictionary file; ignored\n",
-                     g.directory().c_str(), p.id, p.name.c_str());
+void warnAboutLeftOut(const msmface::Gallery& g) {
+    for (const msmface::LeftOut& left : g.leftOut())
+        std::fprintf(stderr, "msmface: warning: %s\n", left.reason.c_str());
 }
 
 }  // namespace
@@ -106,7 +104,7 @@ msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool creat
         std::fprintf(stderr, "msmface: %s\n", m.c_str());
     };
     msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, options);
-    if (g.ok()) warnAboutOrphans(g.value());
+    if (g.ok()) warnAboutLeftOut(g.value());
     return g;
 }
 

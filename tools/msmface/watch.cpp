@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include <msmface/gallery.h>
@@ -91,10 +92,14 @@ int runWatch(const WatchOptions& o) {
     if (!error.empty()) return fail(error);
     msmface::Result<msmface::Gallery> gallery = msmface::Gallery::open(o.dir);
     if (!gallery) return fail(gallery.message());
-    for (const msmface::Person& p : gallery->orphans())
-        std::fprintf(stderr,
-                     "msmface: warning: %s: person %d (%s) has no dictionary file; ignored\n",
-                     o.dir.c_str(), p.id, p.name.c_str());
+    // Persons left out are said once each, also those whose files go bad while the video runs.
+    std::set<std::string> warned;
+    auto warnAboutLeftOut = [&] {
+        for (const msmface::LeftOut& left : gallery->leftOut())
+            if (warned.insert(left.reason).second)
+                std::fprintf(stderr, "msmface: warning: %s\n", left.reason.c_str());
+    };
+    warnAboutLeftOut();
     if (gallery->persons().empty())
         return fail(o.dir + ": no person enrolled; expected one or more");
     std::unique_ptr<FaceFinder> finder;
@@ -128,6 +133,7 @@ int runWatch(const WatchOptions& o) {
     while (!interrupted && source->next(frame)) {
         msmface::Result<msmface::StreamState> state = stream->push(viewOf(frame));
         if (!state) return fail(state.message());
+        warnAboutLeftOut();
         FoundFace face;
         const bool hasFace = finder->lastFace(face) && state->face;
         faces += hasFace ? 1 : 0;

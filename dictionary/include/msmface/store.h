@@ -62,10 +62,11 @@ struct LockOptions {
 // Reports what in dir does not agree. Fails only when dir is not a readable directory.
 MSMFACE_API Result<StoreReport> checkStore(const std::string& dir);
 
-// Under the writer lock: removes the temporaries and moves the orphans into dir/lost+found, then
+// Under the writer lock: removes the temporaries and moves the orphans into dir/lost+found, and
+// with them the files of a listed person whose dictionary does not read or is not valid, then
 // checks again. The report lists what was repaired and the problems that remain (a listed
-// person whose files are missing stays listed: its entry is the only record of the ID number,
-// and "msmface delete" removes it when the user decides to).
+// person whose files are missing or were moved stays listed: its entry is the only record of the
+// ID number, and "msmface delete" removes it when the user decides to).
 MSMFACE_API Result<StoreReport> repairStore(const std::string& dir, const LockOptions& lock = {});
 
 }  // namespace msmface

@@ -41,6 +41,9 @@ inline constexpr const char* kRegistryFileName = "persons.txt";
 inline constexpr const char* kThresholdFileName = "threshold.txt";
 inline constexpr const char* kConstraintListFileName = "constraint.list";
 inline constexpr int kDefaultIdentifyThreshold = 850;
+// The persons an engine holds: a directory lists at most this many (enrol refuses more), and of a
+// registry that lists more the first ones are loaded.
+inline constexpr int kMaxLoadedPersons = 2000;
 
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
 // point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
@@ -53,6 +56,13 @@ struct Sample {
 struct Person {
     int id = 0;        // the host's ID number, 1 or more
     std::string name;  // key name: the base name of the person's files
+};
+
+// A listed person the gallery does not recognise, and why: the dictionary file is missing, does
+// not read, does not hold a valid dictionary, or the person is beyond what an engine holds.
+struct LeftOut {
+    Person person;
+    std::string reason;  // one line naming the file (or the limit) and what is wrong
 };
 
 struct Match {
@@ -92,10 +102,11 @@ struct OpenOptions {
 class MSMFACE_API Gallery {
   public:
     // Opens a dictionary directory and loads the persons of its registry and its stored
-    // threshold. A person listed without a dictionary file is left out of persons() and
-    // reported by orphans(). Fails (File) on a registry or threshold file that does not parse,
-    // naming it, and on a listed dictionary that does not read; (NotFound) on a missing
-    // directory unless options.create.
+    // threshold. A listed person whose dictionary file is missing (orphans()), does not read, or
+    // does not hold an orthonormal dictionary of the directory's shape is left out of persons()
+    // and reported by leftOut(), as are the persons beyond the first kMaxLoadedPersons; the
+    // others are recognised. Fails (File) on a registry or threshold file that does not parse,
+    // naming it; (NotFound) on a missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
@@ -106,10 +117,14 @@ class MSMFACE_API Gallery {
     // As of the last call that read the directory (open, refresh, recognise, any change).
     std::vector<Person> persons() const;  // registry order
     std::vector<Person> orphans() const;
+    // Every listed person that is not in persons(), with the reason (orphans included), in
+    // registry order: what a host shows its user as warnings.
+    std::vector<LeftOut> leftOut() const;
     std::optional<Person> find(int id) const;
 
     // Reads the directory again when another process changed it since (a person enrolled or
     // removed, the constraint space or the threshold replaced). Waits while a change is written.
+    // Fails (NotFound) when the directory is gone.
     Status refresh();
 
     // Every call below that changes the directory holds the directory's lock for its whole
@@ -119,7 +134,7 @@ class MSMFACE_API Gallery {
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
     // beyond are not used). Writes the person's files first and the registry last. requires:
     // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // and unused.
+    // and unused; fewer than kMaxLoadedPersons listed persons.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
     // Removes a person: the registry entry first, then the files.
     Status remove(int id);
@@ -177,8 +192,9 @@ class MSMFACE_API Stream {
 
     // One camera frame with the face's points: the face is normalised and recognised against
     // every person (points that do not give a face make a face-less frame). Fails (Argument) on
-    // a bad view, and (File) when a change of the gallery cannot be loaded; the stream then
-    // tries again at its next frame.
+    // a bad view, (NotFound) when the directory is gone, and (File) when a change of the gallery
+    // cannot be loaded; the stream then tries again at its next frame. A person whose files
+    // become unusable is left out (Gallery::leftOut), the others go on being recognised.
     Result<StreamState> push(const FrameView& frame, const FacePoints& points);
     // One camera frame without known points: the stream's finder looks for the face; without a
     // finder, or when it finds none, this is a face-less frame.

@@ -1,0 +1,104 @@
+#include "dictionary/dictionary_check.h"
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "dictionary/DictChunk.h"
+#include "dictionary/byte_reader.h"
+
+namespace msm {
+namespace {
+
+constexpr std::size_t kHeaderBytes = 7;        // "DCK", set count
+constexpr std::size_t kRecordHeaderBytes = 16;  // size field, mode, vector count, dimension
+
+std::size_t largestFile(const DictionaryShape& shape) {
+    const std::size_t record =
+        kRecordHeaderBytes + sizeof(float) * static_cast<std::size_t>(shape.maxVectors) *
+                                 static_cast<std::size_t>(shape.dimension);
+    return kHeaderBytes + static_cast<std::size_t>(shape.sets) * record;
+}
+
+// Empty, or what set s of the chunk does not satisfy.
+std::string checkSet(const DicPrim& p, int s, const DictionaryShape& shape) {
+    const std::string set = "set " + std::to_string(s + 1);
+    if (p.dim != shape.dimension)
+        return set + " has vectors of " + std::to_string(p.dim) + " values, expected " +
+               std::to_string(shape.dimension);
+    if (p.count < 1 || p.count > shape.maxVectors)
+        return set + " has " + std::to_string(p.count) + " vectors, expected 1 to " +
+               std::to_string(shape.maxVectors);
+    for (int i = 0; i < p.count; ++i)
+        for (int k = 0; k < p.dim; ++k)
+            if (!std::isfinite(p.frows[i][k]))
+                return set + ", vector " + std::to_string(i + 1) + " holds a value that is " +
+                       (std::isnan(p.frows[i][k]) ? "not a number" : "infinite");
+    if (!shape.orthonormal) return {};
+    for (int i = 0; i < p.count; ++i) {
+        for (int j = 0; j <= i; ++j) {
+            double dot = 0.0;
+            for (int k = 0; k < p.dim; ++k)
+                dot += static_cast<double>(p.frows[i][k]) * static_cast<double>(p.frows[j][k]);
+            const double off = i == j ? std::fabs(std::sqrt(dot) - 1.0) : std::fabs(dot);
+            if (off <= kOrthonormalTolerance) continue;
+            char value[32];
+            std::snprintf(value, sizeof value, "%.4g", i == j ? std::sqrt(dot) : dot);
+            return i == j ? set + ", vector " + std::to_string(i + 1) + " has length " + value +
+                                ", expected 1"
+                          : set + ", vectors " + std::to_string(j + 1) + " and " +
+                                std::to_string(i + 1) + " have the dot product " + value +
+                                ", expected 0 (orthonormal vectors)";
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+DictionaryShape personDictionaryShape() {
+    return DictionaryShape{};
+}
+
+DictionaryShape constraintBasisShape() {
+    return DictionaryShape{};
+}
+
+DictionaryShape constraintValuesShape() {
+    DictionaryShape shape;
+    shape.dimension = 1;
+    shape.orthonormal = false;
+    return shape;
+}
+
+std::string checkDictionaryFile(const std::string& path, const DictionaryShape& shape) {
+    std::vector<unsigned char> bytes;
+    std::string why;
+    // A file longer than any dictionary of this shape is refused by its size alone: a valid file
+    // padded to a gigabyte would otherwise be read whole on every load.
+    if (!readWholeFile(path.c_str(), bytes, &why, largestFile(shape)))
+        return path + ": cannot be read (" + why + ")";
+    DictChunk chunk;
+    chunk.SetModeAndLimit(kDicPrimFloat, 0);
+    if (chunk.ReadBytes(bytes.data(), bytes.size(), 1, 0, 0) != 1)
+        return path + ": truncated or malformed, not a dictionary chunk";
+    std::size_t used = kHeaderBytes;
+    for (int s = 0; s < chunk.count; ++s)
+        used += kRecordHeaderBytes + sizeof(float) * static_cast<std::size_t>(chunk.prims[s].count) *
+                                         static_cast<std::size_t>(chunk.prims[s].dim);
+    if (used != bytes.size())
+        return path + ": " + std::to_string(bytes.size()) + " bytes, longer than the " +
+               std::to_string(used) + " its records take";
+    if (chunk.count != shape.sets)
+        return path + ": " + std::to_string(chunk.count) + " sets, expected " +
+               std::to_string(shape.sets);
+    for (int s = 0; s < chunk.count; ++s) {
+        if (chunk.nanFlags[s] != 0)
+            return path + ": set " + std::to_string(s + 1) + " holds a value that is not a number";
+        const std::string problem = checkSet(chunk.prims[s], s, shape);
+        if (!problem.empty()) return path + ": " + problem;
+    }
+    return {};
+}
+
+}  // namespace msm

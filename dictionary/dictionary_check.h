@@ -1,0 +1,38 @@
+// What a dictionary chunk file must hold before the gallery lets an engine use it. The legacy
+// readers accept any file that parses; a set of vectors that is not orthonormal still "works" and
+// gives absurd similarities (a set of equal vectors scores above 1000 against every stranger), so
+// the modern layers check the numbers themselves when they load a person or a constraint space.
+#ifndef MSMFACE_DICTIONARY_DICTIONARY_CHECK_H
+#define MSMFACE_DICTIONARY_DICTIONARY_CHECK_H
+
+#include <string>
+
+namespace msm {
+
+struct DictionaryShape {
+    int sets = 5;            // one set per pattern channel
+    int dimension = 256;     // values per vector
+    int maxVectors = 256;    // vectors per set, at least one
+    bool orthonormal = true;  // false: the values need only be finite (eigenvalue columns)
+};
+
+// Largest departure from unit length, and largest |dot product| of two vectors of a set, that a
+// dictionary may show. Enrolments and constraint spaces written by the engine stay below 1e-5
+// (float rounding of the orthonormalisation); a value changed by hand or by a damaged disk is far
+// above.
+constexpr double kOrthonormalTolerance = 1e-3;
+
+// Empty when the file at path is a dictionary chunk of the given shape whose length is exactly
+// what its records take; otherwise one line naming the file and the first thing it does not
+// satisfy. The file's size is checked before it is read.
+std::string checkDictionaryFile(const std::string& path, const DictionaryShape& shape);
+
+// The shapes of the directory's files: a person's dictionary, a constraint space's basis and its
+// eigenvalues.
+DictionaryShape personDictionaryShape();
+DictionaryShape constraintBasisShape();
+DictionaryShape constraintValuesShape();
+
+}  // namespace msm
+
+#endif  // MSMFACE_DICTIONARY_DICTIONARY_CHECK_H
