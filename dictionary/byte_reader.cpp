@@ -31,8 +31,8 @@ const char* kindOfNonFile(mode_t mode) {
 }
 
 std::string sizeText(uint64_t bytes, std::size_t maxBytes) {
-    const std::string limit = maxBytes == kMaxFileBytes ? std::string("1 GiB")
-                                                        : std::to_string(maxBytes) + " bytes";
+    const std::string limit =
+        maxBytes == kMaxFileBytes ? std::string("1 GiB") : std::to_string(maxBytes) + " bytes";
     return std::to_string(bytes) + " bytes, more than " + limit;
 }
 

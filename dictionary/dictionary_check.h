@@ -10,10 +10,13 @@
 namespace msm {
 
 struct DictionaryShape {
-    int sets = 5;            // one set per pattern channel
-    int dimension = 256;     // values per vector
-    int maxVectors = 256;    // vectors per set, at least one
+    int sets = 5;             // one set per pattern channel
+    int dimension = 256;      // values per vector
+    int maxVectors = 256;     // vectors per set, at least one
     bool orthonormal = true;  // false: the values need only be finite (eigenvalue columns)
+    // Orthogonality is checked among the leading vectors a recognition uses (every vector still
+    // has to be of unit length); 0: among all. The pairs cost most of a load's time.
+    int orthogonalVectors = 0;
 };
 
 // Largest departure from unit length, and largest |dot product| of two vectors of a set, that a

@@ -167,9 +167,10 @@ StoreReport checkLocked(const std::string& dir) {
                 continue;
             }
             // A dictionary is held to what the gallery checks when it loads the person.
-            const std::string why = ext == std::string(".dck")
-                                        ? msm::checkDictionaryFile(path, msm::personDictionaryShape())
-                                        : unreadable(path);
+            const std::string why =
+                ext == std::string(".dck")
+                    ? msm::checkDictionaryFile(path, msm::personDictionaryShape())
+                    : unreadable(path);
             if (!why.empty()) add(r, StoreProblemKind::UnreadableFile, path, why);
         }
         if (exists(stem + ".bmp")) {

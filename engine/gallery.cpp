@@ -128,8 +128,8 @@ std::string readListed(const std::string& dir, Listing& out) {
 Status checkDirectoryPresent(const std::string& dir) {
     struct stat st {};
     if (::stat(dir.c_str(), &st) != 0)
-        return fail(ErrorKind::NotFound, dir + ": the dictionary directory is gone (" +
-                                             std::strerror(errno) + ")");
+        return fail(ErrorKind::NotFound,
+                    dir + ": the dictionary directory is gone (" + std::strerror(errno) + ")");
     if (!S_ISDIR(st.st_mode))
         return fail(ErrorKind::NotFound,
                     dir + ": the dictionary directory is gone (a file is in its place)");
@@ -585,9 +585,9 @@ Status Gallery::remove(int id) {
     if (!status.ok()) return status;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
-    const std::string name =
-        index >= 0 ? g.state->persons[static_cast<std::size_t>(index)].name
-                   : g.state->leftOut[static_cast<std::size_t>(orphan)].person.name;
+    const std::string name = index >= 0
+                                 ? g.state->persons[static_cast<std::size_t>(index)].name
+                                 : g.state->leftOut[static_cast<std::size_t>(orphan)].person.name;
     std::vector<Person> next;
     for (const Person& p : g.state->listed)
         if (p.id != id) next.push_back(p);
@@ -751,8 +751,7 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     if (n == 0) {
         const std::vector<LeftOut> left = leftOut();
         if (left.empty()) return fail(ErrorKind::NotFound, g.dir() + ": no persons are enrolled");
-        return fail(ErrorKind::NotFound, g.dir() + ": none of the " +
-                                             std::to_string(left.size()) +
+        return fail(ErrorKind::NotFound, g.dir() + ": none of the " + std::to_string(left.size()) +
                                              " listed persons can be recognised (" +
                                              left.front().reason + ")");
     }

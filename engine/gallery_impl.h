@@ -37,7 +37,7 @@ struct GalleryState {
     // One per person: a number that changes whenever the person's files may have changed, so
     // that a stream reloads only the persons who are new to it.
     std::vector<uint64_t> serials;
-    std::vector<Person> orphans;  // listed without a dictionary file
+    std::vector<Person> orphans;   // listed without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, orphans included
     std::vector<Person> listed;    // the registry as read, in its order
     int threshold = kDefaultIdentifyThreshold;
@@ -54,9 +54,9 @@ struct GalleryState {
 // The registry and the stored threshold, with the listed persons split into those an engine can
 // load and the others.
 struct Listing {
-    std::vector<Person> listed;  // registry order
-    std::vector<Person> persons;  // a valid dictionary each, at most kMaxLoadedPersons
-    std::vector<Person> orphans;  // without a dictionary file
+    std::vector<Person> listed;    // registry order
+    std::vector<Person> persons;   // a valid dictionary each, at most kMaxLoadedPersons
+    std::vector<Person> orphans;   // without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, with the reason
     int threshold = kDefaultIdentifyThreshold;
 };

@@ -80,8 +80,8 @@ bool readEntry(TokenReader& in, ConstraintListEntry& entry) {
 
 ListRead readConstraintList(const char* path, ConstraintList& out) {
     out = ConstraintList{};
-    // Read whole, without blocking: a FIFO or a device put in the list's place is refused instead of
-    // holding the caller (and the directory's lock) forever.
+    // Read whole, without blocking: a FIFO or a device put in the list's place is refused instead
+    // of holding the caller (and the directory's lock) forever.
     std::vector<unsigned char> bytes;
     if (!readWholeFile(path, bytes, nullptr, kMaxListBytes)) {
         diagnose("Can't file open %s\n", path != nullptr ? path : "");

@@ -3,6 +3,12 @@
 // claim are refused with a reason naming the file.
 #include <msmface/FileSummary.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
 #include <string>
 #include <vector>
 
@@ -129,6 +135,55 @@ TEST(FileSummary, RefusesWhatItCannotReadWithAReasonNamingTheFile) {
     EXPECT_THAT(Describe(dir.File("bad.cov")), HasSubstr("truncated or malformed"));
 
     EXPECT_LT(msmface_describeFile(nullptr, nullptr, 0), 0);
+}
+
+// The reason as a user who is not the file's owner gets it: root reads everything, so a test run
+// as root asks in a child process that became "nobody".
+std::string DescribeAsAnotherUser(const std::string& path) {
+    char text[512] = {};
+    if (::geteuid() != 0) {
+        msmface_describeFile(path.c_str(), text, sizeof text);
+        return text;
+    }
+    int pipeEnds[2];
+    if (::pipe(pipeEnds) != 0) return "no pipe";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(pipeEnds[0]);
+        if (::setgid(65534) == 0 && ::setuid(65534) == 0)
+            msmface_describeFile(path.c_str(), text, sizeof text);
+        const ssize_t written = ::write(pipeEnds[1], text, std::strlen(text));
+        ::_exit(written < 0 ? 1 : 0);
+    }
+    ::close(pipeEnds[1]);
+    std::string out;
+    for (ssize_t n; (n = ::read(pipeEnds[0], text, sizeof text)) > 0;)
+        out.append(text, static_cast<std::size_t>(n));
+    ::close(pipeEnds[0]);
+    ::waitpid(child, nullptr, 0);
+    return out;
+}
+
+TEST(FileSummary, SaysWhyAFileCannotBeRead) {
+    ScratchDir dir;
+    EXPECT_EQ(Describe(dir.File("none.dck")),
+              "failed: " + dir.File("none.dck") + ": cannot be read (No such file or directory)");
+    EXPECT_EQ(Describe(dir.path()),
+              "failed: " + dir.path() + ": cannot be read (is a folder, not a file)");
+    ASSERT_EQ(::mkfifo(dir.File("pipe.dck").c_str(), 0644), 0);
+    EXPECT_EQ(Describe(dir.File("pipe.dck")),
+              "failed: " + dir.File("pipe.dck") + ": cannot be read (is a FIFO, not a file)");
+    EXPECT_EQ(Describe("/dev/null"), "failed: /dev/null: cannot be read (is a device, not a file)");
+    // Sparse: the size is refused before anything is read.
+    WriteBytes(dir.File("big.dck"), {'D', 'C', 'K'});
+    ASSERT_EQ(::truncate(dir.File("big.dck").c_str(), (1 << 30) + 1), 0);
+    EXPECT_EQ(
+        Describe(dir.File("big.dck")),
+        "failed: " + dir.File("big.dck") + ": cannot be read (1073741825 bytes, more than 1 GiB)");
+    WriteBytes(dir.File("locked.dck"), {'D', 'C', 'K'});
+    ASSERT_EQ(::chmod(dir.File("locked.dck").c_str(), 0), 0);
+    EXPECT_EQ(DescribeAsAnotherUser(dir.File("locked.dck")),
+              dir.File("locked.dck") + ": cannot be read (Permission denied)");
 }
 
 }  // namespace

@@ -34,13 +34,16 @@ void WriteText(const std::string& path, const std::string& text) {
     WriteBytes(path, std::vector<unsigned char>(text.begin(), text.end()));
 }
 
-// A person's .dck and .mck as the engine would read them.
+// A person's .dck and .mck as the engine would read them: five channels of two orthonormal
+// vectors of 256 values.
 void WritePerson(const std::string& dir, const std::string& name) {
     DictChunk chunk;
-    ASSERT_EQ(chunk.Allocate(1), 1);
-    ASSERT_EQ(chunk.prims[0].Allocate(8, 2, kDicPrimFloat), 1);
-    chunk.prims[0].frows[0][0] = 1;
-    chunk.prims[0].frows[1][1] = 1;
+    ASSERT_EQ(chunk.Allocate(5), 1);
+    for (int c = 0; c < chunk.count; ++c) {
+        ASSERT_EQ(chunk.prims[c].Allocate(256, 2, kDicPrimFloat), 1);
+        chunk.prims[c].frows[0][c] = 1;
+        chunk.prims[c].frows[1][c + 1] = 1;
+    }
     ASSERT_EQ(chunk.Write((dir + "/" + name + ".dck").c_str(), 0, kDicPrimFloat), 1);
     MtrxChunk matrices;
     ASSERT_EQ(matrices.Allocate(1), 1);
@@ -108,14 +111,19 @@ TEST(StoreCheck, ReportsEveryDisagreementAndRepairLosesNoListedPerson) {
 
     const auto fixed = msmface::repairStore(dir.path());
     ASSERT_TRUE(fixed.ok()) << fixed.message();
-    EXPECT_THAT(fixed->repaired.size(), 3u);
+    // The temporary, the orphan's two files, and carol's two files: a listed person whose
+    // dictionary does not load has its files put aside, its entry kept.
+    EXPECT_THAT(fixed->repaired.size(), 5u);
     EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/ghost.dck").size() > 0);
     EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/ghost.mck").size() > 0);
+    EXPECT_EQ(msmtest::ReadBytes(dir / "lost+found/carol.dck").size(), 18u);
+    EXPECT_TRUE(msmtest::ReadBytes(dir / "lost+found/carol.mck").size() > 0);
     EXPECT_FALSE(::access((dir / "alice.mck.tmpAbCdEf").c_str(), F_OK) == 0);
     // What only the user can decide stays reported; the registry keeps every entry.
     EXPECT_THAT(Kinds(*fixed),
                 ElementsAre(StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
-                            StoreProblemKind::MissingFiles, StoreProblemKind::UnreadableFile));
+                            StoreProblemKind::MissingFiles, StoreProblemKind::MissingFiles,
+                            StoreProblemKind::MissingFiles));
     std::vector<msmface::Person> listed;
     EXPECT_EQ(msmface::detail::loadRegistry(dir.path(), listed), "");
     EXPECT_EQ(listed.size(), 4u);
