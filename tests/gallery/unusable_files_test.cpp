@@ -236,7 +236,7 @@ TEST(UnusableDictionary, RepairPutsTheFilesAsideAndKeepsTheEntry) {
     const std::string damaged = ReadText(dir / "bob.dck");
     const auto fixed = msmface::repairStore(dir.path());
     ASSERT_TRUE(fixed.ok()) << fixed.message();
-    EXPECT_EQ(ReadText(dir / "lost+found/bob.dck"), damaged);
+    EXPECT_TRUE(ReadText(dir / "lost+found/bob.dck") == damaged);
     EXPECT_TRUE(Exists(dir / "lost+found/bob.mck"));
     EXPECT_FALSE(Exists(dir / "bob.dck"));
     EXPECT_TRUE(Exists(dir / "alice.dck"));
@@ -359,7 +359,7 @@ TEST(Capacity, AnEnrolmentBeyondWhatAnEngineHoldsIsRefused) {
     EXPECT_EQ(refused.kind(), ErrorKind::Argument);
     EXPECT_THAT(refused.message(), HasSubstr(dir.path() + ": already lists 2000 persons, as many "
                                                           "as an engine holds (2000)"));
-    EXPECT_EQ(ReadText(dir / "persons.txt"), registry);
+    EXPECT_TRUE(ReadText(dir / "persons.txt") == registry);
     EXPECT_FALSE(Exists(dir / "newcomer.dck"));
 }
 
