@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <memory>
 
 #include "cli_support.h"
@@ -20,6 +21,7 @@ using clitest::Scratch;
 using clitest::WriteText;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -168,6 +170,37 @@ TEST_F(Cli, RegistryAndFilesThatDisagreeAreResolvedByTheRegistry) {
                 ElementsAre(HasSubstr("warning"), HasSubstr("delete it first")));
     EXPECT_EQ(RunCli("delete '" + dir + "' --id 2").status, 0);
     EXPECT_EQ(Enrol(dir, 1).status, 0);
+}
+
+TEST_F(Cli, ADamagedDictionaryIsAWarningAndEveryCommandGoesOn) {
+    Scratch work;
+    const std::string dir = work / "dict";
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(Enrol(dir, i).status, 0);
+    {
+        std::fstream f(dir + "/bob.dck", std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(1000);
+        f.write("AAA", 3);
+    }
+    const std::string warning =
+        "msmface: warning: " + dir + "/bob.dck: set 1, vector 1 has length ";
+    CliRun list = RunCli("list '" + dir + "'");
+    EXPECT_EQ(list.status, 0) << list.err;
+    EXPECT_THAT(list.out, AllOf(HasSubstr("2 persons"), HasSubstr("alice"), HasSubstr("carol")));
+    ASSERT_EQ(list.errLines().size(), 1u) << list.err;
+    EXPECT_THAT(list.errLines()[0],
+                AllOf(StartsWith(warning), EndsWith("; person 2 (bob) ignored")));
+    const CliRun r = RunCli("recognise '" + dir + "' --points '" + Frames("alice_probe.txt") + "'");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr(TopLine(1, "alice")));
+    const CliRun check = RunCli("check '" + dir + "'");
+    EXPECT_NE(check.status, 0);
+    EXPECT_THAT(check.out + check.err, HasSubstr(dir + "/bob.dck: set 1, vector 1 has length"));
+    const CliRun repair = RunCli("check --repair '" + dir + "'");
+    EXPECT_THAT(repair.out + repair.err, HasSubstr("moved " + dir + "/bob.dck to"));
+    EXPECT_TRUE(Exists(dir + "/lost+found/bob.dck"));
+    const CliRun deleted = RunCli("delete '" + dir + "' --id 2");
+    EXPECT_EQ(deleted.status, 0) << deleted.err;
+    EXPECT_THAT(ReadText(dir + "/persons.txt"), Not(HasSubstr("bob")));
 }
 
 TEST_F(Cli, BadInputGetsOneLineAndLeavesTheDictionaryAsItWas) {
