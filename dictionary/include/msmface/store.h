@@ -26,7 +26,8 @@ inline constexpr const char* kLostAndFoundName = "lost+found";
 enum class StoreProblemKind : int {
     Registry,        // the registry cannot be read or parsed (not repaired: only a person knows)
     MissingFiles,    // a listed person's .dck or .mck does not exist
-    UnreadableFile,  // a file the directory needs exists but does not read
+    UnreadableFile,  // a file the directory needs exists but does not read, or a person's
+                     // dictionary that is not orthonormal or not of the directory's shape
     Orphan,          // a person's file that no registry entry names (repair: lost+found)
     Temporary,       // a temporary file of an interrupted write (repair: removed)
     Constraint,      // the constraint space does not load or is not this directory's
