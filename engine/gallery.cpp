@@ -492,10 +492,11 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         if (p.id != id && p.name != name) continue;
         const bool orphan = std::any_of(g.state->orphans.begin(), g.state->orphans.end(),
                                         [&](const Person& o) { return o.id == p.id; });
-        return fail(ErrorKind::Argument, "--id/--name: " + std::to_string(p.id) + " " + p.name +
-                                             (orphan ? " is listed without its files"
-                                                     : " is listed with files that do not load") +
-                                             "; delete it first");
+        return fail(ErrorKind::Argument,
+                    "--id/--name: " + std::to_string(p.id) + " " + p.name +
+                        (orphan ? " is listed without its files"
+                                : " is listed but not loaded (" + left.reason + ")") +
+                        "; delete it first");
     }
     // Every host of the directory loads every listed person: one more than an engine holds would
     // make the directory unusable to them.

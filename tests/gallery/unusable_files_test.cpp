@@ -222,7 +222,8 @@ TEST(UnusableDictionary, EnrolmentKeepsTheLeftOutPersonListedAndItsNameTaken) {
     ASSERT_TRUE(g.ok()) << g.message();
     const msmface::Status taken = g->enrol(9, "bob", Population::get().enrol[3].samples());
     EXPECT_EQ(taken.kind(), ErrorKind::Argument);
-    EXPECT_THAT(taken.message(), HasSubstr("2 bob is listed with files that do not load"));
+    EXPECT_THAT(taken.message(), HasSubstr("2 bob is listed but not loaded (" +
+                                           dir / "bob.dck: truncated or malformed"));
     const msmface::Status dave = g->enrol(4, "dave", Population::get().enrol[3].samples());
     ASSERT_TRUE(dave.ok()) << dave.message();
     EXPECT_THAT(Names(g->persons()), ElementsAre("1 alice", "3 carol", "4 dave"));
