@@ -6,9 +6,9 @@
 
 #include <msmface/numeric.h>
 
+#include "numeric/diagnostics.h"
 #include "numeric/eigen_kernels.h"
 #include "numeric/eigen_steps.h"
-#include "numeric/diagnostics.h"
 
 namespace {
 

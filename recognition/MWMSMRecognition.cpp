@@ -9,8 +9,8 @@
 
 #include "dictionary/MtrxChunk.h"
 #include "dictionary/rows.h"
-#include "recognition/dictionary_prefetch.h"
 #include "numeric/diagnostics.h"
+#include "recognition/dictionary_prefetch.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "dictionary/rows.h"
-#include "numeric/eigen_steps.h"
 #include "numeric/diagnostics.h"
+#include "numeric/eigen_steps.h"
 
 namespace msm {
 
