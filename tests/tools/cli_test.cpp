@@ -198,7 +198,7 @@ TEST_F(Cli, BadInputGetsOneLineAndLeavesTheDictionaryAsItWas) {
     ExpectOneLineFailure(enrolFrom(work / "word.txt"), "line 1: expected a number for y0");
 
     WriteText(work / "ghost.txt", "ghost.pgm" + good.substr(good.find(' ')));
-    ExpectOneLineFailure(enrolFrom(work / "ghost.txt"), "ghost.pgm: cannot open the image");
+    ExpectOneLineFailure(enrolFrom(work / "ghost.txt"), "ghost.pgm: cannot be read");
 
     WriteText(work / "deep.pgm", "P5\n4 4\n65535\n" + std::string(32, '\x10'));
     WriteText(work / "deep.txt", "deep.pgm" + good.substr(good.find(' ')));
@@ -356,8 +356,8 @@ TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPage) {
     EXPECT_THAT(ReadText(work / "out/report.html"), StartsWith("<!DOCTYPE html>"));
     EXPECT_THAT(ReadText(work / "out/summary.json"), HasSubstr("\"sweep\": [],"));  // --no-sweep
     EXPECT_FALSE(Exists(work / "out/eval.png"));
-    EXPECT_THAT(Entries(work / "out"),
-                ElementsAre("dictionary", "report.html", "scores.csv", "summary.json"));
+    EXPECT_THAT(Entries(work / "out"), ElementsAre(".msmface-eval-run", "dictionary", "report.html",
+                                                   "scores.csv", "summary.json"));
 }
 
 }  // namespace
