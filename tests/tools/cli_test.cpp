@@ -14,6 +14,7 @@ namespace {
 using clitest::CliRun;
 using clitest::Entries;
 using clitest::Exists;
+using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
@@ -57,15 +58,6 @@ class Cli : public ::testing::Test {
     static CliRun Enrol(const std::string& dir, int i) {
         return RunCli("enrol '" + dir + "' --id " + std::to_string(i + 1) + " --name " + kNames[i] +
                       " --points '" + Points(kNames[i]) + "' --copies 3 --jitter 1");
-    }
-
-    // The one-line failure every bad input must give: a non-zero exit, one line on standard
-    // error mentioning `what`, nothing on standard output.
-    static void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
-        EXPECT_NE(r.status, 0);
-        ASSERT_EQ(r.errLines().size(), 1u) << r.err;
-        EXPECT_THAT(r.err, AllOf(StartsWith("msmface: "), HasSubstr(what)));
-        EXPECT_EQ(r.out, "");
     }
 
     static std::unique_ptr<Scratch> frames_;

@@ -2,6 +2,8 @@
 // header cut short (the decoder judges those files).
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -195,6 +197,30 @@ TEST(PictureHeader, WebPStatesItsSizeInEachOfItsThreeKinds) {
     EXPECT_FALSE(Read(broken).known);
     EXPECT_FALSE(Read("RIFF" + Le(100, 4) + "WEBPALPH" + Le(20, 4) + std::string(20, '\0')).known);
     EXPECT_FALSE(Read(vp8x.substr(0, 29)).known);
+}
+
+// The fuzzer's seeds of each format are headers it reads, with the sizes their names promise.
+TEST(PictureHeader, TheFuzzerSeedsOfEveryFormatAreRead) {
+    const std::string seeds = std::string(MSMFACE_SOURCE_DIR) + "/fuzz/corpus/fuzz_picture_header/";
+    const struct {
+        const char* name;
+        long long width, height;
+        bool deep;
+    } expected[] = {
+        {"tiff_le_short.tif", 640, 480, false},  {"tiff_be_long.tif", 30000, 30000, true},
+        {"webp_vp8.webp", 640, 480, false},      {"webp_vp8l.webp", 640, 480, false},
+        {"webp_vp8x.webp", 30000, 30000, false},
+    };
+    for (const auto& e : expected) {
+        std::ifstream in(seeds + e.name, std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(in),
+                                std::istreambuf_iterator<char>()};
+        const PictureHeader h = Read(bytes);
+        EXPECT_TRUE(h.known) << e.name;
+        EXPECT_EQ(h.width, e.width) << e.name;
+        EXPECT_EQ(h.height, e.height) << e.name;
+        EXPECT_EQ(h.deep, e.deep) << e.name;
+    }
 }
 
 }  // namespace

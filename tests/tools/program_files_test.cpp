@@ -20,6 +20,7 @@ namespace {
 
 using clitest::CliRun;
 using clitest::Exists;
+using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
@@ -28,12 +29,6 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
-
-void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
-    EXPECT_NE(r.status, 0);
-    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
-    EXPECT_THAT(r.err, AllOf(StartsWith("msmface: "), HasSubstr(what)));
-}
 
 // Every entry of a folder (also the hidden ones) with its bytes.
 std::map<std::string, std::string> Snapshot(const std::string& dir) {

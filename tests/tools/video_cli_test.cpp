@@ -23,6 +23,7 @@ namespace {
 using clitest::CliRun;
 using clitest::Entries;
 using clitest::Exists;
+using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
@@ -39,13 +40,6 @@ constexpr bool kDetector = false;
 #endif
 
 const std::string kFaces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-
-void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
-    EXPECT_NE(r.status, 0);
-    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
-    EXPECT_THAT(r.err, AllOf(StartsWith("msmface: "), HasSubstr(what)));
-    EXPECT_EQ(r.out, "");
-}
 
 // Frames written as an MJPG AVI, which Debian's OpenCV writes and reads without extra codecs.
 // False when the video does not read back with as many frames.

@@ -93,7 +93,10 @@ std::string readPoints(const std::vector<std::string_view>& fields, std::size_t 
 }
 
 bool needsQuotes(std::string_view name) {
-    if (name.empty() || name == "image" || name.front() == '#') return true;
+    // A name that begins like a byte order mark would lose it as a file's first row.
+    if (name.empty() || name == "image" || name.front() == '#' ||
+        name.substr(0, 3) == "\xEF\xBB\xBF")
+        return true;
     for (const char c : name) {
         const auto u = static_cast<unsigned char>(c);
         if (u <= ' ' || u == 0x7f || c == ',' || c == '"' || c == '\\') return true;

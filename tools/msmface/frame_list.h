@@ -50,8 +50,8 @@ FrameList parsePointsFile(std::string_view text);
 
 // One row of a points file, ending in a newline, that parsePointsFile reads back as image and
 // points. A name that would not read back as it stands (blanks, commas, quotes, backslashes,
-// control characters, a leading '#', empty, or "image") is written in double quotes with \",
-// \\, \n, \r, \t and \xHH escapes; every other name is written as before, unquoted.
+// control characters, a leading '#' or byte order mark, empty, or "image") is written in double
+// quotes with \", \\, \n, \r, \t and \xHH escapes; every other name is written as before.
 std::string pointsFileRow(std::string_view image,
                           const std::array<double, 2 * kPointCount>& points);
 
