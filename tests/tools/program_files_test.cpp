@@ -15,6 +15,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "cli_support.h"
+#include "tools/msmface/program_files.h"
 
 namespace {
 
@@ -193,6 +194,33 @@ TEST(ProgramFlags, CountsOutsideTheirRangeAreRefusedNamingTheFlag) {
         "--frames -3: expected 1 or more (or 0: the whole video)");
     r = RunCli("recognise '" + work / "dict" + "'" + probe + " --top 1000000");
     EXPECT_EQ(r.status, 0) << r.err;
+}
+
+// The check behind every output option: an output is refused when it is an input under any name,
+// or lies in a folder whose files are all inputs (a dictionary directory), also when it is not
+// written yet and its folder is reached through a link.
+TEST(ProgramOutputs, AnInputIsRecognisedUnderEveryName) {
+    Scratch work;
+    WriteText(work / "in.avi", "video");
+    ASSERT_EQ(::mkdir((work / "dict").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("in.avi", (work / "soft.avi").c_str()), 0);
+    ASSERT_EQ(::link((work / "in.avi").c_str(), (work / "hard.avi").c_str()), 0);
+    ASSERT_EQ(::symlink(work.path().c_str(), (work / "here").c_str()), 0);
+    msmcli::InputFiles inputs;
+    inputs.add(work / "in.avi");
+    inputs.addFolder(work / "dict");
+    inputs.add(work / "missing-model.dat");  // named, not there: never written over either
+    for (const std::string& same : {work / "in.avi", work / "soft.avi", work / "hard.avi",
+                                    work / "here/in.avi", work / "./dict/../in.avi"})
+        EXPECT_THAT(inputs.refuseOverwrite("--out", same),
+                    StartsWith("--out " + same + ": is the input " + work / "in.avi"));
+    for (const std::string& inside : {work / "dict/new.avi", work / "here/dict/new.avi"})
+        EXPECT_THAT(inputs.refuseOverwrite("--annotate", inside),
+                    StartsWith("--annotate " + inside + ": is inside " + work / "dict"));
+    EXPECT_THAT(inputs.refuseOverwrite("--out", work / "here/missing-model.dat"),
+                HasSubstr("is the input " + work / "missing-model.dat"));
+    for (const std::string& other : {work / "out.avi", work / "here/out.avi", work / "dictionary"})
+        EXPECT_EQ(inputs.refuseOverwrite("--out", other), "") << other;
 }
 
 }  // namespace

@@ -114,7 +114,8 @@ void InputFiles::add(const std::string& path) {
     if (path.empty()) return;
     Input in;
     in.path = path;
-    in.resolved = resolved(path);
+    // An input named but not there yet (a model to come) is still never to be written over.
+    in.resolved = resolvedOutput(path);
     struct stat st {};
     if (::stat(path.c_str(), &st) == 0) {
         in.exists = true;
