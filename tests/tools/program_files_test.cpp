@@ -110,6 +110,24 @@ TEST_F(RunFolders, ARunReplacesWhatTheSameCommandLeftAndNothingElse) {
     EXPECT_EQ(Snapshot(out + "/dictionary"), before);
 }
 
+TEST_F(RunFolders, AnEvaluationNeverWritesOverItsManifest) {
+    const std::string out = work_ / "out";
+    ASSERT_EQ(::mkdir(out.c_str(), 0755), 0);
+    const std::string text = ReadText(manifest_);
+    for (const std::string name : {"scores.csv", "summary.json", "report.html"}) {
+        // The manifest's pictures are named relative to it: the copy lies beside them.
+        const std::string copy = work_ / name;
+        WriteText(copy, text);
+        ASSERT_EQ(::symlink(copy.c_str(), (out + "/" + name).c_str()), 0);
+        ExpectOneLineFailure(
+            RunCli("eval --manifest '" + copy + "' --out '" + out + "' --dimension 50 --no-sweep"),
+            "--out " + out + "/" + name + ": is the input " + copy);
+        EXPECT_EQ(ReadText(copy), text) << name;
+        ASSERT_EQ(::unlink((out + "/" + name).c_str()), 0);
+    }
+    EXPECT_FALSE(Exists(out + "/dictionary"));
+}
+
 TEST(ProgramInputs, PipesDevicesAndEmptyPicturesAreRefusedInOneLine) {
     Scratch work;
     const std::vector<std::string> lines = clitest::WriteTake(work.path(), "a", 0, 5, 25);
