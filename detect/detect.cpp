@@ -1,14 +1,19 @@
 // The Detector: loads the landmark model and finds or fits faces in single frames.
 #include <msmface/detect.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <istream>
 #include <new>
+#include <streambuf>
 #include <utility>
+#include <vector>
 
 #include "detect/detect_internal.h"
+#include "dictionary/byte_reader.h"
 
 namespace msmface {
 
@@ -21,22 +26,47 @@ std::string modelPathFrom(const DetectorOptions& options) {
     return kDefaultLandmarkModel;
 }
 
+// The model's bytes as an input stream for dlib, without a second copy.
+class MemoryStreamBuffer : public std::streambuf {
+  public:
+    explicit MemoryStreamBuffer(std::vector<unsigned char>& bytes) {
+        char* begin = reinterpret_cast<char*>(bytes.data());
+        setg(begin, begin, begin + bytes.size());
+    }
+};
+
 Status loadModel(const std::string& path, dlib::shape_predictor& model) {
+    // Read whole, as a regular file of bounded size opened without blocking: a pipe or a device
+    // named as the model must be refused, not waited on or read forever.
+    std::vector<unsigned char> bytes;
     errno = 0;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        const int error = errno;
-        if (error == ENOENT || error == ENOTDIR)
+    if (!msm::readWholeFile(path.c_str(), bytes)) {
+        const int readError = errno;
+        struct stat st {};
+        const bool found = ::stat(path.c_str(), &st) == 0;
+        const int error = found ? readError : errno;
+        if (!found && (error == ENOENT || error == ENOTDIR))
             return Status::failure(ErrorKind::NotFound,
                                    "landmark model " + path +
                                        " does not exist: install Debian's libdlib-data (it "
                                        "provides " +
                                        kDefaultLandmarkModel + ") or name the model file in " +
                                        kLandmarkModelEnvironment);
+        if (found && !S_ISREG(st.st_mode))
+            return Status::failure(ErrorKind::File,
+                                   "landmark model " + path +
+                                       " is not a regular file (a folder, a pipe or a device); "
+                                       "expected the model file");
+        if (found && static_cast<unsigned long long>(st.st_size) > msm::kMaxFileBytes)
+            return Status::failure(ErrorKind::File, "landmark model " + path +
+                                                        " is larger than 1 GiB; expected the "
+                                                        "model file");
         return Status::failure(ErrorKind::File,
                                "landmark model " + path + " cannot be read: " +
-                                   (error != 0 ? std::strerror(error) : "open failed"));
+                                   (error != 0 ? std::strerror(error) : "read failed"));
     }
+    MemoryStreamBuffer buffer(bytes);
+    std::istream in(&buffer);
     try {
         dlib::deserialize(model, in);
     } catch (const std::exception&) {

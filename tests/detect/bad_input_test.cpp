@@ -2,9 +2,14 @@
 // a crash.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <random>
 
@@ -184,6 +189,32 @@ TEST_F(ModelFiles, DamagedModelsAreRefusedWithoutACrash) {
     // A folder where the model should be.
     const auto folder = create(dir.path());
     EXPECT_EQ(folder.status().kind(), ErrorKind::File) << folder.message();
+}
+
+// A pipe, a device or a folder named as the model is refused at once: waiting for a writer that
+// never comes, or reading /dev/zero until memory runs out, is no answer. The model is never
+// needed for this, so the test runs without it.
+TEST_F(ModelFiles, PipesAndDevicesAreRefusedWithoutWaiting) {
+    msmtest::ScratchDir dir("detect_model");
+    const std::string fifo = dir / "model.fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo, std::string("/dev/zero"), dir.path()}) {
+        auto pending = std::async(std::launch::async, [path] { return create(path); });
+        if (pending.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+            ADD_FAILURE() << path << ": Detector::create still waits after 20 s";
+            // Lets a reader blocked on the pipe go, so that the test ends.
+            const int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0) ::close(fd);
+            pending.wait();
+            continue;
+        }
+        const auto result = pending.get();
+        ASSERT_FALSE(result.ok()) << path;
+        EXPECT_EQ(result.status().kind(), ErrorKind::File) << result.message();
+        EXPECT_NE(result.message().find(path + " is not a regular file"), std::string::npos)
+            << result.message();
+        EXPECT_EQ(result.message().find('\n'), std::string::npos);
+    }
 }
 
 TEST(MovedDetector, RefusesInsteadOfCrashing) {

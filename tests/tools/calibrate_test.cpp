@@ -3,6 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <regex>
 #include <sstream>
 
@@ -154,6 +159,81 @@ TEST_F(Calibrate, BadInputGetsOneLineAndStoresNothing) {
     const CliRun missing = RunCli("calibrate '" + work_ / "nodir" + "' " + m);
     EXPECT_NE(missing.status, 0);
     EXPECT_EQ(missing.errLines().size(), 1u) << missing.err;
+}
+
+TEST_F(Calibrate, TheScoresFileNeverReplacesAnInputAndIsWrittenWhole) {
+    const std::string manifest = work_ / "m.csv";
+    ASSERT_EQ(::symlink(manifest.c_str(), (work_ / "soft.csv").c_str()), 0);
+    ASSERT_EQ(::link(manifest.c_str(), (work_ / "hard.csv").c_str()), 0);
+    const std::string registry = ReadText(dir() + "/persons.txt");
+    for (const std::string& scores :
+         {manifest, work_ / "soft.csv", work_ / "hard.csv", dir() + "/persons.txt"}) {
+        const CliRun r = RunCli("calibrate '" + dir() + "' --manifest '" + manifest +
+                                "' --far 0.25 --scores '" + scores + "'");
+        EXPECT_NE(r.status, 0) << scores;
+        ASSERT_EQ(r.errLines().size(), 1u) << r.err;
+        EXPECT_THAT(r.err, AllOf(StartsWith("msmface: --scores " + scores + ": is "),
+                                 HasSubstr("expected a file")));
+        EXPECT_EQ(ReadText(manifest), manifest_) << scores;
+        EXPECT_EQ(ReadText(dir() + "/persons.txt"), registry) << scores;
+    }
+    EXPECT_FALSE(clitest::Exists(dir() + "/threshold.txt"));
+
+    // A run that fails half-way (the last video's picture is gone) leaves the earlier scores
+    // file as it was, and no temporary beside it.
+    const std::string scores = work_ / "out/s.csv";
+    ASSERT_EQ(::mkdir((work_ / "out").c_str(), 0755), 0);
+    WriteText(scores, "the scores of yesterday\n");
+    const std::string broken = manifest_ + "Cy,9,0,test," + work_ / "gone.pgm" + ",320,240" +
+                               manifest_.substr(manifest_.rfind(",320,240") + 8);
+    WriteText(work_ / "broken.csv", broken);
+    const CliRun r = RunCli("calibrate '" + dir() + "' --manifest '" + work_ / "broken.csv" +
+                            "' --far 0.25 --scores '" + scores + "'");
+    EXPECT_NE(r.status, 0);
+    EXPECT_THAT(r.err, HasSubstr("gone.pgm"));
+    EXPECT_EQ(ReadText(scores), "the scores of yesterday\n");
+    EXPECT_EQ(clitest::Entries(work_ / "out"), std::vector<std::string>{"s.csv"});
+}
+
+// Makes a folder unwritable for as long as it lives, also for root (which permissions do not
+// stop): by its mode, and where that is not enough by the immutable attribute.
+class UnwritableFolder {
+  public:
+    explicit UnwritableFolder(std::string path) : path_(std::move(path)) {
+        ::chmod(path_.c_str(), 0555);
+        if (writable())
+            immutable_ = std::system(("chattr +i '" + path_ + "' 2>/dev/null").c_str()) == 0;
+    }
+    ~UnwritableFolder() {
+        if (immutable_) (void)std::system(("chattr -i '" + path_ + "'").c_str());
+        ::chmod(path_.c_str(), 0755);
+    }
+    bool writable() const {
+        const std::string probe = path_ + "/.probe";
+        const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (fd < 0) return false;
+        ::close(fd);
+        ::unlink(probe.c_str());
+        return true;
+    }
+
+  private:
+    std::string path_;
+    bool immutable_ = false;
+};
+
+TEST_F(Calibrate, AnUnwritableDirectoryIsSaidBeforeAnyScoreIsComputed) {
+    const UnwritableFolder locked(dir());
+    if (locked.writable()) GTEST_SKIP() << "cannot make a folder unwritable here";
+    const std::string scores = work_ / "s.csv";
+    const CliRun r = RunCli("calibrate '" + dir() + "' --manifest '" + work_ / "m.csv" +
+                            "' --far 0.25 --scores '" + scores + "'");
+    EXPECT_NE(r.status, 0);
+    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
+    EXPECT_THAT(r.err,
+                AllOf(StartsWith("msmface: " + dir() + "/threshold.txt: cannot be written")));
+    // Said before the work: no score was computed, so no scores file exists.
+    EXPECT_FALSE(clitest::Exists(scores));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #define MSMFACE_TESTS_TOOLS_CLI_SUPPORT_H
 
 #include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +35,16 @@ struct CliRun {
         return lines;
     }
 };
+
+// A refusal as the program gives it: a non-zero exit and one line "msmface: ..." holding what,
+// nothing on standard output.
+inline void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
+    EXPECT_NE(r.status, 0);
+    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
+    EXPECT_THAT(r.err,
+                ::testing::AllOf(::testing::StartsWith("msmface: "), ::testing::HasSubstr(what)));
+    EXPECT_EQ(r.out, "");
+}
 
 inline std::string ReadText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -15,6 +15,7 @@ namespace {
 using clitest::CliRun;
 using clitest::Entries;
 using clitest::Exists;
+using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
@@ -59,15 +60,6 @@ class Cli : public ::testing::Test {
     static CliRun Enrol(const std::string& dir, int i) {
         return RunCli("enrol '" + dir + "' --id " + std::to_string(i + 1) + " --name " + kNames[i] +
                       " --points '" + Points(kNames[i]) + "' --copies 3 --jitter 1");
-    }
-
-    // The one-line failure every bad input must give: a non-zero exit, one line on standard
-    // error mentioning `what`, nothing on standard output.
-    static void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
-        EXPECT_NE(r.status, 0);
-        ASSERT_EQ(r.errLines().size(), 1u) << r.err;
-        EXPECT_THAT(r.err, AllOf(StartsWith("msmface: "), HasSubstr(what)));
-        EXPECT_EQ(r.out, "");
     }
 
     static std::unique_ptr<Scratch> frames_;
@@ -231,7 +223,7 @@ TEST_F(Cli, BadInputGetsOneLineAndLeavesTheDictionaryAsItWas) {
     ExpectOneLineFailure(enrolFrom(work / "word.txt"), "line 1: expected a number for y0");
 
     WriteText(work / "ghost.txt", "ghost.pgm" + good.substr(good.find(' ')));
-    ExpectOneLineFailure(enrolFrom(work / "ghost.txt"), "ghost.pgm: cannot open the image");
+    ExpectOneLineFailure(enrolFrom(work / "ghost.txt"), "ghost.pgm: cannot be read");
 
     WriteText(work / "deep.pgm", "P5\n4 4\n65535\n" + std::string(32, '\x10'));
     WriteText(work / "deep.txt", "deep.pgm" + good.substr(good.find(' ')));
@@ -389,8 +381,8 @@ TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPage) {
     EXPECT_THAT(ReadText(work / "out/report.html"), StartsWith("<!DOCTYPE html>"));
     EXPECT_THAT(ReadText(work / "out/summary.json"), HasSubstr("\"sweep\": [],"));  // --no-sweep
     EXPECT_FALSE(Exists(work / "out/eval.png"));
-    EXPECT_THAT(Entries(work / "out"),
-                ElementsAre("dictionary", "report.html", "scores.csv", "summary.json"));
+    EXPECT_THAT(Entries(work / "out"), ElementsAre(".msmface-eval-run", "dictionary", "report.html",
+                                                   "scores.csv", "summary.json"));
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
+#include <vector>
 
 #include "tools/msmface/eval_metrics.h"
 #include "tools/msmface/frame_list.h"
@@ -86,6 +88,73 @@ TEST(FrameList, PointsFilesTakeCommasOrBlanksCommentsAndAHeader) {
     EXPECT_THAT(parsePointsFile("a.png 1 2 3\n").error,
                 HasSubstr("line 1: expected an image name and 28 coordinates, found 4 fields"));
     EXPECT_THAT(parsePointsFile("# nothing\n").error, HasSubstr("no rows"));
+}
+
+std::array<double, 28> PointsFrom(double base) {
+    std::array<double, 28> points{};
+    for (int k = 0; k < 28; ++k) points[k] = base + 1.25 * k;
+    return points;
+}
+
+TEST(FrameList, PointsFileNamesReadBackWhateverTheyHold) {
+    const std::vector<std::string> names = {"plain.png",
+                                            "a b.png",
+                                            "two  blanks",
+                                            "tab\there",
+                                            "line\nbreak.png",
+                                            "x.png 1 2 3\n#",
+                                            "comma,name.png",
+                                            "\"quoted\".png",
+                                            "back\\slash\\",
+                                            "#hash.png",
+                                            "image",
+                                            "cr\r.png",
+                                            std::string("nul\0byte", 8),
+                                            "\x01\x7f",
+                                            "\"",
+                                            "trailing\\",
+                                            "caf\xc3\xa9.png",
+                                            "",
+                                            " lead",
+                                            "\xEF\xBB\xBFmark.png"};
+    std::string text = "# image x0 y0 ... x13 y13\n";
+    for (std::size_t i = 0; i < names.size(); ++i)
+        text += msmcli::pointsFileRow(names[i], PointsFrom(static_cast<double>(i)));
+    const msmcli::FrameList list = parsePointsFile(text);
+    ASSERT_TRUE(list.ok()) << list.error;
+    ASSERT_EQ(list.rows.size(), names.size());  // no name made a row of its own or hid one
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(list.rows[i].image, names[i]) << i;
+        EXPECT_EQ(list.rows[i].line, static_cast<int>(i) + 2);
+        EXPECT_EQ(list.rows[i].points, PointsFrom(static_cast<double>(i))) << i;
+    }
+    // A name that reads back as it stands is written as before, without quotes.
+    EXPECT_EQ(msmcli::pointsFileRow("dir/a-1.png", PointsFrom(0)).substr(0, 15), "dir/a-1.png 0.0");
+    // The first row named "image" is a picture, not the header, when it was quoted.
+    const msmcli::FrameList first = parsePointsFile(msmcli::pointsFileRow("image", PointsFrom(3)));
+    ASSERT_TRUE(first.ok()) << first.error;
+    EXPECT_EQ(first.rows.front().image, "image");
+}
+
+TEST(FrameList, UnquotedNamesReadAsBeforeAndAByteOrderMarkIsSkipped) {
+    // Names with quotes that do not close before a separator are names as they stand.
+    const msmcli::FrameList old = parsePointsFile("\"a\".png " + Coordinates(1) + "\n\"b," +
+                                                  Coordinates(2) + "\n\"c\\q\" " + Coordinates(3));
+    ASSERT_TRUE(old.ok()) << old.error;
+    ASSERT_EQ(old.rows.size(), 3u);
+    EXPECT_EQ(old.rows[0].image, "\"a\".png");
+    EXPECT_EQ(old.rows[1].image, "\"b");
+    EXPECT_EQ(old.rows[2].image, "\"c\\q\"");  // \q is no escape the writer makes
+
+    const std::string mark = "\xEF\xBB\xBF";
+    const msmcli::FrameList points = parsePointsFile(mark + "a.pgm " + Coordinates(1));
+    ASSERT_TRUE(points.ok()) << points.error;
+    EXPECT_EQ(points.rows.front().image, "a.pgm");
+    EXPECT_TRUE(parsePointsFile(mark + "image x0 y0\nb.pgm " + Coordinates(1)).ok());
+    const msmcli::FrameList manifest =
+        parseManifest(mark + ManifestHeader() + "ann,v1,0,x,a.pgm,320,240," + Coordinates(1));
+    ASSERT_TRUE(manifest.ok()) << manifest.error;
+    EXPECT_EQ(manifest.rows.front().identity, "ann");
 }
 
 TEST(EvalFigures, TiesRankAgainstTheTruePerson) {

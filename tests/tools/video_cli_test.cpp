@@ -4,7 +4,10 @@
 // stranger's video not taken for that person, and detect's points file read back by --points.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 
@@ -20,6 +23,7 @@ namespace {
 using clitest::CliRun;
 using clitest::Entries;
 using clitest::Exists;
+using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
@@ -36,13 +40,6 @@ constexpr bool kDetector = false;
 #endif
 
 const std::string kFaces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-
-void ExpectOneLineFailure(const CliRun& r, const std::string& what) {
-    EXPECT_NE(r.status, 0);
-    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
-    EXPECT_THAT(r.err, AllOf(StartsWith("msmface: "), HasSubstr(what)));
-    EXPECT_EQ(r.out, "");
-}
 
 // Frames written as an MJPG AVI, which Debian's OpenCV writes and reads without extra codecs.
 // False when the video does not read back with as many frames.
@@ -268,6 +265,79 @@ TEST_F(RealFaces, DetectWritesPointsThatPointsReadsBack) {
     r = RunCli("recognise '" + work / "dict" + "' --points '" + work / "clip.txt" + "'");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("   1    1  amy ")) << r.out;
+}
+
+// An output named like one of the inputs, directly or through a link, is refused before anything
+// is written: the video being read is never replaced by the points file or the annotated video.
+TEST_F(RealFaces, AnOutputThatIsAnInputIsRefusedAndTheInputKept) {
+    Scratch work;
+    const std::string video = PersonVideo(work, kPerson, 3);
+    ASSERT_FALSE(video.empty()) << "video writer failed";
+    const std::string bytes = ReadText(video);
+    ASSERT_EQ(::symlink(video.c_str(), (work / "soft.avi").c_str()), 0);
+    ASSERT_EQ(::link(video.c_str(), (work / "hard.avi").c_str()), 0);
+    CliRun r = RunCli("enrol '" + work / "dict" + "' --id 1 --name amy --video '" + video +
+                      "' --copies 2 --jitter 1");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string registry = ReadText(work / "dict/persons.txt");
+    for (const std::string& same : {video, work / "soft.avi", work / "hard.avi"}) {
+        ExpectOneLineFailure(RunCli("detect --video '" + video + "' --out '" + same + "'"),
+                             "--out " + same + ": is the input " + video);
+        ExpectOneLineFailure(RunCli("watch '" + work / "dict" + "' --video '" + video +
+                                    "' --annotate '" + same + "'"),
+                             "--annotate " + same + ": is the input " + video);
+        EXPECT_EQ(ReadText(video), bytes) << same;
+    }
+    ExpectOneLineFailure(RunCli("watch '" + work / "dict" + "' --video '" + video +
+                                "' --annotate '" + work / "dict/amy.avi" + "'"),
+                         "--annotate " + work / "dict/amy.avi" + ": is inside");
+    EXPECT_EQ(ReadText(work / "dict/persons.txt"), registry);
+    EXPECT_FALSE(Exists(work / "dict/amy.avi"));
+    // A picture is not drawn over by its own overlay either: the drawn frame's name is a hard
+    // link to the picture.
+    const std::string picture = work / "pic.png";
+    ASSERT_TRUE(cv::imwrite(picture, cv::imread(kFaces + "/" + rows_.at(kPerson).front().image)));
+    const std::string drawn = ReadText(picture);
+    ASSERT_EQ(::mkdir((work / "drawn").c_str(), 0755), 0);
+    ASSERT_EQ(::link(picture.c_str(), (work / "drawn/0001-pic.png").c_str()), 0);
+    ExpectOneLineFailure(RunCli("detect '" + picture + "' --overlay '" + work / "drawn" + "'"),
+                         "--overlay " + work / "drawn" + "/0001-pic.png: is the input " + picture);
+    EXPECT_EQ(ReadText(picture), drawn);
+}
+
+// Picture names with blanks, quotes, backslashes, a leading '#' or a newline are written so that
+// --points reads them back as the same names, and no name makes a row of its own.
+TEST_F(RealFaces, DetectWritesHostileNamesThatPointsReadsBack) {
+    Scratch work;
+    const std::vector<std::string> names = {
+        "two words.png", "new\nline.png", "quote\".png", "back\\slash.png",
+        "#hash.png",     "comma,.png",    "image"};
+    const std::vector<msmcli::FrameRow>& rows = rows_.at(kPerson);
+    std::string arguments;
+    std::vector<std::string> paths;
+    for (std::size_t i = 0; i < names.size() && i < rows.size(); ++i) {
+        const std::string path = work / names[i];
+        WriteText(path, ReadText(kFaces + "/" + rows[i].image));
+        paths.push_back(path);
+        std::string quoted;  // for the shell: ' ends the quote, so it is written '\''
+        for (char c : path) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        arguments += " '" + quoted + "'";
+    }
+    ASSERT_EQ(paths.size(), names.size());
+    const std::string points = work / "points.txt";
+    CliRun r = RunCli("detect" + arguments + " --out '" + points + "'");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const msmcli::FrameList list = msmcli::parsePointsFile(ReadText(points));
+    ASSERT_TRUE(list.ok()) << list.error;
+    std::vector<std::string> read;
+    for (const msmcli::FrameRow& row : list.rows) read.push_back(row.image);
+    // Every row names one of the pictures; a face is found in most of them.
+    for (const std::string& name : read)
+        EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+    EXPECT_GE(read.size(), names.size() - 2);
+    r = RunCli("enrol '" + work / "dict" + "' --id 1 --name amy --points '" + points +
+               "' --copies 8 --jitter 1");
+    EXPECT_EQ(r.status, 0) << r.err;
 }
 
 }  // namespace

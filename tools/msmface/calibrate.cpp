@@ -8,16 +8,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <msmface/gallery.h>
 
 #include "commands.h"
+#include "dictionary/atomic_file.h"
 #include "eval_metrics.h"
 #include "frame_source.h"
 #include "frames.h"
 #include "key_name.h"
+#include "program_files.h"
 #include "progress.h"
 
 namespace msmcli {
@@ -79,16 +82,33 @@ int runCalibrate(const CalibrateOptions& o) {
     const std::vector<msmface::Person> persons = g.persons();
     if (persons.empty()) return fail(o.dir + ": no persons are enrolled");
 
+    // Both outputs are tried before the long work, so that read-only media or a full disk is
+    // said at once: the threshold's folder takes a temporary file, and the scores file's
+    // temporary is made now and renamed over it at the end (never a half-written file).
+    {
+        msm::clearWriteFailure();
+        const std::string threshold = o.dir + "/" + msmface::kThresholdFileName;
+        const msm::AtomicFile trial(threshold.c_str());
+        if (trial.stream() == nullptr) return fail(msm::lastWriteFailure());
+    }
+    std::unique_ptr<msm::AtomicFile> scoresFile;
+    std::FILE* scores = nullptr;
+    if (!o.scores.empty()) {
+        InputFiles inputs;
+        inputs.add(o.manifest);
+        inputs.addFolder(o.dir);
+        error = inputs.refuseOverwrite("--scores", o.scores);
+        if (!error.empty()) return fail(error);
+        msm::clearWriteFailure();
+        scoresFile = std::make_unique<msm::AtomicFile>(o.scores.c_str());
+        scores = scoresFile->stream();
+        if (scores == nullptr) return fail(msm::lastWriteFailure());
+        std::fprintf(scores, "probe,video,candidate,score,genuine\n");
+    }
     const std::vector<Probe> probes = probesByVideo(list.rows);
     std::vector<int> genuine, impostor;
     std::map<std::string, bool> identities;  // identity -> enrolled
     int unusable = 0;
-    std::FILE* scores = nullptr;
-    if (!o.scores.empty()) {
-        scores = std::fopen(o.scores.c_str(), "w");
-        if (scores == nullptr) return fail(o.scores + ": cannot be written");
-        std::fprintf(scores, "probe,video,candidate,score,genuine\n");
-    }
     {
         Progress bar("calibrating", static_cast<int>(probes.size()));
         for (std::size_t i = 0; i < probes.size(); ++i) {
@@ -98,10 +118,7 @@ int runCalibrate(const CalibrateOptions& o) {
             identities[p.identity] = own >= 0;
             std::vector<Frame> frames;
             error = loadFrames(o.manifest, p.rows, frames);
-            if (!error.empty()) {
-                if (scores != nullptr) std::fclose(scores);
-                return fail(error);
-            }
+            if (!error.empty()) return fail(error);
             const int n = static_cast<int>(frames.size());
             const int copies = std::max(1, (o.probeFrames + n - 1) / std::max(1, n));
             const std::vector<Frame> jittered =
@@ -123,8 +140,7 @@ int runCalibrate(const CalibrateOptions& o) {
             }
         }
     }
-    if (scores != nullptr && std::fclose(scores) != 0)
-        return fail(o.scores + ": cannot be written");
+    if (scoresFile && !scoresFile->Commit()) return fail(msm::lastWriteFailure());
     if (genuine.empty())
         return fail(o.manifest + ": no identity matches a person of " + o.dir +
                     " by key name (expected the identity's name, or eval's p<k>_<name>)");

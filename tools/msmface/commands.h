@@ -124,8 +124,12 @@ int runWatch(const WatchOptions& o);
 
 // Creates dir (and its parent) when missing; an empty string or a reason.
 std::string makeFolder(const std::string& dir);
-// Removes the regular files directly inside dir (a previous run's results).
-void clearFolder(const std::string& dir);
+// The folder out/dictionary for a run of command ("demo", "eval"): made when missing, emptied
+// when every file in it is one an earlier finished run of command recorded leaving there (its
+// lock file stays), refused untouched otherwise. An empty string or one line saying why.
+std::string prepareRunDictionary(const std::string& out, const std::string& command);
+// Records the files the run leaves in out/dictionary, so that the next run may replace them.
+std::string recordRunDictionary(const std::string& out, const std::string& command);
 
 }  // namespace msmcli
 

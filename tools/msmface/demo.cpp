@@ -72,9 +72,10 @@ void placeFace(cv::Mat& picture, int x, int y, const std::vector<unsigned char>&
     bgr.copyTo(picture(cv::Rect(x, y, kTile, kTile)));
 }
 
-void drawPicture(const std::string& path, const std::vector<std::vector<unsigned char>>& enrolled,
-                 const std::vector<ProbeOutcome>& probes,
-                 const std::vector<msmface::Person>& persons) {
+std::string drawPicture(const std::string& path,
+                        const std::vector<std::vector<unsigned char>>& enrolled,
+                        const std::vector<ProbeOutcome>& probes,
+                        const std::vector<msmface::Person>& persons) {
     const int columns = static_cast<int>(std::max(enrolled.size(), probes.size()));
     const int width = kGap + columns * (kTile + kGap);
     const int rowHeight = 22 + kTile + 22;
@@ -100,7 +101,7 @@ void drawPicture(const std::string& path, const std::vector<std::vector<unsigned
         const std::string who = p.accepted ? p.best.name : "?";
         label(picture, x, y + kTile + 16, who + " " + std::to_string(p.best.score), border);
     }
-    writePicture(path, picture);
+    return writePicture(path, picture);
 }
 
 }  // namespace
@@ -109,9 +110,8 @@ int runDemo(const DemoOptions& o) {
     if (o.persons < 2 || o.persons > 20) return fail("--persons: expected 2 to 20");
     const auto start = std::chrono::steady_clock::now();
     const std::string dictionary = o.out + "/dictionary";
-    std::string error = makeFolder(dictionary);
+    std::string error = prepareRunDictionary(o.out, "demo");
     if (!error.empty()) return fail(error);
-    clearFolder(dictionary);
     auto opened = msmface::Gallery::open(dictionary);
     if (!opened.ok()) return fail(opened.message());
     msmface::Gallery& g = opened.value();
@@ -157,7 +157,9 @@ int runDemo(const DemoOptions& o) {
         probes.push_back(std::move(p));
     }
     const std::string picture = o.out + "/demo.png";
-    drawPicture(picture, enrolledFaces, probes, persons);
+    error = drawPicture(picture, enrolledFaces, probes, persons);
+    if (error.empty()) error = recordRunDictionary(o.out, "demo");
+    if (!error.empty()) return fail(error);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf(

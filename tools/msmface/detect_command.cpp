@@ -11,8 +11,10 @@
 
 #include "commands.h"
 #include "face_finder.h"
+#include "frame_list.h"
 #include "image_io.h"
 #include "picture_source.h"
+#include "program_files.h"
 
 namespace msmcli {
 namespace {
@@ -50,24 +52,14 @@ std::string nameInList(const std::string& picture, const std::string& listFolder
     return full;
 }
 
-std::string pointsLine(const std::string& name, const FoundFace& face) {
-    std::string line = name;
-    char number[32];
-    for (double v : face.points) {
-        std::snprintf(number, sizeof number, " %.2f", v);
-        line += number;
-    }
-    return line + "\n";
-}
-
-void drawOverlay(const cv::Mat& picture, const FoundFace* face, const std::string& path) {
+std::string drawOverlay(const cv::Mat& picture, const FoundFace* face, const std::string& path) {
     cv::Mat bgr = colourCopy(picture);
     if (face != nullptr)
         drawFace(bgr, *face, cv::Scalar(40, 200, 40));
     else
         cv::putText(bgr, "no face", cv::Point(8, 24), cv::FONT_HERSHEY_SIMPLEX, 0.7,
                     cv::Scalar(40, 40, 220), 2, cv::LINE_AA);
-    writePicture(path, bgr);
+    return writePicture(path, bgr);
 }
 
 }  // namespace
@@ -77,6 +69,16 @@ int runDetect(const DetectOptions& o) {
         return fail("detect: expected picture files or --video FILE (one of the two)");
     if (!o.video.empty() && o.out.empty())
         return fail("--out: expected a points file; a video's frames are written beside it");
+    // Nothing this command writes may replace what it reads: a points file over the video, a
+    // drawn frame over a picture.
+    InputFiles inputs;
+    for (const std::string& picture : o.images) inputs.add(picture);
+    inputs.add(o.video);
+    inputs.add(o.model);
+    if (!o.out.empty()) {
+        const std::string refused = inputs.refuseOverwrite("--out", o.out);
+        if (!refused.empty()) return fail(refused);
+    }
     PictureSourceOptions sourceOptions;
     sourceOptions.images = o.images;
     sourceOptions.video = o.video;
@@ -108,17 +110,22 @@ int runDetect(const DetectOptions& o) {
             const std::string name =
                 o.video.empty() ? std::string(number + 2) + "-" + stemOf(source->frameName())
                                 : std::string("frame") + number;
-            drawOverlay(picture, has ? &face : nullptr, o.overlay + "/" + name + ".png");
+            const std::string path = o.overlay + "/" + name + ".png";
+            error = inputs.refuseOverwrite("--overlay", path);
+            if (error.empty()) error = drawOverlay(picture, has ? &face : nullptr, path);
+            if (!error.empty()) return fail(error);
         }
         if (!has) continue;
         ++found;
         std::string picturePath = source->frameName();
         if (!o.video.empty()) {
             picturePath = framesFolder + "/" + number + ".png";
-            if (!writePicture(picturePath, picture))
-                return fail(picturePath + ": cannot be written");
+            error = inputs.refuseOverwrite("--out", picturePath);
+            if (error.empty()) error = writePicture(picturePath, picture);
+            if (!error.empty()) return fail(error);
         }
-        points += pointsLine(nameInList(picturePath, o.out.empty() ? "" : folderOf(o.out)), face);
+        points += pointsFileRow(nameInList(picturePath, o.out.empty() ? "" : folderOf(o.out)),
+                                face.points);
     }
     if (!source->error().empty()) return fail(source->error());
     if (found == 0)
@@ -129,15 +136,10 @@ int runDetect(const DetectOptions& o) {
         std::fputs(points.c_str(), stdout);
         return 0;
     }
-    // Written aside and renamed, so that an interrupted run never leaves half a points file.
-    const std::string temp = o.out + ".tmp";
-    std::FILE* f = std::fopen(temp.c_str(), "w");
-    bool written = f != nullptr && std::fputs(points.c_str(), f) >= 0;
-    if (f != nullptr) written = std::fclose(f) == 0 && written;
-    if (!written || std::rename(temp.c_str(), o.out.c_str()) != 0) {
-        std::remove(temp.c_str());
-        return fail(o.out + ": cannot be written");
-    }
+    // Checked again: the folders made meanwhile may have turned a name into an input's.
+    error = inputs.refuseOverwrite("--out", o.out);
+    if (error.empty()) error = writeOutputFile(o.out, points);
+    if (!error.empty()) return fail(error);
     std::printf("found a face in %d of %d frames; points: %s\n", found, source->taken(),
                 o.out.c_str());
     if (!o.overlay.empty()) std::printf("drawn frames: %s\n", o.overlay.c_str());

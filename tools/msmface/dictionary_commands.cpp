@@ -1,6 +1,5 @@
 // enrol, recognise, delete, list, constraint and inspect: the commands that work on a dictionary
 // directory or a file in it.
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,19 +127,6 @@ std::string makeFolder(const std::string& dir) {
     return {};
 }
 
-void clearFolder(const std::string& dir) {
-    DIR* d = ::opendir(dir.c_str());
-    if (d == nullptr) return;
-    std::vector<std::string> names;
-    while (dirent* e = ::readdir(d)) names.push_back(e->d_name);
-    ::closedir(d);
-    for (const std::string& name : names) {
-        const std::string path = dir + "/" + name;
-        struct stat st {};
-        if (::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) ::unlink(path.c_str());
-    }
-}
-
 int runEnrol(const EnrolOptions& o) {
     // Everything a user can get wrong is checked before the first file is written.
     std::vector<Frame> frames;
@@ -161,6 +147,7 @@ int runRecognise(const RecogniseOptions& o) {
                     ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)");
     if (o.threshold < -1 || o.threshold > 1000)
         return fail("--threshold: expected 0 to 1000 (or -1 for the directory's stored one)");
+    if (o.top < 1) return fail("--top " + std::to_string(o.top) + ": expected 1 or more");
     std::vector<Frame> frames;
     std::string error = gatherFrames(o.frames, frames);
     if (!error.empty()) return fail(error);

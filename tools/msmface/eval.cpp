@@ -15,6 +15,7 @@
 
 #include "commands.h"
 #include "detected_frames.h"
+#include "dictionary/atomic_file.h"
 #include "eval_metrics.h"
 #include "eval_summary.h"
 #include "face_finder.h"
@@ -22,6 +23,7 @@
 #include "frames.h"
 #include "image_io.h"
 #include "key_name.h"
+#include "program_files.h"
 #include "progress.h"
 #include "report_page.h"
 
@@ -116,19 +118,6 @@ class Stopwatch {
     std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
-// Writes text to path through a temporary file, so that a reader never sees half a file.
-std::string writeWhole(const std::string& path, const std::string& text) {
-    const std::string temp = path + ".tmp";
-    std::FILE* f = std::fopen(temp.c_str(), "wb");
-    if (f == nullptr) return path + ": cannot be written";
-    const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-    if (std::fclose(f) != 0 || !ok || std::rename(temp.c_str(), path.c_str()) != 0) {
-        std::remove(temp.c_str());
-        return path + ": cannot be written";
-    }
-    return {};
-}
-
 }  // namespace
 
 int runEval(const EvalOptions& o) {
@@ -152,9 +141,17 @@ int runEval(const EvalOptions& o) {
     if (persons.size() < 2)
         return fail(o.manifest + ": expected at least two persons with two or more videos each");
     const std::string dictionary = o.out + "/dictionary";
-    error = makeFolder(dictionary);
+    const std::string csvPath = o.out + "/scores.csv";
+    const std::string jsonPath = o.out + "/summary.json";
+    const std::string pagePath = o.out + "/report.html";
+    InputFiles inputs;
+    inputs.add(o.manifest);
+    for (const std::string& output : {csvPath, jsonPath, pagePath}) {
+        error = inputs.refuseOverwrite("--out", output);
+        if (!error.empty()) return fail(error);
+    }
+    error = prepareRunDictionary(o.out, "eval");
     if (!error.empty()) return fail(error);
-    clearFolder(dictionary);
     auto opened = msmface::Gallery::open(dictionary);
     if (!opened.ok()) return fail(opened.message());
     msmface::Gallery& g = opened.value();
@@ -224,11 +221,12 @@ int runEval(const EvalOptions& o) {
     summary.stages.push_back({"constraint space", watch.lap()});
     const std::vector<msmface::Person> enrolledPersons = g.persons();
 
-    const std::string csvPath = o.out + "/scores.csv";
-    const std::string csvTemp = csvPath + ".tmp";
-    std::FILE* csv = std::fopen(csvTemp.c_str(), "w");
-    if (csv == nullptr) return fail(csvPath + ": cannot be written");
-    std::fprintf(csv, "method,probe,candidate,score,genuine\n");
+    // Streamed into a temporary beside the target (all persons' scores by three methods can be
+    // large) and renamed over it only when complete.
+    msm::clearWriteFailure();
+    msm::AtomicFile csv(csvPath.c_str());
+    if (csv.stream() == nullptr) return fail(msm::lastWriteFailure());
+    std::fprintf(csv.stream(), "method,probe,candidate,score,genuine\n");
     // Every enrolled person's probe by one method: its scores, and the scores file's rows when
     // csv is given.
     auto probeAll = [&](msmface::Method method, const std::string& stage, std::FILE* rows) {
@@ -257,17 +255,12 @@ int runEval(const EvalOptions& o) {
         MethodResult m;
         m.method = static_cast<int>(method);
         m.name = name;
-        m.scores = probeAll(method, std::string("probing ") + name, csv);
+        m.scores = probeAll(method, std::string("probing ") + name, csv.stream());
         m.figures = computeFigures(m.scores, o.threshold);
         summary.methods.push_back(std::move(m));
         summary.stages.push_back({std::string("probing by ") + name, watch.lap()});
     }
-    const bool written =
-        std::fclose(csv) == 0 && std::rename(csvTemp.c_str(), csvPath.c_str()) == 0;
-    if (!written) {
-        std::remove(csvTemp.c_str());
-        return fail(csvPath + ": cannot be written");
-    }
+    if (!csv.Commit()) return fail(msm::lastWriteFailure());
 
     if (!o.noSweep) {
         for (int d :
@@ -296,11 +289,10 @@ int runEval(const EvalOptions& o) {
         summary.stages.push_back({"CMSM dimension sweep", watch.lap()});
     }
 
-    const std::string jsonPath = o.out + "/summary.json";
-    const std::string pagePath = o.out + "/report.html";
     const std::string page = reportPage(summary, faces);
-    error = writeWhole(jsonPath, summaryJson(summary));
-    if (error.empty()) error = writeWhole(pagePath, page);
+    error = writeOutputFile(jsonPath, summaryJson(summary));
+    if (error.empty()) error = writeOutputFile(pagePath, page);
+    if (error.empty()) error = recordRunDictionary(o.out, "eval");
     if (!error.empty()) return fail(error);
 
     std::fputs(summaryTable(summary).c_str(), stdout);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 
@@ -16,7 +17,15 @@ std::string_view trim(std::string_view s) {
     return s;
 }
 
+// A byte order mark is how some editors begin a UTF-8 file; it is no part of the first name.
+std::string_view withoutByteOrderMark(std::string_view text) {
+    constexpr std::string_view kMark = "\xEF\xBB\xBF";
+    if (text.substr(0, kMark.size()) == kMark) text.remove_prefix(kMark.size());
+    return text;
+}
+
 std::vector<std::string_view> splitLines(std::string_view text) {
+    text = withoutByteOrderMark(text);
     std::vector<std::string_view> lines;
     std::size_t start = 0;
     while (start <= text.size()) {
@@ -83,7 +92,111 @@ std::string readPoints(const std::vector<std::string_view>& fields, std::size_t 
     return {};
 }
 
+bool needsQuotes(std::string_view name) {
+    // A name that begins like a byte order mark would lose it as a file's first row.
+    if (name.empty() || name == "image" || name.front() == '#' ||
+        name.substr(0, 3) == "\xEF\xBB\xBF")
+        return true;
+    for (const char c : name) {
+        const auto u = static_cast<unsigned char>(c);
+        if (u <= ' ' || u == 0x7f || c == ',' || c == '"' || c == '\\') return true;
+    }
+    return false;
+}
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// A quoted name at the start of line: true with the name and what follows the closing quote when
+// the quotes close, every escape is one pointsFileRow writes, and a blank, a comma or the line's
+// end follows.
+bool readQuotedName(std::string_view line, std::string& name, std::string_view& rest) {
+    if (line.empty() || line.front() != '"') return false;
+    name.clear();
+    for (std::size_t i = 1; i < line.size(); ++i) {
+        const char c = line[i];
+        if (c == '"') {
+            rest = line.substr(i + 1);
+            return rest.empty() || rest.front() == ' ' || rest.front() == '\t' ||
+                   rest.front() == ',';
+        }
+        if (c != '\\') {
+            name += c;
+            continue;
+        }
+        if (++i == line.size()) return false;
+        switch (line[i]) {
+            case '"':
+                name += '"';
+                break;
+            case '\\':
+                name += '\\';
+                break;
+            case 'n':
+                name += '\n';
+                break;
+            case 'r':
+                name += '\r';
+                break;
+            case 't':
+                name += '\t';
+                break;
+            case 'x': {
+                const int high = i + 2 < line.size() ? hexDigit(line[i + 1]) : -1;
+                const int low = high >= 0 ? hexDigit(line[i + 2]) : -1;
+                if (low < 0) return false;
+                name += static_cast<char>(high * 16 + low);
+                i += 2;
+                break;
+            }
+            default:
+                return false;
+        }
+    }
+    return false;
+}
+
 }  // namespace
+
+std::string pointsFileRow(std::string_view image,
+                          const std::array<double, 2 * kPointCount>& points) {
+    std::string line;
+    if (!needsQuotes(image)) {
+        line = image;
+    } else {
+        line = '"';
+        for (const char c : image) {
+            const auto u = static_cast<unsigned char>(c);
+            if (c == '"' || c == '\\') {
+                line += '\\';
+                line += c;
+            } else if (c == '\n') {
+                line += "\\n";
+            } else if (c == '\r') {
+                line += "\\r";
+            } else if (c == '\t') {
+                line += "\\t";
+            } else if (u < ' ' || u == 0x7f) {
+                char escaped[8];
+                std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+                line += escaped;
+            } else {
+                line += c;
+            }
+        }
+        line += '"';
+    }
+    char number[32];
+    for (double v : points) {
+        std::snprintf(number, sizeof number, " %.2f", v);
+        line += number;
+    }
+    return line + "\n";
+}
 
 FrameList parseManifest(std::string_view text) {
     FrameList list;
@@ -167,8 +280,12 @@ FrameList parsePointsFile(std::string_view text) {
         if (line.empty() || line.front() == '#') continue;
         FrameRow row;
         row.line = static_cast<int>(l) + 1;
-        const std::vector<std::string_view> fields = splitFields(line, true);
-        const bool header = first && !fields.empty() && fields[0] == "image";
+        std::string quotedName;
+        std::string_view rest;
+        const bool quoted = readQuotedName(line, quotedName, rest);
+        std::vector<std::string_view> fields = splitFields(quoted ? rest : line, true);
+        if (quoted) fields.insert(fields.begin(), quotedName);
+        const bool header = first && !quoted && !fields.empty() && fields[0] == "image";
         first = false;
         if (header) continue;
         if (fields.size() != 1 + 2 * kPointCount) {

@@ -43,8 +43,17 @@ FrameList parseManifest(std::string_view text);
 
 // A points file: rows "image, x0, y0, ... x13, y13" (29 fields, commas or blanks between them);
 // blank lines and lines starting with '#' are skipped, and so is a first row whose first field
-// is "image".
+// is "image". An image name that starts with a double quote and closes it before a blank, a comma
+// or the line's end is a quoted name (see pointsFileRow); any other name is read as it stands.
+// A UTF-8 byte order mark before the first row (of either kind of list) is no part of it.
 FrameList parsePointsFile(std::string_view text);
+
+// One row of a points file, ending in a newline, that parsePointsFile reads back as image and
+// points. A name that would not read back as it stands (blanks, commas, quotes, backslashes,
+// control characters, a leading '#' or byte order mark, empty, or "image") is written in double
+// quotes with \", \\, \n, \r, \t and \xHH escapes; every other name is written as before.
+std::string pointsFileRow(std::string_view image,
+                          const std::array<double, 2 * kPointCount>& points);
 
 }  // namespace msmcli
 

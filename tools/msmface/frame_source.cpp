@@ -1,11 +1,6 @@
 #include "frame_source.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include "program_files.h"
 
 namespace msmcli {
 namespace {
@@ -13,16 +8,10 @@ namespace {
 constexpr std::size_t kMaxListBytes = 256u * 1024 * 1024;
 
 std::string readText(const std::string& path, std::string& text) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0)
-        return path + ": cannot be read (" + std::strerror(errno) + ")";
-    if (!S_ISREG(st.st_mode)) return path + ": expected a file, found a folder or a device";
-    if (static_cast<std::size_t>(st.st_size) > kMaxListBytes)
-        return path + ": larger than 256 MiB; expected a list of frames";
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return path + ": cannot be read";
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return {};
+    std::vector<unsigned char> bytes;
+    std::string error = readInputFile(path, kMaxListBytes, "a list of frames", bytes);
+    text.assign(bytes.begin(), bytes.end());
+    return error;
 }
 
 std::string folderOf(const std::string& path) {

@@ -1,16 +1,13 @@
 #include "image_io.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <cstring>
-#include <fstream>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "picture_header.h"
+#include "program_files.h"
 
 namespace msmcli {
 namespace {
@@ -25,48 +22,34 @@ std::string sizeRefused(const std::string& path, long long width, long long heig
            " pixels is outside what a camera frame can be";
 }
 
-std::string readBytes(const std::string& path, std::vector<unsigned char>& bytes) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0)
-        return path + ": cannot open the image (" + std::strerror(errno) + ")";
-    if (!S_ISREG(st.st_mode)) return path + ": cannot open the image (expected a file)";
-    if (st.st_size > kMaxPictureFileBytes)
-        return path + ": larger than 512 MiB; expected a picture";
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return path + ": cannot open the image (" + std::strerror(errno) + ")";
-    bytes.resize(static_cast<std::size_t>(st.st_size));
-    if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())))
-        return path + ": cannot open the image (read failed)";
-    return {};
-}
-
 }  // namespace
 
 std::string loadPicture(const std::string& path, cv::Mat& out) {
     std::vector<unsigned char> bytes;
-    std::string error = readBytes(path, bytes);
+    std::string error =
+        readInputFile(path, static_cast<std::size_t>(kMaxPictureFileBytes), "a picture", bytes);
     if (!error.empty()) return error;
+    if (bytes.empty()) return path + ": empty file; expected a picture";
     const PictureHeader header = readPictureHeader(bytes.data(), bytes.size());
-    if (header.known && header.deep)
-        return path + ": 16 bits per sample; expected an 8-bit picture";
-    if (header.known && !sizeAllowed(header.width, header.height))
+    // Only a picture whose header states its size is decoded: the size is checked first, so that
+    // a small file cannot make the decoder allocate gigabytes before it is refused.
+    if (!header.known)
+        return path +
+               ": not a picture of a known kind, or its header is cut short (expected PNG, JPEG, "
+               "BMP, PGM/PPM, TIFF or WebP)";
+    if (header.deep) return path + ": 16 bits per sample; expected an 8-bit picture";
+    if (!sizeAllowed(header.width, header.height))
         return sizeRefused(path, header.width, header.height);
     cv::Mat decoded;
-    std::string reason;
     try {
         // Any depth, so that a deep picture of a format not read above is told apart rather than
         // silently cut to 8 bits; not IMREAD_UNCHANGED, which would skip the EXIF orientation.
         decoded = cv::imdecode(bytes, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR);
-    } catch (const cv::Exception& e) {
-        reason = e.err;
+    } catch (const cv::Exception&) {
+        // The decoder's own words name its internals, not the user's file.
+        decoded.release();
     }
-    if (decoded.empty()) {
-        if (!header.known && reason.empty())
-            return path +
-                   ": not a picture of a known kind (expected PNG, JPEG, BMP, PGM/PPM, TIFF or "
-                   "WebP)";
-        return path + ": the picture does not decode" + (reason.empty() ? "" : " (" + reason + ")");
-    }
+    if (decoded.empty()) return path + ": the picture does not decode (damaged or cut short)";
     if (decoded.depth() != CV_8U) return path + ": 16 bits per sample; expected an 8-bit picture";
     if (!sizeAllowed(decoded.cols, decoded.rows))
         return sizeRefused(path, decoded.cols, decoded.rows);
@@ -129,18 +112,22 @@ bool writePng(const std::string& path, int width, int height, int channels,
               const std::vector<unsigned char>& pixels) {
     if (pixels.size() != static_cast<std::size_t>(width) * height * channels) return false;
     const std::vector<unsigned char> png = encodePng(width, height, channels, pixels.data());
-    if (png.empty()) return false;
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(png.data()), static_cast<std::streamsize>(png.size()));
-    return static_cast<bool>(out.flush());
+    return !png.empty() && writeOutputFile(path, png.data(), png.size()).empty();
 }
 
-bool writePicture(const std::string& path, const cv::Mat& picture) {
+std::string writePicture(const std::string& path, const cv::Mat& picture) {
+    const std::size_t dot = path.rfind('.');
+    const std::size_t slash = path.rfind('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return path + ": expected a picture name ending in .png, .jpg or another picture format";
+    std::vector<unsigned char> encoded;
     try {
-        return cv::imwrite(path, picture);
+        if (!cv::imencode(path.substr(dot), picture, encoded)) encoded.clear();
     } catch (const cv::Exception&) {
-        return false;
+        encoded.clear();
     }
+    if (encoded.empty()) return path + ": cannot be written as a picture of this kind";
+    return writeOutputFile(path, encoded.data(), encoded.size());
 }
 
 }  // namespace msmcli

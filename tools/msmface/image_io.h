@@ -12,8 +12,9 @@ class Mat;
 
 namespace msmcli {
 
-// Larger pictures are refused, before any pixel is decoded where the file's header says its size
-// (PNG, JPEG, BMP, PGM/PPM); other formats are checked once decoded.
+// Larger pictures are refused before any pixel is decoded: the size is read from the file's
+// header (PNG, JPEG, BMP, PGM/PPM, TIFF, WebP), and a file whose header does not state it is not
+// decoded at all.
 inline constexpr int kMaxPictureSide = 16384;
 inline constexpr long long kMaxPicturePixels = 64LL * 1024 * 1024;
 // A picture file larger than this is not a camera frame.
@@ -28,7 +29,7 @@ struct GreyImage {
 // Decodes the picture at path (PGM/PPM, PNG, JPEG, BMP, TIFF, WebP, ... as OpenCV reads them; a
 // photo's EXIF orientation is applied) into 8-bit BGR when it has colour, else 8-bit grey.
 // Returns an empty string, or a one-line reason naming the file: missing or unreadable, not a
-// picture, 16 bits per sample, or larger than the limits above.
+// regular file, empty, not a picture, 16 bits per sample, or larger than the limits above.
 std::string loadPicture(const std::string& path, cv::Mat& out);
 
 // The same, mixed down to grey ((R*299 + G*587 + B*114) / 1000, as the engine does).
@@ -39,11 +40,13 @@ std::string loadGreyImage(const std::string& path, GreyImage& out);
 std::vector<unsigned char> encodePng(int width, int height, int channels,
                                      const unsigned char* pixels);
 
-// Writes such pixels as a PNG file. False when the file cannot be written.
+// Writes such pixels as a PNG file (replaced whole, never left half-written). False when the file
+// cannot be written.
 bool writePng(const std::string& path, int width, int height, int channels,
               const std::vector<unsigned char>& pixels);
-// Writes an OpenCV picture (grey or BGR) in the format its name ends with. False on failure.
-bool writePicture(const std::string& path, const cv::Mat& picture);
+// Writes an OpenCV picture (grey or BGR) in the format its name ends with, replaced whole. An
+// empty string, or one line naming the file and why it was not written.
+std::string writePicture(const std::string& path, const cv::Mat& picture);
 
 // Grey pixels of a picture that is grey or BGR, mixed as the engine mixes colour.
 GreyImage greyOf(const cv::Mat& picture);

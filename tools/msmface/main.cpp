@@ -2,10 +2,12 @@
 // recognises them, keeps the constraint space, describes the engine's files, evaluates on a
 // manifest of real faces, and shows it all on built-in synthetic faces (msmface demo).
 #include <cstdio>
+#include <new>
 #include <string>
 
 #include <msmface/msmface.h>
 #include <CLI/CLI.hpp>
+#include <opencv2/core.hpp>
 
 #include "commands.h"
 
@@ -190,18 +192,27 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
-    if (demoCmd->parsed()) return runDemo(demo);
-    if (enrolCmd->parsed()) return runEnrol(enrol);
-    if (recogCmd->parsed()) return runRecognise(recog);
-    if (deleteCmd->parsed()) return runDelete(deleteDir, deleteId, deleteNoWait);
-    if (listCmd->parsed()) return runList(listDir);
-    if (constraintCmd->parsed()) return runConstraint(constraintDir, dimension, constraintNoWait);
-    if (inspectCmd->parsed()) return runInspect(inspectPath);
-    if (evalCmd->parsed()) return runEval(eval);
-    if (checkCmd->parsed()) return runCheck(check);
-    if (calibrateCmd->parsed()) return runCalibrate(calibrate);
+    // What a command does not catch itself ends here in one line: OpenCV's own text names its
+    // source files and assertions, nothing a user can act on.
+    try {
+        if (demoCmd->parsed()) return runDemo(demo);
+        if (enrolCmd->parsed()) return runEnrol(enrol);
+        if (recogCmd->parsed()) return runRecognise(recog);
+        if (deleteCmd->parsed()) return runDelete(deleteDir, deleteId, deleteNoWait);
+        if (listCmd->parsed()) return runList(listDir);
+        if (constraintCmd->parsed())
+            return runConstraint(constraintDir, dimension, constraintNoWait);
+        if (inspectCmd->parsed()) return runInspect(inspectPath);
+        if (evalCmd->parsed()) return runEval(eval);
+        if (checkCmd->parsed()) return runCheck(check);
+        if (calibrateCmd->parsed()) return runCalibrate(calibrate);
 
-    if (detectCmd->parsed()) return runDetect(detect);
-    if (watchCmd->parsed()) return runWatch(watch);
+        if (detectCmd->parsed()) return runDetect(detect);
+        if (watchCmd->parsed()) return runWatch(watch);
+    } catch (const cv::Exception&) {
+        return fail("a picture or a video could not be processed (the picture library failed)");
+    } catch (const std::bad_alloc&) {
+        return fail("out of memory");
+    }
     return kExitUsage;
 }

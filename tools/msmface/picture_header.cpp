@@ -115,12 +115,82 @@ PictureHeader pnmHeader(Bytes b) {
     return h;
 }
 
+// Baseline TIFF: the first image's ImageWidth (256) and ImageLength (257), each a SHORT or a
+// LONG, and its BitsPerSample (258). Either byte order. BigTIFF is left unknown.
+PictureHeader tiffHeader(Bytes b) {
+    PictureHeader h;
+    if (b.size() < 8) return h;
+    const bool little = b[0] == 'I' && b[1] == 'I';
+    if (!little && !(b[0] == 'M' && b[1] == 'M')) return h;
+    auto number = [&](std::size_t at, int bytes) {
+        return little ? littleEndian(b.at(at), bytes) : bigEndian(b.at(at), bytes);
+    };
+    if (number(2, 2) != 42) return h;
+    const std::size_t ifd = number(4, 4);
+    if (ifd < 8 || ifd > b.size() || b.size() - ifd < 2) return h;
+    const std::size_t entries = number(ifd, 2);
+    if (entries > (b.size() - ifd - 2) / 12) return h;
+    bool width = false, height = false;
+    for (std::size_t e = 0; e < entries; ++e) {
+        const std::size_t at = ifd + 2 + 12 * e;
+        const uint32_t tag = number(at, 2), type = number(at + 2, 2), count = number(at + 4, 4);
+        // A SHORT is left-justified in the value field in either byte order.
+        const int valueBytes = type == 3 ? 2 : type == 4 ? 4 : 0;
+        if (valueBytes == 0 || count == 0) continue;
+        if (tag == 256 || tag == 257) {
+            if (count != 1) return h;
+            (tag == 256 ? h.width : h.height) = number(at + 8, valueBytes);
+            (tag == 256 ? width : height) = true;
+        } else if (tag == 258 && type == 3) {
+            // One SHORT per sample: inline up to two, else at the offset the field holds.
+            std::size_t values = at + 8;
+            if (count > 2) {
+                values = number(at + 8, 4);
+                if (values > b.size() || (b.size() - values) / 2 < count) continue;
+            }
+            for (uint32_t k = 0; k < count; ++k)
+                if (number(values + 2 * k, 2) > 8) h.deep = true;
+        }
+    }
+    h.known = width && height;
+    return h;
+}
+
+// WebP: the first chunk of the RIFF container tells the size, as a lossy key frame (VP8 ), a
+// lossless stream (VP8L) or the extended header's canvas (VP8X).
+PictureHeader webpHeader(Bytes b) {
+    PictureHeader h;
+    if (b.size() < 30 || std::memcmp(b.data, "RIFF", 4) != 0 ||
+        std::memcmp(b.data + 8, "WEBP", 4) != 0)
+        return h;
+    const unsigned char* chunk = b.at(12);
+    if (std::memcmp(chunk, "VP8 ", 4) == 0) {
+        // Frame tag (3 bytes), start code 9d 01 2a, then 14-bit width and height.
+        if (b[23] != 0x9d || b[24] != 0x01 || b[25] != 0x2a) return h;
+        h.width = littleEndian(b.at(26), 2) & 0x3fff;
+        h.height = littleEndian(b.at(28), 2) & 0x3fff;
+    } else if (std::memcmp(chunk, "VP8L", 4) == 0) {
+        if (b[20] != 0x2f) return h;
+        const uint32_t bits = littleEndian(b.at(21), 4);
+        h.width = (bits & 0x3fff) + 1;
+        h.height = ((bits >> 14) & 0x3fff) + 1;
+    } else if (std::memcmp(chunk, "VP8X", 4) == 0) {
+        h.width = static_cast<long long>(littleEndian(b.at(24), 3)) + 1;
+        h.height = static_cast<long long>(littleEndian(b.at(27), 3)) + 1;
+    } else {
+        return h;
+    }
+    h.known = true;
+    return h;
+}
+
 }  // namespace
 
 PictureHeader readPictureHeader(const unsigned char* data, std::size_t size) {
     if (data == nullptr) return {};
     const Bytes b{data, size};
-    for (PictureHeader (*reader)(Bytes) : {pngHeader, jpegHeader, bmpHeader, pnmHeader}) {
+    for (PictureHeader (*reader)(Bytes) :
+         {pngHeader, jpegHeader, bmpHeader, pnmHeader, tiffHeader, webpHeader}) {
         const PictureHeader h = reader(b);
         if (h.known) return h;
     }

@@ -9,14 +9,14 @@
 namespace msmcli {
 
 struct PictureHeader {
-    bool known = false;  // PNG, JPEG, BMP or PGM/PPM/PBM with a complete size field
+    bool known = false;  // PNG, JPEG, BMP, PGM/PPM/PBM, TIFF or WebP with a complete size field
     long long width = 0;
     long long height = 0;
     bool deep = false;  // more than 8 bits per sample
 };
 
 // The header of the file whose first size bytes are at data. Not known: another format, or too
-// few bytes to tell; the decoder then judges the file.
+// few bytes to tell; such a file is not handed to a decoder.
 PictureHeader readPictureHeader(const unsigned char* data, std::size_t size);
 
 }  // namespace msmcli

@@ -61,9 +61,10 @@ class Capture : public PictureSource {
         bool read = false;
         try {
             read = capture_.read(frame);
-        } catch (const cv::Exception& e) {
-            error_ = name_ + ": frame " + std::to_string(taken_ + 1) + " does not decode (" +
-                     e.err + ")";
+        } catch (const cv::Exception&) {
+            // The decoder's own words name its internals, not the user's video.
+            error_ = name_ + ": frame " + std::to_string(taken_ + 1) +
+                     " does not decode (damaged or cut short)";
             return false;
         }
         if (!read || frame.empty()) {

@@ -19,6 +19,7 @@
 #include "commands.h"
 #include "face_finder.h"
 #include "picture_source.h"
+#include "program_files.h"
 
 namespace msmcli {
 namespace {
@@ -77,11 +78,25 @@ int runWatch(const WatchOptions& o) {
                     ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)");
     if (o.threshold < -1 || o.threshold > 1000)
         return fail("--threshold: expected 0 to 1000 (or -1: the directory's stored one)");
+    if (o.frames < 0)
+        return fail("--frames " + std::to_string(o.frames) +
+                    ": expected 1 or more (or 0: the whole video)");
     if (o.video.empty() == (o.camera < 0) && o.camera >= -1)
         return fail("watch: expected --video FILE or --camera INDEX (one of the two)");
     if (!o.annotate.empty() && fourccFor(o.annotate) == 0)
         return fail("--annotate " + o.annotate + ": expected a video name ending in .mp4 or .avi");
 
+    // The annotated video is written aside and renamed at the end: never over the video being
+    // read, the model or a file of the directory, and never left half-written in place.
+    std::unique_ptr<OutputBeside> annotated;
+    if (!o.annotate.empty()) {
+        InputFiles inputs;
+        inputs.add(o.video);
+        inputs.add(o.model);
+        inputs.addFolder(o.dir);
+        const std::string refused = inputs.refuseOverwrite("--annotate", o.annotate);
+        if (!refused.empty()) return fail(refused);
+    }
     PictureSourceOptions sourceOptions;
     sourceOptions.video = o.video;
     sourceOptions.camera = o.camera;
@@ -154,8 +169,10 @@ int runWatch(const WatchOptions& o) {
             cv::Mat bgr = colourCopy(frame);
             annotate(bgr, hasFace ? &face : nullptr, *state);
             if (!writer.isOpened()) {
-                writer.open(o.annotate, cv::CAP_FFMPEG, fourccFor(o.annotate), source->rate(),
-                            bgr.size());
+                annotated = std::make_unique<OutputBeside>(o.annotate);
+                if (annotated->temporary().empty()) return fail(annotated->error());
+                writer.open(annotated->temporary(), cv::CAP_FFMPEG, fourccFor(o.annotate),
+                            source->rate(), bgr.size());
                 if (!writer.isOpened()) return fail(o.annotate + ": cannot be written as a video");
             }
             writer.write(bgr);
@@ -163,6 +180,10 @@ int runWatch(const WatchOptions& o) {
     }
     if (!source->error().empty()) return fail(source->error());
     writer.release();
+    if (annotated) {
+        error = annotated->commit();
+        if (!error.empty()) return fail(error);
+    }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("\nsummary: %d frames (%s of video), a face in %d; %.1f frames per second\n",
