@@ -1,6 +1,7 @@
 // The Gallery: a dictionary directory, its registry and one engine that enrols, removes and
 // recognises in it the way the msmface program always has.
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <mutex>
 
 #include <msmface/FileSummary.h>
+#include <msmface/store.h>
 
 #include "dictionary/atomic_file.h"
 #include "dictionary/registry.h"
@@ -99,8 +101,11 @@ std::string readListed(const std::string& dir, std::vector<Person>& persons,
     if (!error.empty()) return error;
     persons.clear();
     orphans.clear();
+    // A person whose key name is the constraint space's (enrolled by an older version, or
+    // written by hand) has no files of its own: it is left out, as one without files is.
     for (const Person& p : listed)
-        (exists(dir + "/" + p.name + ".dck") ? persons : orphans).push_back(p);
+        (!msm::isReservedKeyName(p.name) && exists(dir + "/" + p.name + ".dck") ? persons : orphans)
+            .push_back(p);
     return {};
 }
 
@@ -144,6 +149,8 @@ std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir)
     const std::string list = constraintListPath(dir);
     if (!hasConstraintList(dir))
         return dir + ": no constraint space yet (run \"msmface constraint " + dir + "\")";
+    const std::string problem = msm::constraintListProblem(dir);
+    if (!problem.empty()) return problem;
     int status = 0;
     {
         QuietStandardError quiet;
@@ -307,8 +314,19 @@ bool Gallery::Impl::crop(const Sample& sample) {
 }
 
 void Gallery::Impl::removePersonFiles(const std::string& name) const {
-    for (const char* ext : {".dck", ".mck", ".bmp", ".dckev"})
-        ::unlink((dir() + "/" + name + ext).c_str());
+    // The constraint space's files are never a person's, whatever the registry says.
+    if (msm::isReservedKeyName(name)) return;
+    for (const char* ext : msm::kPersonExtensions) ::unlink((dir() + "/" + name + ext).c_str());
+}
+
+std::string Gallery::Impl::existingPersonFile(const std::string& name) const {
+    for (const char* ext : msm::kPersonExtensions) {
+        const std::string path = dir() + "/" + name + ext;
+        struct stat st {};
+        // lstat: a link, a folder or a pipe of that name is in the way as much as a file is.
+        if (::lstat(path.c_str(), &st) == 0) return path;
+    }
+    return {};
 }
 
 Status Gallery::Impl::loadConstraint() {
@@ -399,6 +417,8 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         return fail(ErrorKind::Argument, "--name \"" + name +
                                              "\": expected 1 to 64 letters, digits, '_', '-' "
                                              "or '.', not starting with '.'");
+    if (msm::isReservedKeyName(name))
+        return fail(ErrorKind::Argument, "--name " + msm::reservedKeyNameReason(name));
     if (frames.empty())
         return fail(ErrorKind::Argument, "no frames: expected at least one image with its points");
     Status status = g.checkSamples(frames);
@@ -420,6 +440,19 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         if (p.id == id || p.name == name)
             return fail(ErrorKind::Argument, "--id/--name: " + std::to_string(p.id) + " " + p.name +
                                                  " is listed without its files; delete it first");
+    // A file of this name that no entry lists is the user's (a person taken out of the registry
+    // by hand, a picture put there): the enrolment would replace it, and a failed one remove it.
+    const std::string foreign = g.existingPersonFile(name);
+    // Without a registry nothing tells a killed enrolment's files from a host's person: only
+    // with one does a repair move them.
+    if (!foreign.empty())
+        return fail(ErrorKind::File,
+                    foreign + ": exists, and no person of the registry names it; move it away" +
+                        (exists(detail::registryPath(g.dir()))
+                             ? std::string(" or run \"msmface check --repair\" (which moves it "
+                                           "to ") +
+                                   kLostAndFoundName + ")"
+                             : std::string()));
     status = g.checkWritable();
     if (!status.ok()) return status;
 
@@ -507,17 +540,30 @@ Status Gallery::remove(int id) {
         if (p.id != id) next.push_back(p);
     for (const Person& p : g.state->orphans)
         if (p.id != id) next.push_back(p);
-    const std::string error = detail::saveRegistry(g.dir(), next);
-    if (!error.empty()) return fail(ErrorKind::File, error);
+    std::string error = detail::saveRegistry(g.dir(), next);
     if (index >= 0) {
         detail::QuietStandardError quiet;
         g.engine->Deletion(index, true);
+    }
+    if (!error.empty()) {
+        // The registry's replacement needs room for its temporary, which on a full disk only the
+        // person's own files can give: they go first, and the entry is written again. Should that
+        // fail as well, the person is listed without files, which a load leaves out and another
+        // deletion clears.
+        g.removePersonFiles(name);
+        error = detail::saveRegistry(g.dir(), next);
     }
     g.removePersonFiles(name);
     // The engine leaves the record table to its host: start again from the files.
     g.engine = Impl::newEngine();
     g.table.clear();
     g.constraintLoaded = false;
+    if (!error.empty()) {
+        g.load(true);
+        g.finishWrite();
+        g.state->generation.fetch_add(1);
+        return fail(ErrorKind::File, error);
+    }
     status = g.load(true);
     if (!status.ok()) {
         // The person is gone from the registry and the disk whatever else does not load now.
@@ -542,7 +588,9 @@ namespace {
 std::string currentConstraintStem(const std::string& dir) {
     msm::ConstraintList list;
     const std::string path = detail::constraintListPath(dir);
-    if (!exists(path)) return {};
+    struct stat st {};
+    // A link or a pipe is not our list: it names no space of ours.
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return {};
     detail::QuietStandardError quiet;
     if (msm::readConstraintList(path.c_str(), list) != msm::ListRead::Accepted ||
         list.entries.empty())
@@ -573,8 +621,22 @@ Status Gallery::rebuildConstraint(int dimension) {
     // The new space goes to the stem the list does not name: until the list is replaced, the old
     // space stays whole, whatever stops the rebuild.
     const std::string old = currentConstraintStem(g.dir());
-    const std::string fresh =
-        old == msm::kConstraintStems[0] ? msm::kConstraintStems[1] : msm::kConstraintStems[0];
+    // A person that an older version let enrol under a constraint stem keeps its files: neither
+    // the new space nor the removal of the old one may touch them.
+    const auto listed = [&g](const std::string& stem) {
+        for (const auto* group : {&g.state->persons, &g.state->orphans})
+            for (const Person& p : *group)
+                if (::strcasecmp(p.name.c_str(), stem.c_str()) == 0) return true;
+        return false;
+    };
+    std::string fresh;
+    for (const char* candidate : msm::kConstraintStems)
+        if (fresh.empty() && candidate != old && !listed(candidate)) fresh = candidate;
+    if (fresh.empty())
+        return fail(ErrorKind::Argument,
+                    detail::registryPath(g.dir()) +
+                        ": lists persons under every name the constraint space can take; delete "
+                        "one of them (its files stay) and enrol it under another name");
     const std::string stem = absolute(g.dir()) + "/" + fresh;
     if (stem.find_first_of(" \t\n") != std::string::npos)
         return fail(ErrorKind::Argument,
@@ -634,7 +696,9 @@ Status Gallery::rebuildConstraint(int dimension) {
         return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
     }
     msm::syncDirectory(g.dir());
-    if (!old.empty() && old != fresh) removeConstraintFiles(g.dir(), old);
+    // Only a space of ours is removed: a list written by hand may name any file.
+    if (msm::isConstraintStem(old) && old != fresh && !listed(old))
+        removeConstraintFiles(g.dir(), old);
     g.finishWrite();
     g.constraintLoaded = false;
     status = g.loadConstraint();

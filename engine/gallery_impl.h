@@ -146,6 +146,9 @@ class Gallery::Impl {
     // The sample's face normalised into the engine's next ring slot; false when it has none.
     bool crop(const Sample& sample);
     void removePersonFiles(const std::string& name) const;
+    // The first file of a person of this key name that exists in the directory (any type, a
+    // dangling link included), or empty.
+    std::string existingPersonFile(const std::string& name) const;
     Status loadConstraint();
 
     std::shared_ptr<detail::GalleryState> state;
