@@ -56,10 +56,11 @@ std::string unreadablePicture(const std::string& path) {
     return {};
 }
 
-std::string parentOf(const std::string& path) {
-    const std::size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+// The folder of a stem of dir's constraint list: a bare name is one of dir's own files.
+std::string parentOf(const std::string& dir, const std::string& stem) {
+    const std::size_t slash = stem.find_last_of('/');
+    if (slash == std::string::npos) return dir;
+    return slash == 0 ? "/" : stem.substr(0, slash);
 }
 
 void add(StoreReport& r, StoreProblemKind kind, const std::string& path, const std::string& what) {
@@ -86,7 +87,7 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
     std::set<std::string> named;
     for (const msm::ConstraintListEntry& e : parsed.entries)
         for (const std::string& stem : {e.stem, e.stem2})
-            if (!stem.empty() && msm::realPath(parentOf(stem)) == here)
+            if (!stem.empty() && msm::realPath(parentOf(dir, stem)) == here)
                 named.insert(stem.substr(stem.find_last_of('/') + 1));
     for (const std::string& f : files) {
         const std::string stem = msm::personStemOf(f);
@@ -103,39 +104,21 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
             if (stem.empty()) continue;
             // The list names its files by absolute path; a directory that was moved or copied
             // still points at the old place.
-            if (msm::realPath(parentOf(stem)) != here) {
+            if (msm::realPath(parentOf(dir, stem)) != here) {
                 add(r, StoreProblemKind::Constraint, list,
                     list + ": names " + stem +
                         ", which is not in this directory; run \"msmface "
                         "constraint\" again");
                 continue;
             }
+            const std::string path = stem.find('/') == std::string::npos ? dir + "/" + stem : stem;
             for (const char* ext : {".dck", ".dckev"}) {
-                const std::string why = unreadable(stem + ext);
-                if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ext, why);
+                const std::string why = unreadable(path + ext);
+                if (!why.empty()) add(r, StoreProblemKind::Constraint, path + ext, why);
             }
         }
     }
 }
-
-class FileDescriptor {
-  public:
-    FileDescriptor() = default;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    void reset(int fd) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_ = -1;
-};
 
 bool existsAt(int dirFd, const std::string& name) {
     struct stat st {};
@@ -154,7 +137,8 @@ std::string lostAndFoundProblem(const std::string& dir) {
 
 // Opens dir and its lost+found (created when missing), refusing a lost+found that is not a real
 // folder inside dir.
-Status openLostAndFound(const std::string& dir, FileDescriptor& dirFd, FileDescriptor& lostFd) {
+Status openLostAndFound(const std::string& dir, msm::FileDescriptor& dirFd,
+                        msm::FileDescriptor& lostFd) {
     const std::string lost = dir + "/" + kLostAndFoundName;
     dirFd.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dirFd.valid())
@@ -278,7 +262,7 @@ Result<StoreReport> repairStore(const std::string& dir, const LockOptions& optio
     const std::string lost = dir + "/" + kLostAndFoundName;
     // Every move is made relative to the two folders as opened here: a folder swapped for a link
     // meanwhile cannot take a file out of the directory.
-    FileDescriptor dirFd, lostFd;
+    msm::FileDescriptor dirFd, lostFd;
     for (const StoreProblem& p : now.problems) {
         if (p.kind != StoreProblemKind::Orphan) continue;
         if (!lostFd.valid()) {

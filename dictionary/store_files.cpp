@@ -48,6 +48,11 @@ bool isConstraintStem(const std::string& stem) {
     return false;
 }
 
+void FileDescriptor::reset(int fd) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+}
+
 bool isReservedKeyName(const std::string& name) {
     std::string lower = name;
     std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
@@ -80,10 +85,11 @@ std::string constraintListProblem(const std::string& dir) {
     for (const ConstraintListEntry& e : parsed.entries)
         for (const std::string* stem : {&e.stem, &e.stem2}) {
             if (stem->empty()) continue;
+            // A bare name (the list of a folder whose path holds blanks) is a file of the list's
+            // own folder.
             const std::size_t slash = stem->find_last_of('/');
-            const std::string parent = slash == std::string::npos ? "."
-                                       : slash == 0               ? "/"
-                                                                  : stem->substr(0, slash);
+            if (slash == std::string::npos) continue;
+            const std::string parent = slash == 0 ? "/" : stem->substr(0, slash);
             if (here.empty() || realPath(parent) != here)
                 return list + ": names " + msmface::detail::quoteForMessage(*stem, 200) +
                        ", which is not in this directory (was it copied or moved?)" + again;

@@ -25,6 +25,21 @@ inline constexpr const char* kPersonExtensions[] = {".dck", ".mck", ".bmp", ".dc
 inline constexpr const char* kConstraintStems[] = {"cmsm", "cmsm-2", "cmsm-3"};
 bool isConstraintStem(const std::string& stem);
 
+// An open file or folder, closed with its owner.
+class FileDescriptor {
+  public:
+    FileDescriptor() = default;
+    ~FileDescriptor() { reset(-1); }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    void reset(int fd);
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+};
+
 // True for a key name whose files would be the store's own: a constraint stem, in any case (a
 // directory copied to a medium that folds case makes "CMSM.dck" and "cmsm.dck" one file). Every
 // other file of the directory cannot be a person's: the registry, the threshold and the list do

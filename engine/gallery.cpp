@@ -2,6 +2,7 @@
 // recognises in it the way the msmface program always has.
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include <msmface/FileSummary.h>
 #include <msmface/store.h>
@@ -59,6 +61,59 @@ std::string makeDirectories(const std::string& dir) {
     if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
         return dir + ": cannot create the folder (" + std::strerror(errno) + ")";
     return {};
+}
+
+bool hasBlank(const std::string& s) {
+    return s.find_first_of(" \t\n\r\v\f") != std::string::npos;
+}
+
+// A file only this process reads, such as a constraint list that names the directory through
+// /proc/self/fd: in memory, named by /proc/self/fd/N while this object lives.
+class MemoryFile {
+  public:
+    explicit MemoryFile(const std::string& text) {
+        fd_.reset(::memfd_create("msmface", MFD_CLOEXEC));
+        if (!fd_.valid()) {
+            error_ = errno;
+        } else if (::write(fd_.get(), text.data(), text.size()) !=
+                   static_cast<ssize_t>(text.size())) {
+            error_ = errno != 0 ? errno : EIO;
+            fd_.reset(-1);
+        }
+    }
+    bool ok() const { return fd_.valid(); }
+    int error() const { return error_; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_.get()); }
+
+  private:
+    msm::FileDescriptor fd_;
+    int error_ = 0;
+};
+
+bool namesBareStems(const msm::ConstraintList& list) {
+    for (const msm::ConstraintListEntry& e : list.entries)
+        for (const std::string* stem : {&e.stem, &e.stem2})
+            if (!stem->empty() && stem->find('/') == std::string::npos) return true;
+    return false;
+}
+
+// The list's text with its bare names placed in folder.
+std::string constraintListText(const msm::ConstraintList& list, const std::string& folder) {
+    const auto placed = [&folder](const std::string& stem) {
+        return stem.find('/') == std::string::npos ? folder + "/" + stem : stem;
+    };
+    std::string text =
+        std::to_string(list.entries.size()) + "\n" + std::to_string(list.selected + 1) + "\n";
+    for (const msm::ConstraintListEntry& e : list.entries) {
+        const std::string dimension = std::to_string(e.dimension);
+        if (e.kind == msm::kKindFile)
+            text += "CMSMF " + placed(e.stem) + " " + dimension + "\n";
+        else if (e.kind == msm::kKindLearned)
+            text += "CMSML " + placed(e.stem) + " " + dimension + " " + placed(e.stem2) + "\n";
+        else
+            text += "MSM\n";
+    }
+    return text;
 }
 
 }  // namespace
@@ -145,7 +200,14 @@ bool hasConstraintList(const std::string& dir) {
     return exists(constraintListPath(dir));
 }
 
-std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir) {
+std::string engineFolder(const GalleryState& state) {
+    const std::string here = absolute(state.dir);
+    if (!hasBlank(here) || !state.folder.valid()) return here;
+    return "/proc/self/fd/" + std::to_string(state.folder.get());
+}
+
+std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state) {
+    const std::string& dir = state.dir;
     const std::string list = constraintListPath(dir);
     if (!hasConstraintList(dir))
         return dir + ": no constraint space yet (run \"msmface constraint " + dir + "\")";
@@ -154,7 +216,15 @@ std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir)
     int status = 0;
     {
         QuietStandardError quiet;
-        status = engine.InitConstraintMSM(list.c_str());
+        msm::ConstraintList parsed;
+        std::optional<MemoryFile> placed;
+        if (msm::readConstraintList(list.c_str(), parsed) == msm::ListRead::Accepted &&
+            namesBareStems(parsed)) {
+            placed.emplace(constraintListText(parsed, engineFolder(state)));
+            if (!placed->ok())
+                return list + ": cannot be read (" + std::strerror(placed->error()) + ")";
+        }
+        status = engine.InitConstraintMSM(placed ? placed->path().c_str() : list.c_str());
     }
     if (status <= 0)
         return list + ": the constraint space does not load (status " + std::to_string(status) +
@@ -330,7 +400,7 @@ std::string Gallery::Impl::existingPersonFile(const std::string& name) const {
 }
 
 Status Gallery::Impl::loadConstraint() {
-    const std::string error = detail::loadConstraintSpace(*engine, dir());
+    const std::string error = detail::loadConstraintSpace(*engine, *state);
     if (!error.empty())
         return fail(detail::hasConstraintList(dir()) ? ErrorKind::File : ErrorKind::NotFound,
                     error);
@@ -367,6 +437,7 @@ Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options
     if (!S_ISDIR(st.st_mode))
         return fail(ErrorKind::File, dir + ": expected a dictionary directory, found a file");
     auto impl = std::make_unique<Impl>(dir);
+    impl->state->folder.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     impl->lockOptions = options.lock;
     // Shared: a change another process is writing is either wholly in what we load or not at all.
     msm::DirectoryLock lock;
@@ -637,10 +708,13 @@ Status Gallery::rebuildConstraint(int dimension) {
                     detail::registryPath(g.dir()) +
                         ": lists persons under every name the constraint space can take; delete "
                         "one of them (its files stay) and enrol it under another name");
-    const std::string stem = absolute(g.dir()) + "/" + fresh;
-    if (stem.find_first_of(" \t\n") != std::string::npos)
-        return fail(ErrorKind::Argument,
-                    g.dir() + ": the constraint list cannot name a folder with blanks in its path");
+    // The list names the space by absolute path, which legacy hosts load as it is; where blanks
+    // would split that path, by its bare name, which the gallery places in the directory itself.
+    const std::string here = absolute(g.dir());
+    const bool blanks = hasBlank(here);
+    if (blanks && !g.state->folder.valid())
+        return fail(ErrorKind::File, g.dir() + ": cannot be opened to build a constraint space");
+    const std::string stem = blanks ? fresh : here + "/" + fresh;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
     // Left by a rebuild that was killed: not named by any list.
@@ -673,7 +747,12 @@ Status Gallery::rebuildConstraint(int dimension) {
         // Before the first generation the space's files do not exist yet: the load fails, but
         // the list is known and the generation writes the files.
         detail::QuietStandardError quiet;
-        e.InitConstraintMSM(temp.c_str());
+        std::optional<MemoryFile> placed;
+        if (blanks) {
+            const std::string at = detail::engineFolder(*g.state) + "/" + fresh;
+            placed.emplace("1\n1\nCMSML " + at + " " + std::to_string(dimension) + " " + at + "\n");
+        }
+        e.InitConstraintMSM(placed ? placed->path().c_str() : temp.c_str());
         generated = e.UpdateCMSMDictionary(0);
     }
     const std::string writeFailure = msm::lastWriteFailure();

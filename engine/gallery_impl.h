@@ -45,6 +45,8 @@ struct GalleryState {
     std::atomic<uint64_t> generation{0};
     // The directory's files as the fields above were read from them.
     msm::DirectoryStamp stamp;
+    // The directory, open for as long as any engine of this state may name its files through it.
+    msm::FileDescriptor folder;
 
     uint64_t newSerial() { return nextSerial++; }
 };
@@ -92,8 +94,13 @@ std::string loadPersons(FaceRecognition& engine, const std::string& dir,
 
 std::string constraintListPath(const std::string& dir);
 bool hasConstraintList(const std::string& dir);
+// The directory as an engine's constraint list names it: its absolute path or, where that holds
+// a blank (which would split a token of the list), /proc/self/fd/N of the state's open folder.
+std::string engineFolder(const GalleryState& state);
 // Loads the directory's constraint space into the engine and projects its persons (method 4).
-std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir);
+// A list of bare names (that of a folder whose path holds blanks) is placed in the directory
+// through engineFolder: the engine names the files through the state's folder from then on.
+std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state);
 
 // The engine's method number; -1 for a value outside the enumeration.
 int engineMethod(Method m);

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 
+#include <msmface/FaceRecognition.h>
 #include <msmface/store.h>
 
 #include "gallery_support.h"
@@ -230,6 +231,64 @@ TEST(StoreNames, ACopiedDirectoryDoesNotUseTheOriginalsConstraintSpace) {
     ASSERT_TRUE(r.ok()) << r.message();
     ASSERT_FALSE(r->matches.empty());
     EXPECT_EQ(r->matches.front().name, "bob");
+}
+
+// A folder whose path holds blanks: the list names the space by its bare names, the gallery and
+// its streams load it, and every file of the space stays in the folder.
+TEST(StoreNames, AConstraintSpaceWorksInAFolderWithBlanksInItsPath) {
+    ScratchDir work;
+    const std::string dir = work / "my faces\tand more";
+    Gallery g = Open(dir);
+    ASSERT_TRUE(g.enrol(1, "alice", Frames(0)).ok());
+    ASSERT_TRUE(g.enrol(2, "bob", Frames(1)).ok());
+    const msmface::Status built = g.rebuildConstraint(20);
+    ASSERT_TRUE(built.ok()) << built.message();
+    EXPECT_EQ(ReadText(dir + "/constraint.list"), "1\n1\nCMSML cmsm 20 cmsm\n");
+    for (int person : {0, 1}) {
+        const auto r =
+            g.recognise(Population::get().probe[static_cast<std::size_t>(person)].samples(),
+                        {Method::Cmsm, -1});
+        ASSERT_TRUE(r.ok()) << r.message();
+        EXPECT_EQ(r->matches.front().id, person + 1);
+    }
+    // An enrolment moves the loaded space, a second rebuild takes the other stem.
+    ASSERT_TRUE(g.enrol(3, "carol", Frames(2)).ok());
+    ASSERT_TRUE(g.rebuildConstraint(20).ok());
+    EXPECT_EQ(ReadText(dir + "/constraint.list"), "1\n1\nCMSML cmsm-2 20 cmsm-2\n");
+    auto stream = msmface::Stream::create(g, {Method::Cmsm, -1, -2, nullptr});
+    ASSERT_TRUE(stream.ok()) << stream.message();
+    const auto& take = Population::get().probe[2];
+    msmface::Result<msmface::StreamState> last = msmface::StreamState{};
+    for (std::size_t k = 0; k < take.frames.size(); ++k)
+        last = stream->push(take.view(k), take.points(k));
+    ASSERT_TRUE(last.ok()) << last.message();
+    ASSERT_FALSE(last->ranking.matches.empty());
+    EXPECT_EQ(last->ranking.matches.front().name, "carol");
+    const auto report = msmface::checkStore(dir);
+    ASSERT_TRUE(report.ok());
+    EXPECT_TRUE(report->problems.empty()) << report->problems.front().message;
+    // Only the folder itself is beside it: nothing was written through a split path.
+    EXPECT_THAT(work.Entries(), ElementsAre("my faces\tand more"));
+    std::vector<std::string> names;
+    for (const auto& [name, bytes] : Snapshot(dir)) names.push_back(name);
+    EXPECT_THAT(names, ElementsAre(".msmface.lock", "alice.bmp", "alice.dck", "alice.mck",
+                                   "bob.bmp", "bob.dck", "bob.mck", "carol.bmp", "carol.dck",
+                                   "carol.mck", "cmsm-2.dck", "cmsm-2.dckev", "cmsm-2.mck",
+                                   "constraint.list", "persons.txt"));
+}
+
+// Without blanks the list names the space by absolute path, as hosts of the engine read it.
+TEST(StoreNames, AHostOfTheEngineLoadsTheListTheGalleryWrote) {
+    ScratchDir work;
+    Gallery g = Open(work.path());
+    ASSERT_TRUE(g.enrol(1, "alice", Frames(0)).ok());
+    ASSERT_TRUE(g.enrol(2, "bob", Frames(1)).ok());
+    ASSERT_TRUE(g.rebuildConstraint(20).ok());
+    const std::string here = std::filesystem::canonical(work.path()).string();
+    EXPECT_EQ(ReadText(work / "constraint.list"),
+              "1\n1\nCMSML " + here + "/cmsm 20 " + here + "/cmsm\n");
+    FaceRecognition host(320, 240);
+    EXPECT_GE(host.InitConstraintMSM((work / "constraint.list").c_str()), 1);
 }
 
 }  // namespace
