@@ -38,14 +38,19 @@ std::string unreadable(const std::string& path) {
 // A person's picture: only its header and size are checked, which is what a truncated write
 // damages.
 std::string unreadablePicture(const std::string& path) {
+    // Without blocking and without following a link: a pipe put in its place must not hang the
+    // check, and a link's target is not the directory's picture.
+    msm::FileDescriptor fd;
+    fd.reset(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0)
+    if (!fd.valid() && errno == ELOOP)
+        return path + ": expected a BMP picture in a file of the directory, found a symbolic link";
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0)
         return path + ": cannot be read (" + std::strerror(errno) + ")";
+    if (!S_ISREG(st.st_mode))
+        return path + ": expected a BMP picture, found a folder, a device or a pipe";
     unsigned char head[6] = {};
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return path + ": cannot be read (" + std::strerror(errno) + ")";
-    const std::size_t n = std::fread(head, 1, sizeof head, f);
-    std::fclose(f);
+    const ssize_t n = ::pread(fd.get(), head, sizeof head, 0);
     const unsigned long declared =
         n == sizeof head
             ? (head[2] | head[3] << 8 | head[4] << 16 | static_cast<unsigned long>(head[5]) << 24)

@@ -166,6 +166,40 @@ TEST(StoreCheck, RepairMovesFilesOnlyIntoARealLostAndFound) {
     EXPECT_TRUE(outside.Entries().empty());
 }
 
+// A listed person's picture as a pipe or as a link elsewhere: named as such, and the check
+// neither hangs on the pipe nor reads the link's target.
+TEST(StoreCheck, APictureThatIsAPipeOrALinkIsNamedWithoutBeingRead) {
+    ScratchDir dir, outside;
+    WritePerson(dir.path(), "alice");
+    WritePerson(dir.path(), "bob");
+    WriteText(dir / "persons.txt", "1 alice\n2 bob\n");
+    ASSERT_EQ(::mkfifo((dir / "alice.bmp").c_str(), 0644), 0);
+    WriteText(outside / "picture.bmp", std::string("BM\x08\0\0\0xx", 8));
+    ASSERT_EQ(::symlink((outside / "picture.bmp").c_str(), (dir / "bob.bmp").c_str()), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(20);  // a check that hangs on the pipe is ended here, and fails the test
+        const auto r = msmface::checkStore(dir.path());
+        std::vector<std::string> lines;
+        for (const auto& p : r->problems)
+            if (p.kind == StoreProblemKind::UnreadableFile) lines.push_back(p.message);
+        const bool ok =
+            r.ok() && lines.size() == 2 &&
+            lines[0] == dir / "alice.bmp" +
+                            ": expected a BMP picture, found a folder, a device or a pipe" &&
+            lines[1] == dir / "bob.bmp" +
+                            ": expected a BMP picture in a file of the directory, found a "
+                            "symbolic link";
+        for (const std::string& line : lines)
+            if (!ok) std::fprintf(stderr, "%s\n", line.c_str());
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "the check hung on the pipe";
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
 TEST(StoreCheck, ConstraintFilesMustLoadAndBelongToTheDirectory) {
     ScratchDir dir;
     WritePerson(dir.path(), "alice");

@@ -18,6 +18,7 @@
 namespace {
 
 using gallerytest::Exists;
+using gallerytest::ExpectFailure;
 using gallerytest::Names;
 using gallerytest::Population;
 using gallerytest::ReadText;
@@ -31,13 +32,6 @@ using msmface::StoreProblemKind;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-void ExpectOneLine(const msmface::Status& s, ErrorKind kind, const std::string& what) {
-    ASSERT_FALSE(s.ok());
-    EXPECT_EQ(s.kind(), kind) << s.message();
-    EXPECT_THAT(s.message(), HasSubstr(what));
-    EXPECT_THAT(s.message(), Not(HasSubstr("\n")));
-}
 
 Gallery Open(const std::string& dir) {
     auto g = Gallery::open(dir, {true, {}});
@@ -59,7 +53,7 @@ TEST(StoreNames, TheConstraintSpaceNamesAreRefusedAsKeyNamesInAnyCase) {
     Gallery g = Open(work.path());
     const auto before = Snapshot(work.path());
     for (const char* name : {"cmsm", "cmsm-2", "cmsm-3", "CMSM", "Cmsm-2"})
-        ExpectOneLine(g.enrol(1, name, Frames(0)), ErrorKind::Argument,
+        ExpectFailure(g.enrol(1, name, Frames(0)), ErrorKind::Argument,
                       std::string("--name ") + name +
                           ": the dictionary directory keeps its constraint space under this name");
     EXPECT_EQ(Snapshot(work.path()), before);
@@ -130,15 +124,15 @@ TEST(StoreNames, AnEnrolmentNeverTouchesFilesItDidNotCreate) {
     const std::string bobDictionary = ReadText(work / "bob.dck");
     std::vector<msmface::Sample> few = Frames(1);
     few.resize(20);
-    ExpectOneLine(g.enrol(2, "bob", few), ErrorKind::File,
+    ExpectFailure(g.enrol(2, "bob", few), ErrorKind::File,
                   work / "bob.dck" +
                       ": exists, and no person of the registry names it; move it away or run "
                       "\"msmface check --repair\"");
-    ExpectOneLine(g.enrol(2, "bob", Frames(1)), ErrorKind::File, work / "bob.dck");
+    ExpectFailure(g.enrol(2, "bob", Frames(1)), ErrorKind::File, work / "bob.dck");
     EXPECT_TRUE(Snapshot(work.path()) == before);
     // Any file of the name is in the way, a dangling link as well.
     ASSERT_EQ(::symlink("nowhere", (work / "dave.dckev").c_str()), 0);
-    ExpectOneLine(g.enrol(4, "dave", Frames(3)), ErrorKind::File, work / "dave.dckev");
+    ExpectFailure(g.enrol(4, "dave", Frames(3)), ErrorKind::File, work / "dave.dckev");
     EXPECT_TRUE(IsLink(work / "dave.dckev"));
     // Once the repair moved them to lost+found, the name is free again.
     const auto repaired = msmface::repairStore(work.path());
@@ -156,7 +150,7 @@ TEST(StoreNames, APictureLinkedOutsideIsNeverWrittenThrough) {
     WriteText(secret, "not a picture\n");
     Gallery g = Open(work.path());
     ASSERT_EQ(::symlink(secret.c_str(), (work / "carol.bmp").c_str()), 0);
-    ExpectOneLine(g.enrol(3, "carol", Frames(2)), ErrorKind::File, work / "carol.bmp");
+    ExpectFailure(g.enrol(3, "carol", Frames(2)), ErrorKind::File, work / "carol.bmp");
     EXPECT_EQ(ReadText(secret), "not a picture\n");
     EXPECT_TRUE(IsLink(work / "carol.bmp"));
 }
@@ -218,7 +212,7 @@ TEST(StoreNames, ACopiedDirectoryDoesNotUseTheOriginalsConstraintSpace) {
     Gallery g = Open(copy.path());
     const auto probe = Population::get().probe[1].samples();
     const auto refused = g.recognise(probe, {Method::Cmsm, -1});
-    ExpectOneLine(refused.status(), ErrorKind::File,
+    ExpectFailure(refused.status(), ErrorKind::File,
                   copy / "constraint.list: names " + original.path());
     EXPECT_THAT(refused.message(), HasSubstr("which is not in this directory"));
     const auto report = msmface::checkStore(copy.path());
