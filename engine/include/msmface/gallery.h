@@ -92,8 +92,8 @@ struct OpenOptions {
 class MSMFACE_API Gallery {
   public:
     // Opens a dictionary directory and loads the persons of its registry and its stored
-    // threshold. A person listed without a dictionary file is left out of persons() and
-    // reported by orphans(). Fails (File) on a registry or threshold file that does not parse,
+    // threshold. A person listed without a dictionary file, or under a key name the directory
+    // keeps for its constraint space, is left out of persons() and reported by orphans(). Fails (File) on a registry or threshold file that does not parse,
     // naming it, and on a listed dictionary that does not read; (NotFound) on a missing
     // directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
@@ -119,9 +119,12 @@ class MSMFACE_API Gallery {
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
     // beyond are not used). Writes the person's files first and the registry last. requires:
     // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // and unused.
+    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case). Fails
+    // (File) while a file of that name that no entry lists is in the directory: an enrolment
+    // neither replaces nor removes a file it did not create.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
-    // Removes a person: the registry entry first, then the files.
+    // Removes a person: the registry entry first, then the files (the files first where the
+    // registry's replacement finds no room on the disk).
     Status remove(int id);
 
     // Builds the constraint space (methods Cmsm) from every person and loads it. dimension: 1 to
