@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -195,6 +196,41 @@ TEST(StoreNames, TheDirectorysTextFilesAreNotReadThroughLinks) {
     ASSERT_TRUE(g.rebuildConstraint(20).ok());
     EXPECT_FALSE(IsLink(work / "constraint.list"));
     EXPECT_EQ(ReadText(secret), "hunter2 is the password\n");
+}
+
+// A pipe in the list's place is not read (it would block while the lock is held): loading the
+// space names it, and a rebuild replaces it by a list of its own.
+TEST(StoreNames, APipeAsTheConstraintListIsNamedAndReplacedWithoutBeingRead) {
+    ScratchDir work;
+    {
+        Gallery g = Open(work.path());
+        ASSERT_TRUE(g.enrol(1, "alice", Frames(0)).ok());
+        ASSERT_TRUE(g.enrol(2, "bob", Frames(1)).ok());
+    }
+    ASSERT_EQ(::mkfifo((work / "constraint.list").c_str(), 0644), 0);
+    const auto probe = Population::get().probe[0].samples();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);  // a call that blocks on the pipe ends the child here and fails the test
+        Gallery g = Open(work.path());
+        const auto refused = g.recognise(probe, {Method::Cmsm, -1});
+        const bool named =
+            !refused.ok() && refused.message() == work / "constraint.list" +
+                                                      ": expected a file of the directory, found a "
+                                                      "folder, a device or a pipe; run \"msmface "
+                                                      "constraint " +
+                                                      work.path() + "\" again";
+        if (!named) std::fprintf(stderr, "%s\n", refused.message().c_str());
+        const bool rebuilt = g.rebuildConstraint(20).ok();
+        const auto r = g.recognise(probe, {Method::Cmsm, -1});
+        ::_exit(named && rebuilt && r.ok() && r->matches.front().name == "alice" ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "a call blocked on the pipe";
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+    EXPECT_FALSE(IsLink(work / "constraint.list"));
+    EXPECT_THAT(ReadText(work / "constraint.list"), HasSubstr("CMSML "));
 }
 
 // The list names its space by absolute path: in a copy of the directory it names the original's
