@@ -93,9 +93,9 @@ class MSMFACE_API Gallery {
   public:
     // Opens a dictionary directory and loads the persons of its registry and its stored
     // threshold. A person listed without a dictionary file, or under a key name the directory
-    // keeps for its constraint space, is left out of persons() and reported by orphans(). Fails (File) on a registry or threshold file that does not parse,
-    // naming it, and on a listed dictionary that does not read; (NotFound) on a missing
-    // directory unless options.create.
+    // keeps for its constraint space, is left out of persons() and reported by orphans(). Fails
+    // (File) on a registry or threshold file that does not parse, naming it, and on a listed
+    // dictionary that does not read; (NotFound) on a missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
