@@ -44,9 +44,12 @@ mode_t currentUmask() {
 // A temporary is created private; the finished file gets the permissions of the one it
 // replaces, or those a plain fopen would have given.
 void setFinalPermissions(int fd, const std::string& target) {
+    // lstat: a link in the target's place is replaced, and the mode of what it points at is none
+    // of the new file's business.
     struct stat st {};
-    mode_t mode =
-        ::stat(target.c_str(), &st) == 0 ? (st.st_mode & 07777) : (0666 & ~currentUmask());
+    mode_t mode = ::lstat(target.c_str(), &st) == 0 && S_ISREG(st.st_mode)
+                      ? (st.st_mode & 07777)
+                      : (0666 & ~currentUmask());
     ::fchmod(fd, mode);
 }
 
@@ -64,6 +67,13 @@ void syncDirectory(const std::string& dir) {
 AtomicFile::AtomicFile(const char* target) {
     if (target == nullptr || *target == '\0') return;
     target_ = target;
+    // A rename replaces a file or a link; a device, a pipe or a folder in the target's place is
+    // not ours to replace (a device node swapped for a plain file would break every user of it).
+    struct stat st {};
+    if (::lstat(target, &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+        writeFailure = target_ + ": cannot be written (not a regular file)";
+        return;
+    }
     std::vector<char> name(target_.begin(), target_.end());
     static const char kSuffix[] = ".tmpXXXXXX";
     name.insert(name.end(), kSuffix, kSuffix + sizeof kSuffix);  // with the terminator

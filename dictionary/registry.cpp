@@ -55,8 +55,12 @@ std::string loadRegistry(const std::string& dir, std::vector<Person>& out) {
     out.clear();
     const std::string path = registryPath(dir);
     std::string text;
-    const SmallFileRead read = readSmallTextFile(path, kMaxRegistryBytes, text);
+    const SmallFileRead read = readSmallTextFile(path, kMaxRegistryBytes, text, Links::Refuse);
     if (read == SmallFileRead::Missing) return {};
+    if (read == SmallFileRead::Link)
+        return path +
+               ": expected a list of persons in a file of the directory, found a symbolic "
+               "link";
     if (read == SmallFileRead::NotAFile || read == SmallFileRead::TooLarge)
         return path + ": expected a list of persons, found something else";
     if (read != SmallFileRead::Ok) return path + ": cannot be read (" + std::strerror(errno) + ")";

@@ -11,10 +11,13 @@
 
 namespace msmface::detail {
 
-SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text) {
+SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text,
+                                Links links) {
     text.clear();
     // O_NONBLOCK: a FIFO put where a file belongs must not hang the open; fstat then refuses it.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK |
+                                            (links == Links::Refuse ? O_NOFOLLOW : 0));
+    if (fd < 0 && errno == ELOOP && links == Links::Refuse) return SmallFileRead::Link;
     if (fd < 0) return errno == ENOENT ? SmallFileRead::Missing : SmallFileRead::Failed;
     struct stat st {};
     SmallFileRead result = SmallFileRead::Ok;

@@ -13,11 +13,17 @@ enum class SmallFileRead {
     Missing,   // no such file (ENOENT)
     NotAFile,  // a folder, a device or a pipe
     TooLarge,  // more than the caller's limit
+    Link,      // a symbolic link, with Links::Refuse
     Failed,    // any other failure; errno says why
 };
 
+// Refuse: the directory's own files are read only as themselves, never through a link to a file
+// elsewhere whose text a message could then show.
+enum class Links { Follow, Refuse };
+
 // Reads the regular file at path into text when it holds at most maxBytes.
-SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text);
+SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text,
+                                Links links = Links::Follow);
 
 // At most maxChars of text as one printable line (other bytes shown as '?'), for messages that
 // quote what a file held.

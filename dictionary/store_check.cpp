@@ -1,6 +1,7 @@
 // check and repair of a dictionary directory (<msmface/store.h>).
 #include <msmface/store.h>
 
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,36 +37,37 @@ std::string unreadable(const std::string& path) {
     return reason;
 }
 
-// Far above the grey face picture an enrolment writes.
-constexpr std::size_t kMaxPictureBytes = std::size_t{64} << 20;
-
 // A person's picture: only its header and size are checked, which is what a truncated write
 // damages.
 std::string unreadablePicture(const std::string& path) {
-    // Through the bounded reader: a FIFO or a device in a picture's place must not hang the check.
-    std::vector<unsigned char> bytes;
-    std::string why;
-    if (!msm::readWholeFile(path.c_str(), bytes, &why, kMaxPictureBytes))
-        return path + ": cannot be read (" + why + ")";
-    const unsigned char* head = bytes.data();
+    // Without blocking and without following a link: a pipe put in its place must not hang the
+    // check, and a link's target is not the directory's picture.
+    msm::FileDescriptor fd;
+    fd.reset(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() && errno == ELOOP)
+        return path + ": expected a BMP picture in a file of the directory, found a symbolic link";
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0)
+        return path + ": cannot be read (" + std::strerror(errno) + ")";
+    if (!S_ISREG(st.st_mode))
+        return path + ": expected a BMP picture, found a folder, a device or a pipe";
+    unsigned char head[6] = {};
+    const ssize_t n = ::pread(fd.get(), head, sizeof head, 0);
     const unsigned long declared =
-        bytes.size() >= 6
+        n == sizeof head
             ? (head[2] | head[3] << 8 | head[4] << 16 | static_cast<unsigned long>(head[5]) << 24)
             : 0;
-    if (bytes.size() < 6 || head[0] != 'B' || head[1] != 'M' || declared != bytes.size())
+    if (n != sizeof head || head[0] != 'B' || head[1] != 'M' ||
+        declared != static_cast<unsigned long>(st.st_size))
         return path + ": expected a BMP picture of the size its header declares";
     return {};
 }
 
-std::string realDirectory(const std::string& path) {
-    char buf[PATH_MAX];
-    return ::realpath(path.c_str(), buf) != nullptr ? std::string(buf) : std::string();
-}
-
-std::string parentOf(const std::string& path) {
-    const std::size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+// The folder of a stem of dir's constraint list: a bare name is one of dir's own files.
+std::string parentOf(const std::string& dir, const std::string& stem) {
+    const std::size_t slash = stem.find_last_of('/');
+    if (slash == std::string::npos) return dir;
+    return slash == 0 ? "/" : stem.substr(0, slash);
 }
 
 // The path without ".dck" when it names a person's dictionary, else empty.
@@ -86,17 +88,22 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
     const std::string list = dir + "/" + msm::kConstraintListName;
     const bool hasList = files.count(msm::kConstraintListName) != 0;
     msm::ConstraintList parsed;
+    // A link or a pipe in the list's place: nothing of it is read, the problem is the report.
+    if (!hasList && exists(list)) {
+        add(r, StoreProblemKind::Constraint, list, msm::constraintListProblem(dir));
+        return;
+    }
     if (hasList && msm::readConstraintList(list.c_str(), parsed) != msm::ListRead::Accepted) {
         add(r, StoreProblemKind::Constraint, list, list + ": expected a constraint list");
         return;
     }
-    const std::string here = realDirectory(dir);
+    const std::string here = msm::realPath(dir);
     // The files of a rebuild that failed or was killed before its list named them, and of the
     // space a finished rebuild replaced but had no time to remove.
     std::set<std::string> named;
     for (const msm::ConstraintListEntry& e : parsed.entries)
         for (const std::string& stem : {e.stem, e.stem2})
-            if (!stem.empty() && realDirectory(parentOf(stem)) == here)
+            if (!stem.empty() && msm::realPath(parentOf(dir, stem)) == here)
                 named.insert(stem.substr(stem.find_last_of('/') + 1));
     for (const std::string& f : files) {
         const std::string stem = msm::personStemOf(f);
@@ -113,19 +120,56 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
             if (stem.empty()) continue;
             // The list names its files by absolute path; a directory that was moved or copied
             // still points at the old place.
-            if (realDirectory(parentOf(stem)) != here) {
+            if (msm::realPath(parentOf(dir, stem)) != here) {
                 add(r, StoreProblemKind::Constraint, list,
                     list + ": names " + stem +
                         ", which is not in this directory; run \"msmface "
                         "constraint\" again");
                 continue;
             }
-            std::string why = msm::checkDictionaryFile(stem + ".dck", msm::constraintBasisShape());
-            if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ".dck", why);
-            why = msm::checkDictionaryFile(stem + ".dckev", msm::constraintValuesShape());
-            if (!why.empty()) add(r, StoreProblemKind::Constraint, stem + ".dckev", why);
+            const std::string path = stem.find('/') == std::string::npos ? dir + "/" + stem : stem;
+            std::string why = msm::checkDictionaryFile(path + ".dck", msm::constraintBasisShape());
+            if (!why.empty()) add(r, StoreProblemKind::Constraint, path + ".dck", why);
+            why = msm::checkDictionaryFile(path + ".dckev", msm::constraintValuesShape());
+            if (!why.empty()) add(r, StoreProblemKind::Constraint, path + ".dckev", why);
         }
     }
+}
+
+bool existsAt(int dirFd, const std::string& name) {
+    struct stat st {};
+    return ::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// Why lost+found cannot take files ("" when it is a folder of the directory or does not exist).
+std::string lostAndFoundProblem(const std::string& dir) {
+    const std::string lost = dir + "/" + kLostAndFoundName;
+    struct stat st {};
+    if (::lstat(lost.c_str(), &st) != 0 || S_ISDIR(st.st_mode)) return {};
+    return lost + ": expected a folder of the directory, found " +
+           (S_ISLNK(st.st_mode) ? "a symbolic link" : "something else") +
+           "; a repair moves nothing until it is moved away";
+}
+
+// Opens dir and its lost+found (created when missing), refusing a lost+found that is not a real
+// folder inside dir.
+Status openLostAndFound(const std::string& dir, msm::FileDescriptor& dirFd,
+                        msm::FileDescriptor& lostFd) {
+    const std::string lost = dir + "/" + kLostAndFoundName;
+    dirFd.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd.valid())
+        return Status::failure(ErrorKind::File,
+                               dir + ": cannot be opened (" + std::strerror(errno) + ")");
+    if (::mkdirat(dirFd.get(), kLostAndFoundName, 0755) != 0 && errno != EEXIST)
+        return Status::failure(ErrorKind::File,
+                               lost + ": cannot be created (" + std::strerror(errno) + ")");
+    lostFd.reset(
+        ::openat(dirFd.get(), kLostAndFoundName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (lostFd.valid()) return {};
+    const std::string why = lostAndFoundProblem(dir);
+    return Status::failure(
+        ErrorKind::File,
+        !why.empty() ? why : lost + ": cannot be opened (" + std::strerror(errno) + ")");
 }
 
 Status checkReadable(const std::string& dir) {
@@ -156,6 +200,15 @@ StoreReport checkLocked(const std::string& dir) {
     if (!thresholdError.empty())
         add(r, StoreProblemKind::UnreadableFile, detail::thresholdPath(dir), thresholdError);
     for (const Person& p : listed) {
+        if (msm::isReservedKeyName(p.name)) {
+            // Its files, if any, are the constraint space's: never checked or moved as its own.
+            add(r, StoreProblemKind::Registry, detail::registryPath(dir),
+                detail::registryPath(dir) + ": person " + std::to_string(p.id) + " " +
+                    msm::reservedKeyNameReason(p.name) +
+                    "; it is left out (delete it and enrol "
+                    "it again under another name)");
+            continue;
+        }
         named.insert(p.name);
         const std::string stem = dir + "/" + p.name;
         for (const char* ext : {".dck", ".mck"}) {
@@ -192,6 +245,9 @@ StoreReport checkLocked(const std::string& dir) {
             continue;
         add(r, StoreProblemKind::Orphan, path, path + ": no person of the registry names it");
     }
+    const std::string lostProblem = lostAndFoundProblem(dir);
+    if (!lostProblem.empty())
+        add(r, StoreProblemKind::UnreadableFile, dir + "/" + kLostAndFoundName, lostProblem);
     checkConstraint(dir, files, r);
     std::stable_sort(r.problems.begin(), r.problems.end(),
                      [](const StoreProblem& a, const StoreProblem& b) {
@@ -235,18 +291,22 @@ Result<StoreReport> repairStore(const std::string& dir, const LockOptions& optio
                 if (exists(file)) toMove.push_back(StoreProblem{p.kind, file, p.message, false});
             }
     }
+    // Every move is made relative to the two folders as opened here: a folder swapped for a link
+    // meanwhile cannot take a file out of the directory.
+    msm::FileDescriptor dirFd, lostFd;
     for (const StoreProblem& p : toMove) {
-        if (::mkdir(lost.c_str(), 0755) != 0 && errno != EEXIST)
-            return Status::failure(ErrorKind::File,
-                                   lost + ": cannot be created (" + std::strerror(errno) + ")");
+        if (!lostFd.valid()) {
+            Status opened = openLostAndFound(dir, dirFd, lostFd);
+            if (!opened.ok()) return opened;
+        }
         const std::string name = p.path.substr(p.path.find_last_of('/') + 1);
-        std::string target = lost + "/" + name;
-        for (int n = 1; exists(target) && n < 1000; ++n)
-            target = lost + "/" + name + "." + std::to_string(n);
-        if (::rename(p.path.c_str(), target.c_str()) != 0)
+        std::string target = name;
+        for (int n = 1; existsAt(lostFd.get(), target) && n < 1000; ++n)
+            target = name + "." + std::to_string(n);
+        if (::renameat(dirFd.get(), name.c_str(), lostFd.get(), target.c_str()) != 0)
             return Status::failure(ErrorKind::File, p.path + ": cannot be moved to " + lost + " (" +
                                                         std::strerror(errno) + ")");
-        repaired.push_back("moved " + p.path + " to " + target);
+        repaired.push_back("moved " + p.path + " to " + lost + "/" + target);
     }
     StoreReport after = checkLocked(dir);
     after.repaired = std::move(repaired);

@@ -1,16 +1,19 @@
 #include "dictionary/store_files.h"
 
 #include <dirent.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+
+#include "dictionary/small_text_file.h"
+#include "recognition/constraint_list.h"
 
 namespace msm {
 namespace {
-
-const char* const kPersonExtensions[] = {".dck", ".mck", ".bmp", ".dckev"};
 
 bool endsWith(const std::string& s, const char* suffix) {
     const std::size_t n = std::strlen(suffix);
@@ -34,10 +37,64 @@ bool writtenByUs(const std::string& name) {
 
 }  // namespace
 
+std::string realPath(const std::string& path) {
+    char buf[PATH_MAX];
+    return ::realpath(path.c_str(), buf) != nullptr ? std::string(buf) : std::string();
+}
+
 bool isConstraintStem(const std::string& stem) {
     for (const char* s : kConstraintStems)
         if (stem == s) return true;
     return false;
+}
+
+void FileDescriptor::reset(int fd) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+}
+
+bool isReservedKeyName(const std::string& name) {
+    std::string lower = name;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    return isConstraintStem(lower);
+}
+
+std::string reservedKeyNameReason(const std::string& name) {
+    std::string stems;
+    for (const char* s : kConstraintStems) stems += std::string(stems.empty() ? "" : ", ") + s;
+    return name + ": the dictionary directory keeps its constraint space under this name (" +
+           stems + ", in any case); a person needs another key name";
+}
+
+std::string constraintListProblem(const std::string& dir) {
+    const std::string list = dir + "/" + kConstraintListName;
+    const std::string again = "; run \"msmface constraint " + dir + "\" again";
+    struct stat st {};
+    if (::lstat(list.c_str(), &st) != 0) return {};
+    if (S_ISLNK(st.st_mode))
+        return list + ": expected a file of the directory, found a symbolic link" + again;
+    if (!S_ISREG(st.st_mode))
+        return list + ": expected a file of the directory, found a folder, a device or a pipe" +
+               again;
+    ConstraintList parsed;
+    if (readConstraintList(list.c_str(), parsed) != ListRead::Accepted)
+        return list + ": expected a constraint list" + again;
+    const std::string here = realPath(dir);
+    for (const ConstraintListEntry& e : parsed.entries)
+        for (const std::string* stem : {&e.stem, &e.stem2}) {
+            if (stem->empty()) continue;
+            // A bare name (the list of a folder whose path holds blanks) is a file of the list's
+            // own folder.
+            const std::size_t slash = stem->find_last_of('/');
+            if (slash == std::string::npos) continue;
+            const std::string parent = slash == 0 ? "/" : stem->substr(0, slash);
+            if (here.empty() || realPath(parent) != here)
+                return list + ": names " + msmface::detail::quoteForMessage(*stem, 200) +
+                       ", which is not in this directory (was it copied or moved?)" + again;
+        }
+    return {};
 }
 
 DirectoryStamp stampOf(const std::string& dir) {

@@ -15,12 +15,50 @@ inline constexpr const char* kPersonListName = "persons.txt";
 inline constexpr const char* kThresholdName = "threshold.txt";
 inline constexpr const char* kConstraintListName = "constraint.list";
 inline constexpr const char* kConstraintStem = "cmsm";
+// The files of a person "<key name><extension>".
+inline constexpr const char* kPersonExtensions[] = {".dck", ".mck", ".bmp", ".dckev"};
 
-// The constraint space's files are "<stem>.*" for one of these stems: a rebuild writes the stem the
+// The constraint space's files are "<stem>.*" for one of these stems: a rebuild writes a stem the
 // list does not name, and only the list's replacement makes it the current one, so a rebuild that
-// fails or is killed half-way leaves the old space whole.
-inline constexpr const char* kConstraintStems[] = {"cmsm", "cmsm-2"};
+// fails or is killed half-way leaves the old space whole. The third lets a rebuild step around a
+// person that an older version let enrol under one of the others.
+inline constexpr const char* kConstraintStems[] = {"cmsm", "cmsm-2", "cmsm-3"};
 bool isConstraintStem(const std::string& stem);
+
+// An open file or folder, closed with its owner.
+class FileDescriptor {
+  public:
+    FileDescriptor() = default;
+    ~FileDescriptor() { reset(-1); }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    void reset(int fd);
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+};
+
+// True for a key name whose files would be the store's own: a constraint stem, in any case (a
+// directory copied to a medium that folds case makes "CMSM.dck" and "cmsm.dck" one file). Every
+// other file of the directory cannot be a person's: the registry, the threshold and the list do
+// not end in a person's extension, the lock, the write probe and lost+found hold characters no
+// key name may start with or contain, and a temporary ends in six letters or digits, never in
+// ".dck", ".mck", ".bmp" or ".dckev".
+bool isReservedKeyName(const std::string& name);
+// One line for a reserved key name: "<name>: ..." saying why it cannot be a person's.
+std::string reservedKeyNameReason(const std::string& name);
+
+// The absolute path of path with every link resolved, or empty when it does not resolve.
+std::string realPath(const std::string& path);
+
+// Why dir's constraint list cannot be taken as this directory's own ("" when it can, or when
+// there is none): a symbolic link, or anything but a regular file, is refused without a byte of
+// it being read; a list that names a space in another folder (a copied or moved directory) is
+// refused as well, since loading it would use the other directory's files. One line, asking for
+// the space to be built again.
+std::string constraintListProblem(const std::string& dir);
 
 // What a reader compares to notice that another process changed the directory: identity, size
 // and time of the files every change replaces (the registry, the threshold, the constraint list).

@@ -79,6 +79,19 @@ bool sameFile(int fd, const std::string& path) {
            a.st_ino == b.st_ino;
 }
 
+// Why the lock file open on fd must not be written ("" when it may): its text is rewritten by
+// every writer, so it must be this directory's own file and nothing else's name.
+std::string notOwnLockFile(int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return std::string("cannot be examined (") + std::strerror(errno) + ")";
+    if (!S_ISREG(st.st_mode)) return "a folder, a device or a pipe";
+    if (st.st_nlink != 1)
+        return "a file with " + std::to_string(st.st_nlink) + " names (a hard link)";
+    if (st.st_uid != ::geteuid()) return "a file of user " + std::to_string(st.st_uid);
+    return {};
+}
+
 int lockOnce(int fd, int operation) {
     for (;;) {
         if (::flock(fd, operation) == 0) return 0;
@@ -201,6 +214,17 @@ msmface::Status DirectoryLock::acquire(const std::string& dir, LockMode mode, co
         if (!sameFile(fd, path)) {
             ::close(fd);
             continue;
+        }
+        if (exclusive) {
+            const std::string found = notOwnLockFile(fd);
+            if (!found.empty()) {
+                ::close(fd);
+                return Status::failure(ErrorKind::File,
+                                       path +
+                                           ": expected the directory's own lock file (a regular "
+                                           "file of yours with one name), found " +
+                                           found + "; move it away");
+            }
         }
         out.fd_ = fd;
         out.exclusive_ = exclusive;

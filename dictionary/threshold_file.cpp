@@ -67,13 +67,15 @@ std::string loadThreshold(const std::string& dir, int fallback, int& value) {
     value = fallback;
     const std::string path = thresholdPath(dir);
     std::string text;
-    switch (readSmallTextFile(path, kMaxThresholdFileBytes, text)) {
+    switch (readSmallTextFile(path, kMaxThresholdFileBytes, text, Links::Refuse)) {
         case SmallFileRead::Ok:
             break;
         case SmallFileRead::Missing:
             return {};
         case SmallFileRead::NotAFile:
             return path + ": " + kExpected + " in a file, found a folder or a device";
+        case SmallFileRead::Link:
+            return path + ": " + kExpected + " in a file of the directory, found a symbolic link";
         case SmallFileRead::TooLarge:
             return path + ": larger than 4 KiB; " + kExpected;
         case SmallFileRead::Failed:

@@ -1,6 +1,8 @@
 // The Gallery: a dictionary directory, its registry and one engine that enrols, removes and
 // recognises in it the way the msmface program always has.
 #include <fcntl.h>
+#include <strings.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,8 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include <msmface/FileSummary.h>
+#include <msmface/store.h>
 
 #include "dictionary/atomic_file.h"
 #include "dictionary/dictionary_check.h"
@@ -58,6 +62,59 @@ std::string makeDirectories(const std::string& dir) {
     if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
         return dir + ": cannot create the folder (" + std::strerror(errno) + ")";
     return {};
+}
+
+bool hasBlank(const std::string& s) {
+    return s.find_first_of(" \t\n\r\v\f") != std::string::npos;
+}
+
+// A file only this process reads, such as a constraint list that names the directory through
+// /proc/self/fd: in memory, named by /proc/self/fd/N while this object lives.
+class MemoryFile {
+  public:
+    explicit MemoryFile(const std::string& text) {
+        fd_.reset(::memfd_create("msmface", MFD_CLOEXEC));
+        if (!fd_.valid()) {
+            error_ = errno;
+        } else if (::write(fd_.get(), text.data(), text.size()) !=
+                   static_cast<ssize_t>(text.size())) {
+            error_ = errno != 0 ? errno : EIO;
+            fd_.reset(-1);
+        }
+    }
+    bool ok() const { return fd_.valid(); }
+    int error() const { return error_; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_.get()); }
+
+  private:
+    msm::FileDescriptor fd_;
+    int error_ = 0;
+};
+
+bool namesBareStems(const msm::ConstraintList& list) {
+    for (const msm::ConstraintListEntry& e : list.entries)
+        for (const std::string* stem : {&e.stem, &e.stem2})
+            if (!stem->empty() && stem->find('/') == std::string::npos) return true;
+    return false;
+}
+
+// The list's text with its bare names placed in folder.
+std::string constraintListText(const msm::ConstraintList& list, const std::string& folder) {
+    const auto placed = [&folder](const std::string& stem) {
+        return stem.find('/') == std::string::npos ? folder + "/" + stem : stem;
+    };
+    std::string text =
+        std::to_string(list.entries.size()) + "\n" + std::to_string(list.selected + 1) + "\n";
+    for (const msm::ConstraintListEntry& e : list.entries) {
+        const std::string dimension = std::to_string(e.dimension);
+        if (e.kind == msm::kKindFile)
+            text += "CMSMF " + placed(e.stem) + " " + dimension + "\n";
+        else if (e.kind == msm::kKindLearned)
+            text += "CMSML " + placed(e.stem) + " " + dimension + " " + placed(e.stem2) + "\n";
+        else
+            text += "MSM\n";
+    }
+    return text;
 }
 
 }  // namespace
@@ -106,6 +163,14 @@ std::string readListed(const std::string& dir, Listing& out) {
         if (!exists(dck)) {
             l.orphans.push_back(p);
             l.leftOut.push_back({p, dir + ": " + who + " has no dictionary file; ignored"});
+            continue;
+        }
+        // Enrolled under the constraint space's name by an older version or written by hand: its
+        // files are the space's, none of its own.
+        if (msm::isReservedKeyName(p.name)) {
+            l.orphans.push_back(p);
+            l.leftOut.push_back(
+                {p, dir + ": " + who + " is listed under the constraint space's name; ignored"});
             continue;
         }
         if (l.persons.size() >= static_cast<std::size_t>(kMaxLoadedPersons)) {
@@ -176,37 +241,58 @@ bool hasConstraintList(const std::string& dir) {
 
 // Empty, or the first file of the list's spaces that does not hold a valid basis or eigenvalues. A
 // list that does not read is left to the engine, which says so.
-std::string checkConstraintFiles(const std::string& list) {
+std::string checkConstraintFiles(const std::string& dir, const std::string& list) {
     msm::ConstraintList parsed;
     {
         msm::DiagnosticCapture quiet;
         if (msm::readConstraintList(list.c_str(), parsed) != msm::ListRead::Accepted) return {};
     }
+    // A bare stem is one of the directory's own files.
+    const auto at = [&](const std::string& stem) {
+        return stem.find('/') == std::string::npos ? dir + "/" + stem : stem;
+    };
     for (const msm::ConstraintListEntry& e : parsed.entries) {
         if (e.kind != msm::kKindFile && e.kind != msm::kKindLearned) continue;
         std::string problem =
-            msm::checkDictionaryFile(e.stem + ".dck", msm::constraintBasisShape());
+            msm::checkDictionaryFile(at(e.stem) + ".dck", msm::constraintBasisShape());
         if (problem.empty())
-            problem = msm::checkDictionaryFile(e.stem + ".dckev", msm::constraintValuesShape());
+            problem = msm::checkDictionaryFile(at(e.stem) + ".dckev", msm::constraintValuesShape());
         if (problem.empty() && e.kind == msm::kKindLearned && e.stem2 != e.stem)
-            problem = msm::checkDictionaryFile(e.stem2 + ".dck", msm::constraintBasisShape());
+            problem = msm::checkDictionaryFile(at(e.stem2) + ".dck", msm::constraintBasisShape());
         if (!problem.empty()) return problem;
     }
     return {};
 }
 
-std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir) {
+std::string engineFolder(const GalleryState& state) {
+    const std::string here = absolute(state.dir);
+    if (!hasBlank(here) || !state.folder.valid()) return here;
+    return "/proc/self/fd/" + std::to_string(state.folder.get());
+}
+
+std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state) {
+    const std::string& dir = state.dir;
     const std::string list = constraintListPath(dir);
     if (!hasConstraintList(dir))
         return dir + ": no constraint space yet (run \"msmface constraint " + dir + "\")";
-    const std::string invalid = checkConstraintFiles(list);
+    const std::string problem = msm::constraintListProblem(dir);
+    if (!problem.empty()) return problem;
+    const std::string invalid = checkConstraintFiles(dir, list);
     if (!invalid.empty())
         return list + ": the constraint space does not load (" + invalid +
                "); run \"msmface constraint\" again";
     int status = 0;
     {
         msm::DiagnosticCapture quiet;
-        status = engine.InitConstraintMSM(list.c_str());
+        msm::ConstraintList parsed;
+        std::optional<MemoryFile> placed;
+        if (msm::readConstraintList(list.c_str(), parsed) == msm::ListRead::Accepted &&
+            namesBareStems(parsed)) {
+            placed.emplace(constraintListText(parsed, engineFolder(state)));
+            if (!placed->ok())
+                return list + ": cannot be read (" + std::strerror(placed->error()) + ")";
+        }
+        status = engine.InitConstraintMSM(placed ? placed->path().c_str() : list.c_str());
     }
     if (status <= 0)
         return list + ": the constraint space does not load (status " + std::to_string(status) +
@@ -371,12 +457,23 @@ bool Gallery::Impl::crop(const Sample& sample) {
 }
 
 void Gallery::Impl::removePersonFiles(const std::string& name) const {
-    for (const char* ext : {".dck", ".mck", ".bmp", ".dckev"})
-        ::unlink((dir() + "/" + name + ext).c_str());
+    // The constraint space's files are never a person's, whatever the registry says.
+    if (msm::isReservedKeyName(name)) return;
+    for (const char* ext : msm::kPersonExtensions) ::unlink((dir() + "/" + name + ext).c_str());
+}
+
+std::string Gallery::Impl::existingPersonFile(const std::string& name) const {
+    for (const char* ext : msm::kPersonExtensions) {
+        const std::string path = dir() + "/" + name + ext;
+        struct stat st {};
+        // lstat: a link, a folder or a pipe of that name is in the way as much as a file is.
+        if (::lstat(path.c_str(), &st) == 0) return path;
+    }
+    return {};
 }
 
 Status Gallery::Impl::loadConstraint() {
-    const std::string error = detail::loadConstraintSpace(*engine, dir());
+    const std::string error = detail::loadConstraintSpace(*engine, *state);
     if (!error.empty())
         return fail(detail::hasConstraintList(dir()) ? ErrorKind::File : ErrorKind::NotFound,
                     error);
@@ -413,6 +510,7 @@ Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options
     if (!S_ISDIR(st.st_mode))
         return fail(ErrorKind::File, dir + ": expected a dictionary directory, found a file");
     auto impl = std::make_unique<Impl>(dir);
+    impl->state->folder.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     impl->lockOptions = options.lock;
     // Shared: a change another process is writing is either wholly in what we load or not at all.
     msm::DirectoryLock lock;
@@ -470,6 +568,8 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         return fail(ErrorKind::Argument, "--name \"" + name +
                                              "\": expected 1 to 64 letters, digits, '_', '-' "
                                              "or '.', not starting with '.'");
+    if (msm::isReservedKeyName(name))
+        return fail(ErrorKind::Argument, "--name " + msm::reservedKeyNameReason(name));
     if (frames.empty())
         return fail(ErrorKind::Argument, "no frames: expected at least one image with its points");
     Status status = g.checkSamples(frames);
@@ -505,6 +605,19 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
                     g.dir() + ": already lists " + std::to_string(g.state->listed.size()) +
                         " persons, as many as an engine holds (" +
                         std::to_string(kMaxLoadedPersons) + "); delete one first");
+    // A file of this name that no entry lists is the user's (a person taken out of the registry
+    // by hand, a picture put there): the enrolment would replace it, and a failed one remove it.
+    const std::string foreign = g.existingPersonFile(name);
+    // Without a registry nothing tells a killed enrolment's files from a host's person: only
+    // with one does a repair move them.
+    if (!foreign.empty())
+        return fail(ErrorKind::File,
+                    foreign + ": exists, and no person of the registry names it; move it away" +
+                        (exists(detail::registryPath(g.dir()))
+                             ? std::string(" or run \"msmface check --repair\" (which moves it "
+                                           "to ") +
+                                   kLostAndFoundName + ")"
+                             : std::string()));
     status = g.checkWritable();
     if (!status.ok()) return status;
 
@@ -592,17 +705,30 @@ Status Gallery::remove(int id) {
     std::vector<Person> next;
     for (const Person& p : g.state->listed)
         if (p.id != id) next.push_back(p);
-    const std::string error = detail::saveRegistry(g.dir(), next);
-    if (!error.empty()) return fail(ErrorKind::File, error);
+    std::string error = detail::saveRegistry(g.dir(), next);
     if (index >= 0) {
         msm::DiagnosticCapture quiet;
         g.engine->Deletion(index, true);
+    }
+    if (!error.empty()) {
+        // The registry's replacement needs room for its temporary, which on a full disk only the
+        // person's own files can give: they go first, and the entry is written again. Should that
+        // fail as well, the person is listed without files, which a load leaves out and another
+        // deletion clears.
+        g.removePersonFiles(name);
+        error = detail::saveRegistry(g.dir(), next);
     }
     g.removePersonFiles(name);
     // The engine leaves the record table to its host: start again from the files.
     g.engine = Impl::newEngine();
     g.table.clear();
     g.constraintLoaded = false;
+    if (!error.empty()) {
+        g.load(true);
+        g.finishWrite();
+        g.state->generation.fetch_add(1);
+        return fail(ErrorKind::File, error);
+    }
     status = g.load(true);
     if (!status.ok()) {
         // The person is gone from the registry and the disk whatever else does not load now.
@@ -632,7 +758,9 @@ namespace {
 std::string currentConstraintStem(const std::string& dir) {
     msm::ConstraintList list;
     const std::string path = detail::constraintListPath(dir);
-    if (!exists(path)) return {};
+    struct stat st {};
+    // A link or a pipe is not our list: it names no space of ours.
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return {};
     msm::DiagnosticCapture quiet;
     if (msm::readConstraintList(path.c_str(), list) != msm::ListRead::Accepted ||
         list.entries.empty())
@@ -663,12 +791,29 @@ Status Gallery::rebuildConstraint(int dimension) {
     // The new space goes to the stem the list does not name: until the list is replaced, the old
     // space stays whole, whatever stops the rebuild.
     const std::string old = currentConstraintStem(g.dir());
-    const std::string fresh =
-        old == msm::kConstraintStems[0] ? msm::kConstraintStems[1] : msm::kConstraintStems[0];
-    const std::string stem = absolute(g.dir()) + "/" + fresh;
-    if (stem.find_first_of(" \t\n") != std::string::npos)
+    // A person that an older version let enrol under a constraint stem keeps its files: neither
+    // the new space nor the removal of the old one may touch them.
+    const auto listed = [&g](const std::string& stem) {
+        for (const auto* group : {&g.state->persons, &g.state->orphans})
+            for (const Person& p : *group)
+                if (::strcasecmp(p.name.c_str(), stem.c_str()) == 0) return true;
+        return false;
+    };
+    std::string fresh;
+    for (const char* candidate : msm::kConstraintStems)
+        if (fresh.empty() && candidate != old && !listed(candidate)) fresh = candidate;
+    if (fresh.empty())
         return fail(ErrorKind::Argument,
-                    g.dir() + ": the constraint list cannot name a folder with blanks in its path");
+                    detail::registryPath(g.dir()) +
+                        ": lists persons under every name the constraint space can take; delete "
+                        "one of them (its files stay) and enrol it under another name");
+    // The list names the space by absolute path, which legacy hosts load as it is; where blanks
+    // would split that path, by its bare name, which the gallery places in the directory itself.
+    const std::string here = absolute(g.dir());
+    const bool blanks = hasBlank(here);
+    if (blanks && !g.state->folder.valid())
+        return fail(ErrorKind::File, g.dir() + ": cannot be opened to build a constraint space");
+    const std::string stem = blanks ? fresh : here + "/" + fresh;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
     // Left by a rebuild that was killed: not named by any list.
@@ -701,7 +846,12 @@ Status Gallery::rebuildConstraint(int dimension) {
         // Before the first generation the space's files do not exist yet: the load fails, but
         // the list is known and the generation writes the files.
         msm::DiagnosticCapture quiet;
-        e.InitConstraintMSM(temp.c_str());
+        std::optional<MemoryFile> placed;
+        if (blanks) {
+            const std::string at = detail::engineFolder(*g.state) + "/" + fresh;
+            placed.emplace("1\n1\nCMSML " + at + " " + std::to_string(dimension) + " " + at + "\n");
+        }
+        e.InitConstraintMSM(placed ? placed->path().c_str() : temp.c_str());
         generated = e.UpdateCMSMDictionary(0);
     }
     const std::string writeFailure = msm::lastWriteFailure();
@@ -724,7 +874,9 @@ Status Gallery::rebuildConstraint(int dimension) {
         return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
     }
     msm::syncDirectory(g.dir());
-    if (!old.empty() && old != fresh) removeConstraintFiles(g.dir(), old);
+    // Only a space of ours is removed: a list written by hand may name any file.
+    if (msm::isConstraintStem(old) && old != fresh && !listed(old))
+        removeConstraintFiles(g.dir(), old);
     g.finishWrite();
     g.constraintLoaded = false;
     status = g.loadConstraint();

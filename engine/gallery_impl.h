@@ -47,6 +47,8 @@ struct GalleryState {
     std::atomic<uint64_t> generation{0};
     // The directory's files as the fields above were read from them.
     msm::DirectoryStamp stamp;
+    // The directory, open for as long as any engine of this state may name its files through it.
+    msm::FileDescriptor folder;
 
     uint64_t newSerial() { return nextSerial++; }
 };
@@ -106,8 +108,13 @@ std::string loadPersons(FaceRecognition& engine, const std::string& dir,
 
 std::string constraintListPath(const std::string& dir);
 bool hasConstraintList(const std::string& dir);
+// The directory as an engine's constraint list names it: its absolute path or, where that holds
+// a blank (which would split a token of the list), /proc/self/fd/N of the state's open folder.
+std::string engineFolder(const GalleryState& state);
 // Loads the directory's constraint space into the engine and projects its persons (method 4).
-std::string loadConstraintSpace(FaceRecognition& engine, const std::string& dir);
+// A list of bare names (that of a folder whose path holds blanks) is placed in the directory
+// through engineFolder: the engine names the files through the state's folder from then on.
+std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state);
 
 // The engine's method number; -1 for a value outside the enumeration.
 int engineMethod(Method m);
@@ -160,6 +167,9 @@ class Gallery::Impl {
     // The sample's face normalised into the engine's next ring slot; false when it has none.
     bool crop(const Sample& sample);
     void removePersonFiles(const std::string& name) const;
+    // The first file of a person of this key name that exists in the directory (any type, a
+    // dangling link included), or empty.
+    std::string existingPersonFile(const std::string& name) const;
     Status loadConstraint();
 
     std::shared_ptr<detail::GalleryState> state;

@@ -107,7 +107,7 @@ Status Stream::Impl::reload() {
                               (personsChanged || state->constraintRevision != constraintRevision);
     if (error.empty() && personsChanged) error = updatePersons(state->persons, state->serials);
     if (error.empty() && spaceChanged && !persons.empty())
-        error = detail::loadConstraintSpace(*engine, state->dir);
+        error = detail::loadConstraintSpace(*engine, *state);
     if (!error.empty()) {
         // Nothing half-loaded is used: the stream recognises no one until a reload succeeds.
         detail::loadPersons(*engine, state->dir, {}, table);

@@ -1,7 +1,6 @@
 // Uncompressed BMP output: the picture stored with each enrolled person.
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -90,11 +89,10 @@ bool BasicImageFile::WriteBmp(const char* path) {
     // Fields changed by hand that no longer describe a picture are refused before any file exists.
     if (msm::imageByteCount(width, height, bitsPerPixel) < 0) return false;
 
-    std::FILE* file = std::fopen(path, "wb");
-    if (file == nullptr) {
-        msm::noteWriteFailure(path, errno);
-        return false;
-    }
+    // Beside the target and renamed over it: a link put where the picture goes is replaced, never
+    // followed, and a failed write leaves whatever was there before.
+    msm::AtomicFile file(path);
+    if (file.stream() == nullptr) return false;  // the failure is noted by the writer
 
     const uint32_t stride =
         strideOf(static_cast<uint32_t>(width), static_cast<uint32_t>(bitsPerPixel));
@@ -103,7 +101,7 @@ bool BasicImageFile::WriteBmp(const char* path) {
     const std::size_t rowBytes = std::size_t{stride} * static_cast<uint32_t>(height);
     std::unique_ptr<unsigned char[]> rows(new (std::nothrow) unsigned char[rowBytes]());
     if (rows == nullptr) {
-        std::fclose(file);  // an empty file is left behind, as it always was
+        file.Commit();  // an empty file is left behind, as it always was
         return false;
     }
     fillBottomUp(*this, stride, rows.get());
@@ -111,19 +109,16 @@ bool BasicImageFile::WriteBmp(const char* path) {
     const uint32_t dataOffset = kFileHeaderBytes + kInfoHeaderBytes + paletteBytes;
     const auto head = fileHeader(dataOffset + static_cast<uint32_t>(rowBytes), dataOffset);
     const auto info = infoHeader(*this);
-    errno = 0;
-    bool complete = std::fwrite(head.data(), 1, head.size(), file) == head.size() &&
-                    std::fwrite(info.data(), 1, info.size(), file) == info.size();
+    std::FILE* out = file.stream();
+    bool complete = msm::writeAll(out, head.data(), head.size()) &&
+                    msm::writeAll(out, info.data(), info.size());
     if (complete && paletteBytes != 0) {
         const auto palette = greyPalette();
-        complete = std::fwrite(palette.data(), 1, palette.size(), file) == palette.size();
+        complete = msm::writeAll(out, palette.data(), palette.size());
     }
-    complete = complete && std::fwrite(rows.get(), 1, rowBytes, file) == rowBytes;
-    complete = std::fflush(file) == 0 && complete;
-    const int error = errno;
+    complete = complete && msm::writeAll(out, rows.get(), rowBytes);
     // kept: write errors do not change the result; enrolment does not depend on the picture. A host
-    // that keeps the picture asks lastWriteFailure().
-    std::fclose(file);
-    if (!complete) msm::noteWriteFailure(path, error);
+    // that keeps the picture asks lastWriteFailure(), where the writer notes what failed.
+    if (complete) file.Commit();
     return true;
 }

@@ -4,6 +4,7 @@
 
 #include <msmface/BasicImage.h>
 
+#include "dictionary/atomic_file.h"
 #include "normalise/image_shape.h"
 
 namespace {
@@ -21,7 +22,9 @@ bool BasicImageFile::WritePnm(const char* path) {
         bytes = msm::imageByteCount(width, height, bitsPerPixel);
         if (bytes < 0) return false;  // fields changed by hand no longer describe the buffer
     }
-    std::FILE* file = std::fopen(path, "wb");
+    // Through a temporary renamed over the target: a link of that name is replaced, not followed.
+    msm::AtomicFile atomic(path);
+    std::FILE* file = atomic.stream();
     if (file == nullptr) return false;
 
     // kept: anything that is not 8-bit is written as colour, an empty image included.
@@ -33,9 +36,6 @@ bool BasicImageFile::WritePnm(const char* path) {
     std::fprintf(file, "%d %d\n%d\n", width, height, 255);
     if (bytes > 0) std::fwrite(pixels, 1, static_cast<std::size_t>(bytes), file);
 
-    // Flushed first so that a full disk shows up here rather than being lost in the close.
-    std::fflush(file);
-    bool failed = std::ferror(file) != 0;
-    std::fclose(file);
-    return !failed;
+    // Committed only when every byte went out: a full disk leaves the old file, or none.
+    return std::ferror(file) == 0 && atomic.Commit();
 }

@@ -134,6 +134,80 @@ TEST(StoreCheck, ReportsEveryDisagreementAndRepairLosesNoListedPerson) {
     EXPECT_TRUE(::access((dir / "lost+found/ghost.dck.1").c_str(), F_OK) == 0);
 }
 
+// lost+found as a link to a folder elsewhere (or as a file): a repair moves nothing out of the
+// directory, and check and repair both say why in one line.
+TEST(StoreCheck, RepairMovesFilesOnlyIntoARealLostAndFound) {
+    ScratchDir dir, outside;
+    WritePerson(dir.path(), "alice");
+    WritePerson(dir.path(), "ghost");
+    WriteText(dir / "persons.txt", "1 alice\n");
+    ASSERT_EQ(::symlink(outside.path().c_str(), (dir / "lost+found").c_str()), 0);
+    const auto r = msmface::checkStore(dir.path());
+    ASSERT_TRUE(r.ok()) << r.message();
+    bool named = false;
+    for (const auto& p : r->problems)
+        named = named || (p.path == dir / "lost+found" &&
+                          p.message == dir / "lost+found" +
+                                           ": expected a folder of the directory, found a "
+                                           "symbolic link; a repair moves nothing until it is "
+                                           "moved away");
+    EXPECT_TRUE(named);
+    const auto refused = msmface::repairStore(dir.path());
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.status().kind(), msmface::ErrorKind::File);
+    EXPECT_THAT(refused.message(), HasSubstr(dir / "lost+found: expected a folder"));
+    EXPECT_EQ(refused.message().find('\n'), std::string::npos);
+    EXPECT_TRUE(outside.Entries().empty());
+    EXPECT_TRUE(::access((dir / "ghost.dck").c_str(), F_OK) == 0);
+
+    ::unlink((dir / "lost+found").c_str());
+    WriteText(dir / "lost+found", "a file of the user's\n");
+    EXPECT_FALSE(msmface::repairStore(dir.path()).ok());
+    EXPECT_TRUE(::access((dir / "ghost.mck").c_str(), F_OK) == 0);
+
+    ::unlink((dir / "lost+found").c_str());
+    const auto fixed = msmface::repairStore(dir.path());
+    ASSERT_TRUE(fixed.ok()) << fixed.message();
+    EXPECT_THAT(fixed->repaired,
+                ElementsAre("moved " + dir / "ghost.dck" + " to " + dir / "lost+found/ghost.dck",
+                            "moved " + dir / "ghost.mck" + " to " + dir / "lost+found/ghost.mck"));
+    EXPECT_TRUE(outside.Entries().empty());
+}
+
+// A listed person's picture as a pipe or as a link elsewhere: named as such, and the check
+// neither hangs on the pipe nor reads the link's target.
+TEST(StoreCheck, APictureThatIsAPipeOrALinkIsNamedWithoutBeingRead) {
+    ScratchDir dir, outside;
+    WritePerson(dir.path(), "alice");
+    WritePerson(dir.path(), "bob");
+    WriteText(dir / "persons.txt", "1 alice\n2 bob\n");
+    ASSERT_EQ(::mkfifo((dir / "alice.bmp").c_str(), 0644), 0);
+    WriteText(outside / "picture.bmp", std::string("BM\x08\0\0\0xx", 8));
+    ASSERT_EQ(::symlink((outside / "picture.bmp").c_str(), (dir / "bob.bmp").c_str()), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(20);  // a check that hangs on the pipe is ended here, and fails the test
+        const auto r = msmface::checkStore(dir.path());
+        std::vector<std::string> lines;
+        for (const auto& p : r->problems)
+            if (p.kind == StoreProblemKind::UnreadableFile) lines.push_back(p.message);
+        const bool ok =
+            r.ok() && lines.size() == 2 &&
+            lines[0] == dir / "alice.bmp" +
+                            ": expected a BMP picture, found a folder, a device or a pipe" &&
+            lines[1] == dir / "bob.bmp" +
+                            ": expected a BMP picture in a file of the directory, found a "
+                            "symbolic link";
+        for (const std::string& line : lines)
+            if (!ok) std::fprintf(stderr, "%s\n", line.c_str());
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "the check hung on the pipe";
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
 TEST(StoreCheck, ConstraintFilesMustLoadAndBelongToTheDirectory) {
     ScratchDir dir;
     WritePerson(dir.path(), "alice");

@@ -152,6 +152,37 @@ TEST(DirectoryLock, AKilledHolderNeverBlocks) {
     EXPECT_TRUE(s.ok()) << s.message();
 }
 
+// A writer rewrites the lock file's text: a lock file that is another file's second name would
+// have that file truncated. Refused with one line, and nothing is written.
+TEST(DirectoryLock, AWriterRefusesALockFileThatIsNotTheDirectorysOwn) {
+    ScratchDir dir, outside;
+    const std::string victim = outside / "victim";
+    msmtest::WriteBytes(victim, {'k', 'e', 'e', 'p', '\n'});
+    ASSERT_EQ(::link(victim.c_str(), (dir / ".msmface.lock").c_str()), 0);
+    DirectoryLock lock;
+    const msmface::Status s =
+        DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock);
+    EXPECT_EQ(s.kind(), ErrorKind::File);
+    EXPECT_THAT(s.message(),
+                HasSubstr(dir / ".msmface.lock" + ": expected the directory's own lock file"));
+    EXPECT_THAT(s.message(), HasSubstr("found a file with 2 names"));
+    EXPECT_EQ(s.message().find('\n'), std::string::npos);
+    EXPECT_FALSE(lock.held());
+    EXPECT_EQ(msmtest::ReadBytes(victim), (std::vector<unsigned char>{'k', 'e', 'e', 'p', '\n'}));
+    // Readers write nothing and may share it.
+    EXPECT_TRUE(DirectoryLock::acquire(dir.path(), LockMode::Shared, kNoWait, lock).ok());
+    lock.release();
+    EXPECT_EQ(msmtest::ReadBytes(victim).size(), 5u);
+    // A link to a file elsewhere is not opened at all.
+    ::unlink((dir / ".msmface.lock").c_str());
+    ASSERT_EQ(::symlink(victim.c_str(), (dir / ".msmface.lock").c_str()), 0);
+    EXPECT_FALSE(DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock).ok());
+    EXPECT_EQ(msmtest::ReadBytes(victim).size(), 5u);
+    // Its own file again: taken, and released empty.
+    ::unlink((dir / ".msmface.lock").c_str());
+    ASSERT_TRUE(DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock).ok());
+}
+
 TEST(DirectoryLock, ReadOnlyDirectoryRefusesWritersAndLetsReadersThrough) {
     if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind root";
     ScratchDir dir;

@@ -2,6 +2,7 @@
 // failures that write nothing.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -84,6 +85,27 @@ TEST(Registration, WritesExactlyTheThreeFiles) {
     std::memcpy(spectrum, host.engine.workBuffer, sizeof spectrum);
     EXPECT_NEAR(std::accumulate(spectrum, spectrum + 256, 0.0), 1.0, 1e-4);
     for (int i = 1; i < 256; ++i) EXPECT_LE(spectrum[i], spectrum[i - 1] + 1e-7f);
+}
+
+// A link put where the person's picture goes is replaced by the picture: the file it pointed at
+// outside the directory stays as it was, and the picture is the one a plain folder gets.
+TEST(Registration, ThePictureReplacesALinkInsteadOfWritingThroughIt) {
+    ScratchDir dir, plain, outside;
+    const std::string secret = outside.File("secret");
+    enginetest::WriteText(secret, "the user's own file\n");
+    ASSERT_EQ(::symlink(secret.c_str(), dir.File("dora.bmp").c_str()), 0);
+    SyntheticPerson dora(44);
+    Host linked(dir.path());
+    ASSERT_TRUE(linked.Enrol(7, "dora", dora));
+    Host clean(plain.path());
+    ASSERT_TRUE(clean.Enrol(7, "dora", dora));
+    EXPECT_EQ(enginetest::ReadBytes(secret).size(), 20u);
+    struct stat st {};
+    ASSERT_EQ(::lstat(dir.File("dora.bmp").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(enginetest::ReadBytes(dir.File("dora.bmp")),
+              enginetest::ReadBytes(plain.File("dora.bmp")));
+    EXPECT_EQ(dir.Entries(), (std::vector<std::string>{"dora.bmp", "dora.dck", "dora.mck"}));
 }
 
 TEST(Registration, WrittenVectorsAreLimited) {

@@ -9,6 +9,7 @@
 
 namespace {
 
+using gallerytest::ExpectFailure;
 using gallerytest::Population;
 using gallerytest::ReadText;
 using gallerytest::ScratchDir;
@@ -19,13 +20,6 @@ using msmface::Gallery;
 using msmface::Sample;
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-void ExpectFailure(const msmface::Status& s, ErrorKind kind, const std::string& what) {
-    EXPECT_FALSE(s.ok());
-    EXPECT_EQ(s.kind(), kind) << s.message();
-    EXPECT_THAT(s.message(), HasSubstr(what));
-    EXPECT_THAT(s.message(), Not(HasSubstr("\n")));
-}
 
 class BadInput : public ::testing::Test {
   protected:

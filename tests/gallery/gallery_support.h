@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <msmface/gallery.h>
 
 #include "common/scratch_dir.h"
@@ -112,6 +114,15 @@ inline std::vector<std::pair<std::string, std::string>> Snapshot(const std::stri
     }
     std::sort(out.begin(), out.end());
     return out;
+}
+
+// A failure of this kind whose one-line message holds what.
+inline void ExpectFailure(const msmface::Status& s, msmface::ErrorKind kind,
+                          const std::string& what) {
+    EXPECT_FALSE(s.ok());
+    EXPECT_EQ(s.kind(), kind) << s.message();
+    EXPECT_THAT(s.message(), ::testing::HasSubstr(what));
+    EXPECT_THAT(s.message(), ::testing::Not(::testing::HasSubstr("\n")));
 }
 
 inline std::vector<std::string> Names(const std::vector<msmface::Person>& persons) {

@@ -220,6 +220,31 @@ TEST_F(ImageFiles, WritersReportFilesTheyCannotWrite) {
     }
 }
 
+// A link in the place of the file written is replaced by the file; what it pointed at stays as
+// it was, and the bytes written are those of a plain target.
+TEST_F(ImageFiles, WritersReplaceALinkInsteadOfWritingThroughIt) {
+    BasicImageFile image(8, 8, 8);
+    fillPattern(image, 0);
+    const std::string outside = file("outside");
+    const Bytes kept = bytesOf("the user's own file\n");
+    for (const char* name : {"face.bmp", "face.pgm"}) {
+        const bool bmp = std::string(name).find(".bmp") != std::string::npos;
+        const std::string plain = file((std::string("plain-") + name).c_str());
+        ASSERT_TRUE(bmp ? image.WriteBmp(plain.c_str()) : image.WritePnm(plain.c_str()));
+        {
+            std::ofstream(outside, std::ios::binary | std::ios::trunc)
+                .write(reinterpret_cast<const char*>(kept.data()),
+                       static_cast<std::streamsize>(kept.size()));
+        }
+        const std::string linked = file(name);
+        fs::create_symlink(outside, linked);
+        ASSERT_TRUE(bmp ? image.WriteBmp(linked.c_str()) : image.WritePnm(linked.c_str()));
+        EXPECT_EQ(readAll(outside), kept) << name;
+        EXPECT_FALSE(fs::is_symlink(linked)) << name;
+        EXPECT_EQ(readAll(linked), readAll(plain)) << name;
+    }
+}
+
 TEST_F(ImageFiles, BmpWithoutPixelsOrWithBrokenFieldsCreatesNoFile) {
     const std::string path = file("none.bmp");
     BasicImageFile empty;

@@ -154,7 +154,14 @@ TEST_F(Cli, RegistryAndFilesThatDisagreeAreResolvedByTheRegistry) {
     EXPECT_THAT(list.err, HasSubstr("person 2 (bob) has no dictionary file; ignored"));
     const CliRun r = RunCli("recognise '" + dir + "' --points '" + Frames("alice_probe.txt") + "'");
     EXPECT_EQ(r.status, 0) << r.err;
-    // The unlisted person's name can be enrolled again; the half-listed one must be deleted first.
+    // The unlisted person's files keep its name until a repair moves them to lost+found (an
+    // enrolment would replace them); the half-listed one must be deleted first.
+    const CliRun unlisted = Enrol(dir, 2);
+    EXPECT_EQ(unlisted.status, 1);
+    EXPECT_THAT(unlisted.err, HasSubstr("no person of the registry names it"));
+    // The repair reports bob's missing dictionary as well, which only a deletion settles.
+    const CliRun repair = RunCli("check '" + dir + "' --repair");
+    EXPECT_THAT(repair.out + repair.err, HasSubstr("carol.dck to "));
     EXPECT_EQ(Enrol(dir, 2).status, 0);
     const CliRun halfListed = Enrol(dir, 1);
     EXPECT_NE(halfListed.status, 0);

@@ -263,6 +263,39 @@ TEST_F(StoreDisk, AFullDiskRefusesTheConstraintSpaceAndKeepsTheOldOne) {
     });
 }
 
+// With not a byte free, the registry's replacement has no room for its temporary: a deletion
+// still succeeds (the person's own files give the room) and loses no one else.
+TEST_F(StoreDisk, ADeletionFreesSpaceOnAFullDisk) {
+    InScratchFs([&](const std::string& mnt) -> std::string {
+        const std::string dir = mnt + "/dict";
+        const std::string enrolled = EnrolFirstTwo(dir);
+        if (!enrolled.empty()) return enrolled;
+        const auto before = Snapshot(dir);
+        const std::string filled = Fill(dir, 0);
+        if (!filled.empty()) return filled;
+        const bool roomLeft = WriteFile(mnt + "/probe", std::string(kPage, 'x'));
+        ::unlink((mnt + "/probe").c_str());
+        if (roomLeft) return "the scratch file system is not full";
+        const Finished f = Wait(Launch({"delete", dir, "--id", "1"}, work_ / "delete"));
+        std::string failures;
+        if (f.status != 0)
+            failures +=
+                "delete on a full disk: exit " + std::to_string(f.status) + ": " + f.err + "; ";
+        if (clitest::ReadText(dir + "/persons.txt").find("1 person1") != std::string::npos ||
+            clitest::ReadText(dir + "/persons.txt").find("2 person2\n") == std::string::npos)
+            failures += "persons.txt: " + clitest::ReadText(dir + "/persons.txt") + "; ";
+        const auto after = Snapshot(dir);
+        for (const auto& [name, bytes] : before) {
+            const bool gone = name.rfind("person1.", 0) == 0;
+            if (gone && after.count(name)) failures += name + " is still there; ";
+            if (!gone && name.rfind("person2.", 0) == 0 &&
+                (!after.count(name) || after.at(name) != bytes))
+                failures += name + " changed; ";
+        }
+        return failures;
+    });
+}
+
 TEST_F(StoreDisk, ReadOnlyMediaAndForbiddenFoldersAreNamedWithTheirReason) {
     InScratchFs([&](const std::string& mnt) -> std::string {
         const std::string dir = mnt + "/dict";

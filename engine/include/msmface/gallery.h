@@ -102,11 +102,12 @@ struct OpenOptions {
 class MSMFACE_API Gallery {
   public:
     // Opens a dictionary directory and loads the persons of its registry and its stored
-    // threshold. A listed person whose dictionary file is missing (orphans()), does not read, or
-    // does not hold an orthonormal dictionary of the directory's shape is left out of persons()
-    // and reported by leftOut(), as are the persons beyond the first kMaxLoadedPersons; the
-    // others are recognised. Fails (File) on a registry or threshold file that does not parse,
-    // naming it; (NotFound) on a missing directory unless options.create.
+    // threshold. A listed person whose dictionary file is missing or listed under a key name the
+    // directory keeps for its constraint space (both: orphans()), whose dictionary does not read,
+    // or does not hold an orthonormal dictionary of the directory's shape is left out of
+    // persons() and reported by leftOut(), as are the persons beyond the first kMaxLoadedPersons;
+    // the others are recognised. Fails (File) on a registry or threshold file that does not
+    // parse, naming it; (NotFound) on a missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
@@ -134,9 +135,13 @@ class MSMFACE_API Gallery {
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
     // beyond are not used). Writes the person's files first and the registry last. requires:
     // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // and unused; fewer than kMaxLoadedPersons listed persons.
+    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case); fewer
+    // than kMaxLoadedPersons listed persons. Fails (File) while a file of that name that no entry
+    // lists is in the directory: an enrolment neither replaces nor removes a file it did not
+    // create.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
-    // Removes a person: the registry entry first, then the files.
+    // Removes a person: the registry entry first, then the files (the files first where the
+    // registry's replacement finds no room on the disk).
     Status remove(int id);
 
     // Builds the constraint space (methods Cmsm) from every person and loads it. dimension: 1 to
