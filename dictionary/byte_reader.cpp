@@ -20,8 +20,6 @@ bool countFits(int64_t count, int64_t unitBytes, std::size_t available) {
            static_cast<uint64_t>(available) / static_cast<uint64_t>(unitBytes);
 }
 
-namespace {
-
 const char* kindOfNonFile(mode_t mode) {
     if (S_ISDIR(mode)) return "is a folder, not a file";
     if (S_ISFIFO(mode)) return "is a FIFO, not a file";
@@ -29,6 +27,8 @@ const char* kindOfNonFile(mode_t mode) {
     if (S_ISSOCK(mode)) return "is a socket, not a file";
     return "is not a regular file";
 }
+
+namespace {
 
 std::string sizeText(uint64_t bytes, std::size_t maxBytes) {
     const std::string limit =

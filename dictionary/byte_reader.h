@@ -4,6 +4,8 @@
 #ifndef MSMFACE_DICTIONARY_BYTE_READER_H
 #define MSMFACE_DICTIONARY_BYTE_READER_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -16,6 +18,9 @@ constexpr std::size_t kMaxFileBytes = std::size_t{1} << 30;
 
 // True when count items of unitBytes each fit in `available` bytes (negative values never fit).
 bool countFits(int64_t count, int64_t unitBytes, std::size_t available);
+
+// What a file of this mode is instead of a regular file, in a few words ("is a FIFO, not a file").
+const char* kindOfNonFile(mode_t mode);
 
 // Reads the whole regular file at path into out. It is opened without blocking and its kind and
 // size are checked before a byte is read. False when it cannot be opened, is not a regular file (a

@@ -50,7 +50,7 @@ std::string unreadablePicture(const std::string& path) {
     if (!fd.valid() || ::fstat(fd.get(), &st) != 0)
         return path + ": cannot be read (" + std::strerror(errno) + ")";
     if (!S_ISREG(st.st_mode))
-        return path + ": expected a BMP picture, found a folder, a device or a pipe";
+        return path + ": cannot be read (" + msm::kindOfNonFile(st.st_mode) + ")";
     unsigned char head[6] = {};
     const ssize_t n = ::pread(fd.get(), head, sizeof head, 0);
     const unsigned long declared =
