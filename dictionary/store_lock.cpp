@@ -79,8 +79,8 @@ bool sameFile(int fd, const std::string& path) {
            a.st_ino == b.st_ino;
 }
 
-// Why the lock file open on fd must not be written ("" when it may): its text is rewritten by
-// every writer, so it must be this directory's own file and nothing else's name.
+// Why the lock file open on fd must not be locked by a writer ("" when it may): a writer rewrites
+// its text, so it must be this directory's own file and nothing else's name.
 std::string notOwnLockFile(int fd) {
     struct stat st {};
     if (::fstat(fd, &st) != 0)
@@ -88,8 +88,14 @@ std::string notOwnLockFile(int fd) {
     if (!S_ISREG(st.st_mode)) return "a folder, a device or a pipe";
     if (st.st_nlink != 1)
         return "a file with " + std::to_string(st.st_nlink) + " names (a hard link)";
-    if (st.st_uid != ::geteuid()) return "a file of user " + std::to_string(st.st_uid);
     return {};
+}
+
+// A directory shared by several users has one lock file, made by whoever wrote first: the others
+// lock it too, but only its owner records itself in it.
+bool ownsLockFile(int fd) {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 && st.st_uid == ::geteuid();
 }
 
 int lockOnce(int fd, int operation) {
@@ -140,7 +146,7 @@ DirectoryLock::~DirectoryLock() {
 }
 
 DirectoryLock::DirectoryLock(DirectoryLock&& other) noexcept
-    : fd_(other.fd_), exclusive_(other.exclusive_) {
+    : fd_(other.fd_), recordsHolder_(other.recordsHolder_) {
     other.fd_ = -1;
 }
 
@@ -148,7 +154,7 @@ DirectoryLock& DirectoryLock::operator=(DirectoryLock&& other) noexcept {
     if (this != &other) {
         release();
         fd_ = other.fd_;
-        exclusive_ = other.exclusive_;
+        recordsHolder_ = other.recordsHolder_;
         other.fd_ = -1;
     }
     return *this;
@@ -157,7 +163,7 @@ DirectoryLock& DirectoryLock::operator=(DirectoryLock&& other) noexcept {
 void DirectoryLock::release() {
     if (fd_ < 0) return;
     // The next waiter should not name a writer that has finished.
-    if (exclusive_) (void)::ftruncate(fd_, 0);
+    if (recordsHolder_) (void)::ftruncate(fd_, 0);
     ::close(fd_);  // drops the flock
     fd_ = -1;
 }
@@ -222,13 +228,13 @@ msmface::Status DirectoryLock::acquire(const std::string& dir, LockMode mode, co
                 return Status::failure(ErrorKind::File,
                                        path +
                                            ": expected the directory's own lock file (a regular "
-                                           "file of yours with one name), found " +
+                                           "file with one name), found " +
                                            found + "; move it away");
             }
         }
         out.fd_ = fd;
-        out.exclusive_ = exclusive;
-        if (exclusive) {
+        out.recordsHolder_ = exclusive && ownsLockFile(fd);
+        if (out.recordsHolder_) {
             const std::string text = formatLockHolder(
                 LockHolder{static_cast<long>(::getpid()), thisHost(), thisCommand()});
             // Only informative: a failure to record the holder does not fail the lock.

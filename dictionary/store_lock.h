@@ -63,7 +63,7 @@ class DirectoryLock {
 
   private:
     int fd_ = -1;
-    bool exclusive_ = false;
+    bool recordsHolder_ = false;  // an exclusive lock on a lock file of our own: names us in it
 };
 
 // The holder named in dir's lock file, or the empty string when it names none. For messages.

@@ -183,6 +183,24 @@ TEST(DirectoryLock, AWriterRefusesALockFileThatIsNotTheDirectorysOwn) {
     ASSERT_TRUE(DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock).ok());
 }
 
+TEST(DirectoryLock, AnotherUsersLockFileLocksWritersWithoutBeingWritten) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to give the lock file to another user";
+    ScratchDir dir;
+    const std::string path = dir / ".msmface.lock";
+    msmtest::WriteBytes(path, {'t', 'h', 'e', 'i', 'r', 's', '\n'});
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+    DirectoryLock lock;
+    ASSERT_TRUE(DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, lock).ok());
+    EXPECT_TRUE(lock.held());
+    // Held: a second writer is told the directory is busy.
+    DirectoryLock second;
+    EXPECT_EQ(DirectoryLock::acquire(dir.path(), LockMode::Exclusive, kNoWait, second).kind(),
+              ErrorKind::Busy);
+    lock.release();
+    EXPECT_EQ(msmtest::ReadBytes(path),
+              (std::vector<unsigned char>{'t', 'h', 'e', 'i', 'r', 's', '\n'}));
+}
+
 TEST(DirectoryLock, ReadOnlyDirectoryRefusesWritersAndLetsReadersThrough) {
     if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind root";
     ScratchDir dir;
