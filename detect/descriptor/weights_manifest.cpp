@@ -174,10 +174,16 @@ Status bad(const std::string& what) {
     return Status::failure(ErrorKind::File, "weights manifest: " + what);
 }
 
+// Names end up in one-line messages: printable ASCII only.
+bool printable(const std::string& text) {
+    for (const char c : text)
+        if (c < 0x20 || c > 0x7e) return false;
+    return true;
+}
+
 bool plainFileName(const std::string& name) {
-    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
-           name.find('/') == std::string::npos && name.find('\\') == std::string::npos &&
-           name.find('\0') == std::string::npos;
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." && printable(name) &&
+           name.find('/') == std::string::npos && name.find('\\') == std::string::npos;
 }
 
 Result<WeightTensor> tensorFrom(const Json& entry, std::size_t index) {
@@ -186,8 +192,8 @@ Result<WeightTensor> tensorFrom(const Json& entry, std::size_t index) {
     WeightTensor t;
     const Json* name = entry.member("name");
     if (name == nullptr || name->type != Json::Type::String || name->text.empty() ||
-        name->text.size() > 256)
-        return bad(where + " has no name of 1 to 256 characters");
+        name->text.size() > 256 || !printable(name->text))
+        return bad(where + " has no name of 1 to 256 printable characters");
     t.name = name->text;
     const std::string named = where + " (" + t.name + ")";
     const Json* dtype = entry.member("dtype");
