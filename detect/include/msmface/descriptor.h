@@ -43,7 +43,8 @@ inline constexpr const char* kDescriptorModelEnvironment = "MSMFACE_DESCRIPTOR_M
 
 // Where the model is looked for when neither the option nor the environment names it:
 // $XDG_DATA_HOME/msmface/descriptor, with XDG_DATA_HOME defaulting to ~/.local/share (the user's
-// data, shared by every build folder and by an installed library; writable without root).
+// data, shared by every build folder and by an installed library; writable without root). An
+// XDG_DATA_HOME that is not an absolute path is ignored.
 MSMFACE_DETECT_API std::string defaultDescriptorModelFolder();
 
 struct DescriptorOptions {
@@ -66,10 +67,10 @@ struct FaceChip {
 // The chip of a face, cut from the 68 landmarks: the face turned upright and scaled so that its
 // points land where the network was trained to see them, with a quarter of the face's size as
 // margin (area outside the frame is black). A Grey frame is replicated to R, G and B. Argument
-// failures: a view that breaks FrameView's requirements, landmarks that are not finite or lie
-// outside the frame, a face whose chip would come from fewer than kMinChipSourceSide pixels
-// across (too small to describe), or a chip of which less than half lies inside the frame (too
-// close to the border).
+// failures: a view that breaks FrameView's requirements, landmarks that are not finite, a face
+// whose centre lies outside the frame, a face whose chip would come from fewer than
+// kMinChipSourceSide pixels across (too small to describe), or a chip of which less than half lies
+// inside the frame (too close to the border).
 inline constexpr int kMinChipSourceSide = 40;
 MSMFACE_DETECT_API Result<FaceChip> cutFaceChip(const FrameView& frame,
                                                 const std::array<float, 136>& landmarks);
