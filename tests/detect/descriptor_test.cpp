@@ -51,6 +51,10 @@ const Descriptor* sharedDescriptor() {
     GTEST_SKIP() << "no descriptor model in " << msmface::defaultDescriptorModelFolder() \
                  << " (./quickstart test installs it)"
 
+#define REQUIRE_MODEL_FILES() \
+    if (!haveModel())         \
+    GTEST_SKIP() << "no descriptor model in " << msmface::defaultDescriptorModelFolder()
+
 #define REQUIRE_REFERENCES()                                              \
     if (!std::filesystem::exists(referenceFolder() + "/descriptors.csv")) \
     GTEST_SKIP() << "no reference descriptors in " << referenceFolder()
@@ -334,9 +338,8 @@ class DescriptorModelFiles : public ::testing::Test {
         const std::string installed = msmface::defaultDescriptorModelFolder();
         manifest_ = msmtest::ReadBytes(installed + "/" + msmface::kDescriptorManifestFile);
         weights_ = msmtest::ReadBytes(installed + "/" + msmface::kDescriptorWeightsFile);
-        if (manifest_.empty() || weights_.empty())
-            GTEST_SKIP() << "no descriptor model in " << installed;
     }
+    bool haveModel() const { return !manifest_.empty() && !weights_.empty(); }
     void TearDown() override {
         if (hadEnv_)
             ::setenv(msmface::kDescriptorModelEnvironment, saved_.c_str(), 1);
@@ -384,6 +387,7 @@ TEST_F(DescriptorModelFiles, AMissingModelNamesTheCommandThatInstallsIt) {
     const std::string missing = dir_ / "nowhere";
     expectRefused(load(missing), ErrorKind::NotFound, missing, "missing folder");
     expectRefused(load(missing), ErrorKind::NotFound, "./quickstart test", "missing folder");
+    REQUIRE_MODEL_FILES();
     // Manifest there, weights not.
     put(dir_ / msmface::kDescriptorManifestFile, manifest_);
     expectRefused(load(dir_.path()), ErrorKind::NotFound, msmface::kDescriptorWeightsFile,
@@ -402,6 +406,7 @@ TEST_F(DescriptorModelFiles, AMissingModelNamesTheCommandThatInstallsIt) {
 
 // OpenCV's thread count is the process's: load() sets it only as the options say.
 TEST_F(DescriptorModelFiles, LoadSetsOpenCvsThreadsOnlyWhenAsked) {
+    REQUIRE_MODEL_FILES();
     const int before = cv::getNumThreads();
     const std::string folder = write(manifest_, weights_);
     cv::setNumThreads(3);
@@ -418,6 +423,7 @@ TEST_F(DescriptorModelFiles, LoadSetsOpenCvsThreadsOnlyWhenAsked) {
 }
 
 TEST_F(DescriptorModelFiles, DamagedModelsAreRefusedWithOneLine) {
+    REQUIRE_MODEL_FILES();
     auto shorter = weights_;
     shorter.resize(weights_.size() - 1000);
     expectRefused(load(write(manifest_, shorter)), ErrorKind::File, "expected 6444032",
@@ -472,6 +478,7 @@ TEST_F(DescriptorModelFiles, DamagedModelsAreRefusedWithOneLine) {
 }
 
 TEST_F(DescriptorModelFiles, AnySingleBitFlipOfTheManifestLoadsOrIsRefusedWithOneLine) {
+    REQUIRE_MODEL_FILES();
     std::mt19937 rng(18);
     std::uniform_int_distribution<std::size_t> at(0, manifest_.size() - 1);
     int refused = 0;
