@@ -7,7 +7,9 @@ set -uo pipefail
 src=$1
 work=$2
 script="$src/tools/fetch_descriptor_model.sh"
-installed=${MSMFACE_DESCRIPTOR_MODEL:-$HOME/.local/share/msmface/descriptor}
+data_home=$HOME/.local/share
+case "${XDG_DATA_HOME:-}" in /*) data_home=$XDG_DATA_HOME ;; esac
+installed=${MSMFACE_DESCRIPTOR_MODEL:-$data_home/msmface/descriptor}
 manifest=face_recognition_model-weights_manifest.json
 weights=face_recognition_model.bin
 [ -f "$installed/$manifest" ] && [ -f "$installed/$weights" ] || {
