@@ -29,6 +29,10 @@ if(TARGET msmface_detect)
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     install(FILES ${CMAKE_SOURCE_DIR}/detect/include/msmface/detect.h
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/msmface)
+    if(MSMFACE_HAVE_DESCRIPTOR)
+        install(FILES ${CMAKE_SOURCE_DIR}/detect/include/msmface/descriptor.h
+                DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/msmface)
+    endif()
     install(EXPORT msmfaceDetectTargets NAMESPACE msmface:: FILE msmfaceDetectTargets.cmake
             DESTINATION ${config_dir})
 endif()
