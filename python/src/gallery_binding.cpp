@@ -190,7 +190,8 @@ first; a call that fails raises and leaves the directory as it was.
 Frames are uint8 arrays (H, W) grey or (H, W, 3) colour ("bgr" by default, format="rgb" for red
 first); points are (14, 2) arrays in the order of <msmface/PartsPosition.h>. A frame list holds
 frame arrays and (frame, points) pairs; frames without points need a point finder.
-Calls that read or write files or recognise release the GIL.
+Calls that read or write files or recognise release the GIL; Ctrl-C (KeyboardInterrupt) stops
+enrol and recognise between frames, leaving the directory as it was.
 )doc");
     g.def(py::init([](const std::string& directory, bool create) {
               msmface::OpenOptions o;

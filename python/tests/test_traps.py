@@ -22,6 +22,8 @@ from typing import Callable, NamedTuple, Sequence
 import numpy as np
 
 HANG_BOUND_S = 20
+# What the secret file outside holds: no message may quote it.
+SECRET = "SECRET-d41d8cd9"
 HUGE_BYTES = 2 << 30
 
 
@@ -216,8 +218,22 @@ def _detector(model):
         msmface.detect.Detector(model)
 
 
-def _calls(d):
-    """(name, call()) of every call of the API that takes the directory or a file in it."""
+def planted_entries(d, template):
+    """The entries of d that the trap planted or changed (links and pipes included): what a
+    healthy directory holds is read by every other test already."""
+    out = []
+    for entry in sorted(os.listdir(d)):
+        path, healthy = os.path.join(d, entry), os.path.join(template, entry)
+        same = (stat.S_ISREG(_lmode(path)) and stat.S_ISREG(_lmode(healthy)) and
+                open(path, "rb").read() == open(healthy, "rb").read())
+        if not same:
+            out.append(entry)
+    return out
+
+
+def _calls(d, template):
+    """(name, call()) of every call of the API that takes the directory or a file in it; those
+    that take one file are called once per entry the trap planted."""
     import msmface
     calls = [
         ("Gallery and its readers", lambda: _gallery_readers(d)),
@@ -235,7 +251,7 @@ def _calls(d):
         ("Stream.push cmsm", lambda: _stream(d, "cmsm")),
         ("Engine.load and load_constraint", lambda: _engine(d)),
     ]
-    for entry in sorted(os.listdir(d)):
+    for entry in planted_entries(d, template):
         path = os.path.join(d, entry)
         calls.append((f"read_image {entry}", lambda p=path: msmface.read_image(p)))
         calls.append((f"Manifest {entry}", lambda p=path: msmface.Manifest(p)))
@@ -261,10 +277,10 @@ def child_main(trap, start, cases, template, outside_template):
     """Runs the calls of one trap from number `start` on, each in its own fresh case folder,
     announcing each on standard output."""
     d, _ = plant_fresh(os.path.join(cases, "calls"), template, outside_template, trap)
-    names = [name for name, _ in _calls(d)]
+    names = [name for name, _ in _calls(d, template)]
     for i in range(start, len(names)):
         d, _ = plant_fresh(os.path.join(cases, str(i)), template, outside_template, trap)
-        name, call = _calls(d)[i]
+        name, call = _calls(d, template)[i]
         print(json.dumps({"begin": i, "name": name, "count": len(names)}), flush=True)
         try:
             call()
@@ -326,7 +342,7 @@ def listed(d):
     return pairs
 
 
-def breaches(d, outside, outside_before, template, precious, loads):
+def breaches(d, outside, outside_before, template, precious, loads, outcome):
     """What a call broke, as lines."""
     found = []
     after = snapshot(outside)
@@ -349,6 +365,8 @@ def breaches(d, outside, outside_before, template, precious, loads):
             found.append(f"the user's {name} is gone from the directory")
     if loads is not None and loads:
         found.append(f"afterwards the directory {loads}")
+    if SECRET in outcome:
+        found.append("a message quotes what a file outside holds")
     return found
 
 
@@ -412,7 +430,8 @@ def run_trap(trap, cases, template, outside_template):
                 d = os.path.join(case, "out", "dictionary")
                 outside = os.path.join(case, "outside")
                 loads = None if TRAPS[trap].store_file else msg["loads"]
-                for b in breaches(d, outside, outside_before, template, precious, loads):
+                for b in breaches(d, outside, outside_before, template, precious, loads,
+                                  msg["outcome"] + msg["loads"]):
                     found.append(f"trap {trap}, {current['name']}: {b} ({msg['outcome']})")
                 shutil.rmtree(case, ignore_errors=True)
                 current = None
@@ -445,7 +464,7 @@ def healthy(tmp_path_factory, synth):
     outside = base / "outside"
     (outside / "folder").mkdir(parents=True)
     (outside / "folder" / "kept.txt").write_text("a file in a folder outside")
-    (outside / "secret.txt").write_text("the first line of a secret\nand more\n")
+    (outside / "secret.txt").write_text(f"{SECRET} the first line\nand more\n")
     shutil.copy(os.path.join(template, "persons.txt"), outside / "registry.txt")
     (outside / "victim.bin").write_bytes(b"bytes that are nobody's business")
     for ext in (".dck", ".mck", ".bmp"):

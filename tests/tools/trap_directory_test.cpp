@@ -40,6 +40,9 @@ namespace fs = std::filesystem;
 using clitest::ReadText;
 using clitest::WriteText;
 
+// What the secret file outside holds: no message may quote it.
+constexpr const char* kSecret = "SECRET-d41d8cd9";
+
 // A call still running after this long has hung (a bound, not a speed claim).
 constexpr int kHangSeconds = 20;
 
@@ -458,7 +461,8 @@ class TrapDirectory : public ::testing::Test {
         video.release();
         // Outside: what the links point at; a registry, dictionaries and a secret worth stealing.
         fs::create_directories(outsideTemplate_ + "/folder");
-        WriteText(outsideTemplate_ + "/secret.txt", "the first line of a secret\nand more\n");
+        WriteText(outsideTemplate_ + "/secret.txt",
+                  std::string(kSecret) + " the first line\nand more\n");
         WriteText(outsideTemplate_ + "/registry.txt", ReadText(template_ + "/persons.txt"));
         WriteText(outsideTemplate_ + "/victim.bin", "bytes that are nobody's business");
         WriteText(outsideTemplate_ + "/folder/kept.txt", "a file in a folder outside");
@@ -506,6 +510,10 @@ class TrapDirectory : public ::testing::Test {
         const Layout& l = job.layout;
         const std::string where = "trap " + job.trap->name + ", msmface " + job.call.name;
         const std::string err = ReadText(job.run.errPath);
+        const std::string out = ReadText(job.run.outPath);
+        EXPECT_EQ((out + err).find(kSecret), std::string::npos)
+            << where << ": printed what a file outside holds\n"
+            << err;
         EXPECT_NE(status, kHung) << where << ": hung (killed after " << kHangSeconds << " s)";
         EXPECT_TRUE(status >= 0 || status == kHung)
             << where << ": died of signal " << -status << "\n"
