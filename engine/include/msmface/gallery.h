@@ -92,7 +92,7 @@ struct OpenOptions {
     // it returns true the call stops there and fails (Argument, "interrupted"), leaving the
     // directory as it was. Lets a host honour a user's interrupt without waiting for the call to
     // end. Called on the calling thread; empty: never interrupted.
-    std::function<bool()> interrupted;
+    std::function<bool()> interrupted = {};
 };
 
 class MSMFACE_API Gallery {
