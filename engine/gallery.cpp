@@ -512,6 +512,7 @@ Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options
     auto impl = std::make_unique<Impl>(dir);
     impl->state->folder.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     impl->lockOptions = options.lock;
+    impl->interrupted = options.interrupted;
     // Shared: a change another process is writing is either wholly in what we load or not at all.
     msm::DirectoryLock lock;
     Status status = detail::lockDirectory(dir, msm::LockMode::Shared, options.lock, lock);
@@ -631,13 +632,18 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     e.Set_RecogORRegist(2);
     e.Reset_gather_counter();
     int gathered = 0;
+    bool interrupted = false;
     for (const Sample& s : frames) {
         if (e.Get_RecogORRegist() != 2) break;
+        if (g.interrupted && g.interrupted()) {
+            interrupted = true;
+            break;
+        }
         if (!g.crop(s)) continue;
         ++gathered;
         e.FrameProcess(2);
     }
-    const bool ran = e.Get_RecogORRegist() != 2;
+    const bool ran = !interrupted && e.Get_RecogORRegist() != 2;
     const bool ok = ran && e.Get_RegistCondition();
     e.Set_RecogORRegist(1);
     // The picture's writer reports no failure of its own (hosts of the engine rely on that); a
@@ -647,6 +653,7 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         e.idDatabase->FreeNewKeyname();
         g.removePersonFiles(name);
         if (!writeFailure.empty()) return fail(ErrorKind::File, writeFailure);
+        if (interrupted) return fail(ErrorKind::Argument, "interrupted");
         if (!ran)
             return fail(ErrorKind::Argument,
                         "only " + std::to_string(gathered) + " of " +
@@ -925,6 +932,10 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     int framesUsed = 0;
     std::vector<int> last;
     for (const Sample& s : frames) {
+        if (g.interrupted && g.interrupted()) {
+            e.Refresh_input();
+            return fail(ErrorKind::Argument, "interrupted");
+        }
         if (!g.crop(s)) continue;
         ++framesUsed;
         if (e.FrameProcess(2) != 13) continue;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <shared_mutex>
 #include <string>
@@ -183,6 +184,7 @@ class Gallery::Impl {
     bool constraintLoaded = false;
     std::shared_ptr<PointFinder> finder;
     LockOptions lockOptions;
+    std::function<bool()> interrupted;                             // OpenOptions::interrupted
     BasicImageFile image;                                          // the current frame in grey
     BasicImageFile face{detail::kFaceSide, detail::kFaceSide, 8};  // its normalised face
 };

@@ -16,7 +16,7 @@ from typing import Any, Dict, List, Optional, Sequence
 import numpy as np
 
 from ._msmface import HAVE_DETECT, Gallery
-from .frames import jitter
+from .frames import MAX_COPIES, jitter
 
 _METHODS = ("single", "msm", "cmsm")
 
@@ -92,10 +92,14 @@ class MSMClassifier:
     def _check_params(self) -> None:
         if self.method not in _METHODS:
             raise ValueError(f"method: expected one of {', '.join(_METHODS)}, got {self.method!r}")
-        for name in ("enrol_frames", "probe_frames", "constraint_dimension"):
+        # Frames are offered as jittered copies: beyond the copies jitter makes, a few frames
+        # would become a list larger than memory.
+        for name, most in (("enrol_frames", MAX_COPIES), ("probe_frames", MAX_COPIES),
+                           ("constraint_dimension", 256)):
             value = getattr(self, name)
-            if not isinstance(value, (int, np.integer)) or value < 1:
-                raise ValueError(f"{name}: expected an integer of 1 or more, got {value!r}")
+            if isinstance(value, bool) or not isinstance(value, (int, np.integer)) or \
+                    not 1 <= value <= most:
+                raise ValueError(f"{name}: expected an integer from 1 to {most}, got {value!r}")
 
     def _offer(self, samples: list, frames: int, seed: int) -> list:
         copies = max(1, math.ceil(frames / len(samples)))

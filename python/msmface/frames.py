@@ -7,14 +7,64 @@ with the points moved by a pixel or two (``jitter``), the small variation a live
 from __future__ import annotations
 
 import csv
+import io
 import os
+import stat
+import warnings
 from typing import Dict, Iterable, List, Optional, Sequence, Tuple
 
 import numpy as np
 
 Sample = Tuple[np.ndarray, Optional[np.ndarray]]
 
+# As the program's --copies: beyond, a few frames would become a list larger than memory.
+MAX_COPIES = 1000
+
 _POINT_COLUMNS = [f"{axis}{k}" for k in range(14) for axis in ("x", "y")]
+
+# What the program accepts of a picture: no camera or photo comes near these, and a file or header
+# beyond them is refused before its pixels cost memory.
+MAX_PICTURE_FILE_BYTES = 512 * 1024 * 1024
+MAX_PICTURE_SIDE = 16384
+MAX_PICTURE_PIXELS = 64 * 1024 * 1024
+# A manifest of a million frames is some 200 MB.
+MAX_MANIFEST_BYTES = 1024 * 1024 * 1024
+
+
+def _read_regular_file(path: str, limit: int) -> bytes:
+    """The bytes of the regular file at path, of at most `limit` bytes. Opened without blocking
+    (a FIFO would wait for a writer forever) and checked to be a regular file of bounded size
+    before a byte is read (a device such as /dev/zero never ends). Raises OSError naming the file
+    and what was found."""
+    try:
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC | os.O_NOCTTY)
+    except OSError as e:
+        raise OSError(e.errno, f"{path}: cannot be read ({e.strerror})") from None
+    try:
+        st = os.fstat(fd)
+        if not stat.S_ISREG(st.st_mode):
+            kind = ("a folder" if stat.S_ISDIR(st.st_mode) else
+                    "a pipe" if stat.S_ISFIFO(st.st_mode) else
+                    "a device" if stat.S_ISCHR(st.st_mode) or stat.S_ISBLK(st.st_mode) else
+                    "a socket" if stat.S_ISSOCK(st.st_mode) else "not a file")
+            raise OSError(f"{path}: expected a regular file, found {kind}")
+        if st.st_size > limit:
+            raise OSError(f"{path}: expected at most {limit} bytes, found {st.st_size}")
+        chunks = []
+        left = st.st_size
+        while left > 0:
+            chunk = os.read(fd, min(left, 1 << 24))
+            if not chunk:
+                break  # shortened while read: what is there is parsed and judged
+            chunks.append(chunk)
+            left -= len(chunk)
+        return b"".join(chunks)
+    except OSError as e:
+        if e.strerror is None:
+            raise
+        raise OSError(e.errno, f"{path}: cannot be read ({e.strerror})") from None
+    finally:
+        os.close(fd)
 
 
 def _pnm_tokens(data: bytes, count: int) -> Tuple[List[int], int]:
@@ -41,14 +91,11 @@ def read_image(path: "os.PathLike[str] | str") -> np.ndarray:
     """Reads an image file as a uint8 array: (H, W) grey, or (H, W, 3) in BGR order.
 
     Binary PGM (P5) and PPM (P6) with 8-bit samples are read here; other formats through
-    Pillow when it is installed. Raises OSError naming the file when it cannot be read.
+    Pillow when it is installed. Raises OSError naming the file when it cannot be read, is not
+    a regular file, or is larger than a picture can be.
     """
     path = os.fspath(path)
-    try:
-        with open(path, "rb") as f:
-            data = f.read()
-    except OSError as e:
-        raise OSError(f"{path}: cannot be read ({e.strerror})") from None
+    data = _read_regular_file(path, MAX_PICTURE_FILE_BYTES)
     if data[:2] in (b"P5", b"P6"):
         try:
             (width, height, maxval), offset = _pnm_tokens(data, 3)
@@ -58,6 +105,7 @@ def read_image(path: "os.PathLike[str] | str") -> np.ndarray:
         if maxval != 255 or width < 1 or height < 1:
             raise OSError(f"{path}: expected 8-bit samples and a positive size, "
                           f"got {width} x {height}, maximum {maxval}")
+        _check_picture_size(path, width, height)
         size = width * height * channels
         if len(data) - offset < size:
             raise OSError(f"{path}: expected {size} bytes of pixels, found {len(data) - offset}")
@@ -70,7 +118,13 @@ def read_image(path: "os.PathLike[str] | str") -> np.ndarray:
     except ImportError:
         raise OSError(f"{path}: only binary PGM/PPM are read without Pillow") from None
     try:
-        with Image.open(path) as im:
+        # Decoded from the bytes checked above, not from the path again; the size is checked
+        # here against the program's limits, before decoding, so Pillow's own warning is moot.
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", Image.DecompressionBombWarning)
+            im = Image.open(io.BytesIO(data))
+        with im:
+            _check_picture_size(path, *im.size)
             if im.mode in ("L", "1", "I;16"):
                 return np.asarray(im.convert("L"), np.uint8).copy()
             return np.ascontiguousarray(np.asarray(im.convert("RGB"), np.uint8)[:, :, ::-1])
@@ -78,13 +132,22 @@ def read_image(path: "os.PathLike[str] | str") -> np.ndarray:
         raise OSError(f"{path}: cannot be decoded ({e})") from None
 
 
+def _check_picture_size(path: str, width: int, height: int) -> None:
+    """Refuses a picture whose header declares more than a picture can be, before decoding."""
+    if width > MAX_PICTURE_SIDE or height > MAX_PICTURE_SIDE or \
+            width * height > MAX_PICTURE_PIXELS:
+        raise OSError(f"{path}: expected at most {MAX_PICTURE_SIDE} pixels a side and "
+                      f"{MAX_PICTURE_PIXELS} in all, found {width} x {height}")
+
+
 def jitter(samples: Iterable[Sample], copies: int, pixels: float = 1.5,
            seed: int = 0) -> List[Sample]:
     """`copies` times the samples: copy 0 as they are, every further copy with each point
     moved by up to `pixels` in x and y (uniformly, deterministic in seed). Frames are shared,
     not copied. Samples without points are repeated unchanged."""
-    if copies < 1:
-        raise ValueError(f"copies: expected 1 or more, got {copies}")
+    if isinstance(copies, bool) or not isinstance(copies, (int, np.integer)) or \
+            not 1 <= copies <= MAX_COPIES:
+        raise ValueError(f"copies: expected an integer from 1 to {MAX_COPIES}, got {copies!r}")
     if not pixels >= 0:
         raise ValueError(f"pixels: expected 0 or more, got {pixels}")
     samples = [s if isinstance(s, tuple) else (s, None) for s in samples]
@@ -109,24 +172,30 @@ class Manifest:
         self.path = os.fspath(path)
         self._folder = os.path.dirname(os.path.abspath(self.path))
         self._images: Dict[str, np.ndarray] = {}
+        data = _read_regular_file(self.path, MAX_MANIFEST_BYTES)
         try:
-            with open(self.path, newline="") as f:
-                reader = csv.DictReader(f)
-                missing = [c for c in ["identity", "video", "image"] + _POINT_COLUMNS
-                           if c not in (reader.fieldnames or [])]
-                if missing:
-                    raise ValueError(f"{self.path}: the header lacks {', '.join(missing[:3])}")
-                self.rows = []
-                for line, row in enumerate(reader, start=2):
-                    try:
-                        points = np.array([float(row[c]) for c in _POINT_COLUMNS],
-                                          np.float32).reshape(14, 2)
-                    except (TypeError, ValueError):
-                        raise ValueError(f"{self.path}: line {line}: expected 28 numbers "
-                                         "x0, y0 ... x13, y13") from None
-                    self.rows.append(dict(row, points=points))
-        except OSError as e:
-            raise OSError(f"{self.path}: cannot be read ({e.strerror})") from None
+            # utf-8-sig: a byte order mark (as some editors write) is not part of the first column.
+            text = data.decode("utf-8-sig")
+        except UnicodeDecodeError as e:
+            raise ValueError(f"{self.path}: expected UTF-8 text, found byte 0x{data[e.start]:02x} "
+                             f"at offset {e.start}") from None
+        reader = csv.DictReader(io.StringIO(text, newline=""))
+        self.rows = []
+        try:
+            missing = [c for c in ["identity", "video", "image"] + _POINT_COLUMNS
+                       if c not in (reader.fieldnames or [])]
+            if missing:
+                raise ValueError(f"{self.path}: the header lacks {', '.join(missing[:3])}")
+            for line, row in enumerate(reader, start=2):
+                try:
+                    points = np.array([float(row[c]) for c in _POINT_COLUMNS],
+                                      np.float32).reshape(14, 2)
+                except (TypeError, ValueError):
+                    raise ValueError(f"{self.path}: line {line}: expected 28 numbers "
+                                     "x0, y0 ... x13, y13") from None
+                self.rows.append(dict(row, points=points))
+        except csv.Error as e:
+            raise ValueError(f"{self.path}: line {reader.line_num}: {e}") from None
 
     def identities(self) -> List[str]:
         """The identities in order of first appearance."""

@@ -32,6 +32,29 @@ std::string typeName(const py::handle& h) {
     throw py::value_error(message);
 }
 
+int intArgument(const py::handle& value, const char* name, long long lo, long long hi) {
+    const std::string range = std::to_string(lo) + " to " + std::to_string(hi);
+    if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr()))
+        raiseValueError(std::string(name) + ": expected an integer from " + range + ", got " +
+                        typeName(value));
+    const auto number = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+    if (!number) throw py::error_already_set();
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(number.ptr(), &overflow);
+    if (v == -1 && PyErr_Occurred()) throw py::error_already_set();
+    if (overflow != 0)
+        raiseValueError(std::string(name) + ": expected " + range +
+                        ", got an integer of more than 64 bits");
+    if (v < lo || v > hi)
+        raiseValueError(std::string(name) + ": expected " + range + ", got " + std::to_string(v));
+    return static_cast<int>(v);
+}
+
+int optionalIntArgument(const py::handle& value, int unset, const char* name, long long lo,
+                        long long hi) {
+    return value.is_none() ? unset : intArgument(value, name, lo, hi);
+}
+
 msmface::PixelFormat colourFormat(const std::string& colour) {
     std::string c;
     for (char ch : colour) c += static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));

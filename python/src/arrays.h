@@ -7,6 +7,7 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,16 @@ T take(msmface::Result<T>&& result) {
 }
 
 [[noreturn]] void raiseValueError(const std::string& message);
+
+// An integer argument as the library's int: a Python int or anything that is one (NumPy's
+// integers), not a bool, from lo to hi. Anything else, also an int beyond C's (2**40), raises
+// ValueError naming the argument, never the binding's own cast error.
+int intArgument(const py::handle& value, const char* name, long long lo = INT_MIN,
+                long long hi = INT_MAX);
+
+// intArgument, or `unset` for None.
+int optionalIntArgument(const py::handle& value, int unset, const char* name,
+                        long long lo = INT_MIN, long long hi = INT_MAX);
 
 }  // namespace msmpy
 

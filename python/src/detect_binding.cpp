@@ -101,10 +101,10 @@ bool bindDetect(py::module_& m) {
 The face detector and the 68-landmark model (about 100 MB loaded). model: the landmark model
 file (None: $MSMFACE_LANDMARK_MODEL, else Debian libdlib-data's). Calls release the GIL.
 )doc")
-        .def(py::init([](const py::object& model, int upsampleBelowWidth) {
+        .def(py::init([](const py::object& model, const py::handle& upsampleBelowWidth) {
                  msmface::DetectorOptions o;
                  if (!model.is_none()) o.modelPath = py::str(model).cast<std::string>();
-                 o.upsampleBelowWidth = upsampleBelowWidth;
+                 o.upsampleBelowWidth = intArgument(upsampleBelowWidth, "upsample_below_width");
                  std::optional<msmface::Result<msmface::Detector>> r;
                  {
                      py::gil_scoped_release unlocked;
@@ -156,7 +156,8 @@ file (None: $MSMFACE_LANDMARK_MODEL, else Debian libdlib-data's). Calls release 
 Follows the largest face of a video between full detections. Pass it as the finder of a Stream
 (or Gallery.set_point_finder) to push frames without points.
 )doc")
-        .def(py::init([](std::shared_ptr<DetectorBox> detector, int redetectEvery) {
+        .def(py::init([](std::shared_ptr<DetectorBox> detector, const py::handle& redetect) {
+                 const int redetectEvery = intArgument(redetect, "redetect_every");
                  if (redetectEvery < 1)
                      raiseValueError("redetect_every: expected 1 or more, got " +
                                      std::to_string(redetectEvery));

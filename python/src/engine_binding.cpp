@@ -14,6 +14,8 @@
 
 #include "arrays.h"
 #include "bindings.h"
+#include "dictionary/registry.h"
+#include "dictionary/small_text_file.h"
 #include "engine/RecognitionEngine.h"
 
 namespace msmpy {
@@ -115,7 +117,8 @@ class Engine {
         return py::make_tuple(faceArray(face), patternArray(patterns, vectors));
     }
 
-    int frameProcess(int event) {
+    int frameProcess(const py::handle& eventArg) {
+        const int event = intArgument(eventArg, "event");
         py::gil_scoped_release unlocked;
         std::lock_guard<std::mutex> lock(mutex_);
         return engine_->FrameProcess(event);
@@ -136,8 +139,8 @@ class Engine {
         return out;
     }
 
-    py::array_t<unsigned char> faceAt(int slot) {
-        checkSlot(slot);
+    py::array_t<unsigned char> faceAt(const py::handle& slotArg) {
+        const int slot = slotIndex(slotArg);
         std::vector<unsigned char> face;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -146,8 +149,8 @@ class Engine {
         return faceArray(face);
     }
 
-    py::array_t<float> patternsAt(int slot) {
-        checkSlot(slot);
+    py::array_t<float> patternsAt(const py::handle& slotArg) {
+        const int slot = slotIndex(slotArg);
         std::vector<float> patterns;
         int vectors = 0;
         {
@@ -160,15 +163,8 @@ class Engine {
     int newestSlot() const { return engine_->engine->NewestSlot(); }
 
     // The persons (ID number, key name) whose dictionaries lie in directory.
-    void load(const std::string& directory,
-              const std::vector<std::pair<int, std::string>>& persons) {
-        for (const auto& [id, name] : persons) {
-            if (id < 1)
-                raiseValueError("persons: ID numbers must be 1 or more, got " + std::to_string(id));
-            if (name.empty() || name.size() > 64)
-                raiseValueError("persons: key names must have 1 to 64 characters, got \"" + name +
-                                "\"");
-        }
+    void load(const std::string& directory, const py::handle& personList) {
+        const std::vector<std::pair<int, std::string>> persons = personsFrom(personList);
         if (directory.size() > 255)
             raiseValueError("directory: at most 255 characters, got " +
                             std::to_string(directory.size()));
@@ -244,6 +240,31 @@ class Engine {
         return n;
     }
 
+    // (ID number, key name) pairs; the names become file names in the directory, so they follow
+    // the gallery's rule for key names (no path separators, no leading dot).
+    static std::vector<std::pair<int, std::string>> personsFrom(const py::handle& persons) {
+        if (py::isinstance<py::str>(persons) || !py::hasattr(persons, "__iter__"))
+            raiseValueError("persons: expected a list of (ID number, key name) pairs");
+        std::vector<std::pair<int, std::string>> out;
+        for (py::handle item : persons) {
+            const std::string where = "persons[" + std::to_string(out.size()) + "]";
+            if (!py::isinstance<py::sequence>(item) || py::isinstance<py::str>(item) ||
+                py::len(item) != 2)
+                raiseValueError(where + ": expected an (ID number, key name) pair");
+            auto pair = py::reinterpret_borrow<py::sequence>(item);
+            const int id = intArgument(pair[0], (where + " ID number").c_str(), 1, INT_MAX);
+            if (!py::isinstance<py::str>(pair[1]))
+                raiseValueError(where + ": expected a key name as a str");
+            std::string name = pair[1].cast<std::string>();
+            if (!msmface::detail::validKeyName(name))
+                raiseValueError(where + " \"" + msmface::detail::quoteForMessage(name, 64) +
+                                "\": expected 1 to 64 letters, digits, '_', '-' or '.', not "
+                                "starting with '.'");
+            out.emplace_back(id, std::move(name));
+        }
+        return out;
+    }
+
     static py::array_t<unsigned char> faceArray(const std::vector<unsigned char>& face) {
         py::array_t<unsigned char> out({kFaceSide, kFaceSide});
         std::copy(face.begin(), face.end(), out.mutable_data());
@@ -256,9 +277,8 @@ class Engine {
         return out;
     }
 
-    void checkSlot(int slot) const {
-        if (slot < 0 || slot >= FeatureExtraction::kSlotCount)
-            raiseValueError("slot: expected 0 to 500, got " + std::to_string(slot));
+    static int slotIndex(const py::handle& slot) {
+        return intArgument(slot, "slot", 0, FeatureExtraction::kSlotCount - 1);
     }
 
     std::unique_ptr<FaceRecognition> engine_;
@@ -278,7 +298,8 @@ void setting(py::class_<Engine>& c, const char* name, Get get, Set set, const ch
             std::lock_guard<std::mutex> lock(e.mutex());
             return get(e.raw());
         },
-        [set](Engine& e, int v) {
+        [set, name](Engine& e, const py::handle& value) {
+            const int v = intArgument(value, name);
             std::lock_guard<std::mutex> lock(e.mutex());
             set(e.raw(), v);
         },
@@ -297,7 +318,11 @@ and the frame's pattern vectors), then ``frame_process(2)``; a frame without a f
 as (inside number, score in thousandths). ``load()`` gives the engine the persons of a gallery
 directory. Calls that normalise or recognise release the GIL; one object serialises its calls.
 )doc");
-    c.def(py::init<int, int>(), py::arg("width"), py::arg("height"),
+    c.def(py::init([](const py::handle& width, const py::handle& height) {
+              return std::make_unique<Engine>(intArgument(width, "width"),
+                                              intArgument(height, "height"));
+          }),
+          py::arg("width"), py::arg("height"),
           "An engine for frames of width x height pixels (the size of the snapshot a registration "
           "keeps).");
     c.def("crop", &Engine::crop, py::arg("frame"), py::arg("points"), py::kw_only(),

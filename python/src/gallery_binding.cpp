@@ -19,6 +19,7 @@
 
 #include "arrays.h"
 #include "bindings.h"
+#include "interrupt.h"
 
 namespace msmpy {
 
@@ -51,8 +52,8 @@ msmface::Method methodFrom(const py::handle& method) {
             "\"cmsm_first_space\", got \"" +
             s + "\"");
     }
-    if (py::isinstance<py::int_>(method) && !py::isinstance<py::bool_>(method)) {
-        const long v = method.cast<long>();
+    if (PyIndex_Check(method.ptr()) && !py::isinstance<py::bool_>(method)) {
+        const int v = intArgument(method, "method");
         if (v == 0) return msmface::Method::SinglePattern;
         if (v == 1) return msmface::Method::Msm;
         if (v == 2) return msmface::Method::CmsmFirstSpace;
@@ -61,13 +62,6 @@ msmface::Method methodFrom(const py::handle& method) {
     }
     raiseValueError("method: expected \"single\", \"msm\", \"cmsm\" or a Method, got " +
                     py::str(py::type::handle_of(method).attr("__name__")).cast<std::string>());
-}
-
-int optionalInt(const py::object& v, int unset, const char* what) {
-    if (v.is_none()) return unset;
-    if (!py::isinstance<py::int_>(v) || py::isinstance<py::bool_>(v))
-        raiseValueError(std::string(what) + ": expected an integer or None");
-    return v.cast<int>();
 }
 
 // Frames as a caller hands them: each item a frame array, or a (frame, points) pair whose points
@@ -196,11 +190,13 @@ first; a call that fails raises and leaves the directory as it was.
 Frames are uint8 arrays (H, W) grey or (H, W, 3) colour ("bgr" by default, format="rgb" for red
 first); points are (14, 2) arrays in the order of <msmface/PartsPosition.h>. A frame list holds
 frame arrays and (frame, points) pairs; frames without points need a point finder.
-Calls that read or write files or recognise release the GIL.
+Calls that read or write files or recognise release the GIL; Ctrl-C (KeyboardInterrupt) stops
+enrol and recognise between frames, leaving the directory as it was.
 )doc");
     g.def(py::init([](const std::string& directory, bool create) {
               msmface::OpenOptions o;
               o.create = create;
+              o.interrupted = pythonInterruptCheck();
               std::optional<msmface::Result<msmface::Gallery>> r;
               {
                   py::gil_scoped_release unlocked;
@@ -230,18 +226,20 @@ Calls that read or write files or recognise release the GIL.
         "Persons listed in the registry whose dictionary does not load.");
     g.def(
         "find",
-        [](GalleryBox& b, int id) {
+        [](GalleryBox& b, const py::handle& id) {
+            const int key = intArgument(id, "id");
             std::shared_lock<std::shared_mutex> l(b.lock);
-            return b.gallery.find(id);
+            return b.gallery.find(key);
         },
         py::arg("id"), "The person with this ID number, or None.");
     g.def("__len__", [](GalleryBox& b) {
         std::shared_lock<std::shared_mutex> l(b.lock);
         return b.gallery.persons().size();
     });
-    g.def("__contains__", [](GalleryBox& b, int id) {
+    g.def("__contains__", [](GalleryBox& b, const py::handle& id) {
+        const int key = intArgument(id, "id");
         std::shared_lock<std::shared_mutex> l(b.lock);
-        return b.gallery.find(id).has_value();
+        return b.gallery.find(key).has_value();
     });
     g.def("__repr__", [](GalleryBox& b) {
         std::shared_lock<std::shared_mutex> l(b.lock);
@@ -250,15 +248,17 @@ Calls that read or write files or recognise release the GIL.
     });
     g.def(
         "enrol",
-        [](GalleryBox& b, int id, const std::string& name, const py::handle& frames,
+        [](GalleryBox& b, const py::handle& id, const std::string& name, const py::handle& frames,
            const std::string& format) {
+            const int key = intArgument(id, "id");
             SampleList s = samplesFrom(frames, format);
             msmface::Status st;
             {
                 py::gil_scoped_release unlocked;
                 std::unique_lock<std::shared_mutex> l(b.lock);
-                st = b.gallery.enrol(id, name, s.samples);
+                st = b.gallery.enrol(key, name, s.samples);
             }
+            raiseIfInterrupted();
             check(st);
         },
         py::arg("id"), py::arg("name"), py::arg("frames"), py::kw_only(), py::arg("format") = "bgr",
@@ -267,24 +267,26 @@ Calls that read or write files or recognise release the GIL.
         "'_', '-' or '.', not starting with '.'.");
     g.def(
         "remove",
-        [](GalleryBox& b, int id) {
+        [](GalleryBox& b, const py::handle& id) {
+            const int key = intArgument(id, "id");
             msmface::Status st;
             {
                 py::gil_scoped_release unlocked;
                 std::unique_lock<std::shared_mutex> l(b.lock);
-                st = b.gallery.remove(id);
+                st = b.gallery.remove(key);
             }
             check(st);
         },
         py::arg("id"), "Removes a person: the registry entry first, then the files.");
     g.def(
         "rebuild_constraint",
-        [](GalleryBox& b, int dimension) {
+        [](GalleryBox& b, const py::handle& dimension) {
+            const int n = intArgument(dimension, "dimension");
             msmface::Status st;
             {
                 py::gil_scoped_release unlocked;
                 std::unique_lock<std::shared_mutex> l(b.lock);
-                st = b.gallery.rebuildConstraint(dimension);
+                st = b.gallery.rebuildConstraint(n);
             }
             check(st);
         },
@@ -301,7 +303,7 @@ Calls that read or write files or recognise release the GIL.
            const py::object& threshold, const std::string& format) {
             msmface::RecogniseOptions o;
             o.method = methodFrom(method);
-            o.threshold = optionalInt(threshold, -1, "threshold");
+            o.threshold = optionalIntArgument(threshold, -1, "threshold");
             SampleList s = samplesFrom(frames, format);
             std::optional<msmface::Result<msmface::Ranking>> r;
             {
@@ -309,6 +311,7 @@ Calls that read or write files or recognise release the GIL.
                 std::unique_lock<std::shared_mutex> l(b.lock);
                 r.emplace(b.gallery.recognise(s.samples, o));
             }
+            raiseIfInterrupted();
             return take(std::move(*r));
         },
         py::arg("frames"), py::kw_only(), py::arg("method") = "msm",
@@ -321,7 +324,8 @@ Calls that read or write files or recognise release the GIL.
             std::shared_lock<std::shared_mutex> l(b.lock);
             return b.gallery.threshold();
         },
-        [](GalleryBox& b, int t) {
+        [](GalleryBox& b, const py::handle& threshold) {
+            const int t = intArgument(threshold, "threshold");
             msmface::Status st;
             {
                 py::gil_scoped_release unlocked;
@@ -350,8 +354,8 @@ threads at once, also while the gallery changes: a stream picks a change up at i
                       std::shared_ptr<msmface::PointFinder> finder) {
               msmface::StreamOptions o;
               o.method = methodFrom(method);
-              o.threshold = optionalInt(threshold, -1, "threshold");
-              o.refreshTime = optionalInt(refreshTime, -2, "refresh_time");
+              o.threshold = optionalIntArgument(threshold, -1, "threshold");
+              o.refreshTime = optionalIntArgument(refreshTime, -2, "refresh_time");
               o.finder = std::move(finder);
               std::optional<msmface::Result<msmface::Stream>> r;
               {

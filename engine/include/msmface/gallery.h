@@ -23,6 +23,7 @@
 #define MSMFACE_GALLERY_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -97,6 +98,11 @@ struct OpenOptions {
     // by default it waits (and tells lock.notice whom it waits for); with lock.wait = false it
     // fails at once with ErrorKind::Busy.
     LockOptions lock = {};
+    // Asked between frames by enrol and recognise, which may go through thousands of frames: when
+    // it returns true the call stops there and fails (Argument, "interrupted"), leaving the
+    // directory as it was. Lets a host honour a user's interrupt without waiting for the call to
+    // end. Called on the calling thread; empty: never interrupted.
+    std::function<bool()> interrupted = {};
 };
 
 class MSMFACE_API Gallery {
