@@ -193,10 +193,10 @@ std::string readListed(const std::string& dir, Listing& out) {
 Status checkDirectoryPresent(const std::string& dir) {
     struct stat st {};
     if (::stat(dir.c_str(), &st) != 0)
-        return fail(ErrorKind::NotFound,
+        return fail(ErrorKind::File,
                     dir + ": the dictionary directory is gone (" + std::strerror(errno) + ")");
     if (!S_ISDIR(st.st_mode))
-        return fail(ErrorKind::NotFound,
+        return fail(ErrorKind::File,
                     dir + ": the dictionary directory is gone (a file is in its place)");
     return {};
 }

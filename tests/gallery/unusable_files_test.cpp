@@ -448,14 +448,14 @@ TEST(GoneDirectory, IsSaidByEveryCallThatReadsIt) {
 
     const std::string gone = dir + ": the dictionary directory is gone (No such file or directory)";
     const msmface::Status refreshed = g->refresh();
-    EXPECT_EQ(refreshed.kind(), ErrorKind::NotFound);
+    EXPECT_EQ(refreshed.kind(), ErrorKind::File);
     EXPECT_EQ(refreshed.message(), gone);
     auto r = g->recognise(Population::get().probe[0].samples());
-    EXPECT_EQ(r.status().kind(), ErrorKind::NotFound);
+    EXPECT_EQ(r.status().kind(), ErrorKind::File);
     EXPECT_EQ(r.message(), gone);
     const gallerytest::Take& probe = Population::get().probe[0];
     auto pushed = s->push(probe.view(0), probe.points(0));
-    EXPECT_EQ(pushed.status().kind(), ErrorKind::NotFound);
+    EXPECT_EQ(pushed.status().kind(), ErrorKind::File);
     EXPECT_EQ(pushed.message(), gone);
 }
 

@@ -131,7 +131,7 @@ class MSMFACE_API Gallery {
 
     // Reads the directory again when another process changed it since (a person enrolled or
     // removed, the constraint space or the threshold replaced). Waits while a change is written.
-    // Fails (NotFound) when the directory is gone.
+    // Fails (File) when the directory is gone.
     Status refresh();
 
     // Every call below that changes the directory holds the directory's lock for its whole
@@ -203,8 +203,8 @@ class MSMFACE_API Stream {
 
     // One camera frame with the face's points: the face is normalised and recognised against
     // every person (points that do not give a face make a face-less frame). Fails (Argument) on
-    // a bad view, (NotFound) when the directory is gone, and (File) when a change of the gallery
-    // cannot be loaded; the stream then tries again at its next frame. A person whose files
+    // a bad view, and (File) when the directory is gone or a change of the gallery cannot be
+    // loaded; the stream then tries again at its next frame. A person whose files
     // become unusable is left out (Gallery::leftOut), the others go on being recognised.
     Result<StreamState> push(const FrameView& frame, const FacePoints& points);
     // One camera frame without known points: the stream's finder looks for the face; without a
