@@ -17,7 +17,6 @@ using coretest::LegacyHost;
 using coretest::PointedFrame;
 using msmface::core::Method;
 using msmface::core::Snapshot;
-using msmface::core::SnapshotOptions;
 
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
@@ -43,8 +42,8 @@ std::vector<PointedFrame> Take(int person, uint32_t take, int count, int first =
 class CoreRegression : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        dir_ = new msmtest::ScratchDir("core");
-        host_ = new LegacyHost(dir_->path(), kWidth, kHeight);
+        dir_ = std::make_unique<msmtest::ScratchDir>("core");
+        host_ = std::make_unique<LegacyHost>(dir_->path(), kWidth, kHeight);
         for (int p = 0; p < kPersons; ++p) {
             ASSERT_TRUE(
                 host_->Enrol(p + 1, "person" + std::to_string(p + 1), Take(p, 200 + p, 50)));
@@ -52,57 +51,33 @@ class CoreRegression : public ::testing::Test {
         }
     }
     static void TearDownTestSuite() {
-        delete host_;
-        delete dir_;
-        host_ = nullptr;
-        dir_ = nullptr;
+        host_.reset();
+        dir_.reset();
         probes_.clear();
     }
 
     static std::shared_ptr<const Snapshot> Build(
         const std::vector<const ConstraintSpace*>& spaces = {}) {
-        coretest::ReloadedDictionaries dictionaries(dir_->path(), host_->Records());
-        EXPECT_TRUE(dictionaries.loaded());
-        auto snapshot =
-            Snapshot::build(kEngineShape, SnapshotOptions{}, dictionaries.Persons(), spaces);
-        EXPECT_TRUE(snapshot.ok()) << snapshot.message();
-        return snapshot.ok() ? *snapshot : nullptr;
+        return coretest::SnapshotOfFolder(*host_, dir_->path(), spaces);
     }
 
-    // Every probe take against every person: the frames compared. The scores are those of a
-    // working recogniser, not of one that agrees by giving nothing: each take's own person ranks
-    // first at its last frame.
+    // Every probe take: the frames compared. The scores are those of a working recogniser, not
+    // of one that agrees by giving nothing: each take's own person ranks first at its last frame.
     static int CompareAll(const Snapshot& snapshot, Method method) {
-        int frames = 0;
-        for (std::size_t p = 0; p < probes_.size(); ++p) {
-            int best = -1;
-            frames += CompareFrameByFrame(*host_, snapshot, method, probes_[p], &best);
-            EXPECT_EQ(best, static_cast<int>(p)) << "take of person " << p;
-        }
+        std::vector<int> best;
+        const int frames = coretest::CompareTakes(*host_, snapshot, method, probes_, &best);
+        for (std::size_t p = 0; p < best.size(); ++p)
+            EXPECT_EQ(best[p], static_cast<int>(p)) << "take of person " << p;
         return frames;
     }
 
-    static void MakeSpaces() {
-        std::ofstream(dir_->File("one.txt"))
-            << "1\n1\nCMSML " << dir_->File("space") << " 60 " << dir_->File("base") << "\n";
-        FaceRecognition& engine = host_->engine;
-        engine.InitConstraintMSM(dir_->File("one.txt").c_str());
-        engine.Set_recognitionmethod(4);
-        ASSERT_EQ(engine.UpdateCMSMDictionary(0), 1);
-        std::ofstream(dir_->File("three.txt"))
-            << "3\n1\nCMSML " << dir_->File("space") << " 60 " << dir_->File("base") << "\nMSM\n"
-            << "CMSMF " << dir_->File("space") << " 40\n";
-        ASSERT_GE(engine.ReloadMultiConstraintSpace(dir_->File("three.txt").c_str()), 1);
-        ASSERT_EQ(engine.DicConvert(), 1);
-    }
-
-    static msmtest::ScratchDir* dir_;
-    static LegacyHost* host_;
+    static std::unique_ptr<msmtest::ScratchDir> dir_;
+    static std::unique_ptr<LegacyHost> host_;
     static std::vector<std::vector<PointedFrame>> probes_;
 };
 
-msmtest::ScratchDir* CoreRegression::dir_ = nullptr;
-LegacyHost* CoreRegression::host_ = nullptr;
+std::unique_ptr<msmtest::ScratchDir> CoreRegression::dir_;
+std::unique_ptr<LegacyHost> CoreRegression::host_;
 std::vector<std::vector<PointedFrame>> CoreRegression::probes_;
 
 TEST_F(CoreRegression, SubspaceAndSinglePatternScoresEqualTheLegacyEngineAtEveryFrame) {
@@ -114,8 +89,8 @@ TEST_F(CoreRegression, SubspaceAndSinglePatternScoresEqualTheLegacyEngineAtEvery
 }
 
 TEST_F(CoreRegression, ConstraintSpaceScoresEqualTheLegacyEngineAfterARebuild) {
-    MakeSpaces();
-    coretest::LoadedSpaces spaces(dir_->File("three.txt"));
+    const std::string list = coretest::MakeThreeSpaces(*host_, *dir_, 60);
+    coretest::LoadedSpaces spaces(list);
     ASSERT_TRUE(spaces.ok());
     ASSERT_EQ(spaces.Spaces().size(), 3u);
     const auto snapshot = Build(spaces.Spaces());
