@@ -4,6 +4,7 @@
 #include <new>
 #include <string>
 
+#include "core/status.h"
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
 #include "recognition/MSMRecognition.h"
@@ -14,14 +15,6 @@ namespace msmface::core {
 namespace {
 
 constexpr std::size_t kRowAlign = 32;  // what the 16-bit kernels load
-
-Status argument(std::string message) {
-    return Status::failure(ErrorKind::Argument, std::move(message));
-}
-
-Status noMemory(const std::string& what) {
-    return Status::failure(ErrorKind::Internal, "out of memory for " + what);
-}
 
 std::string shapeText(PatternShape s) {
     return std::to_string(s.channels) + " x " + std::to_string(s.dimension);
@@ -42,19 +35,16 @@ Result<std::unique_ptr<Input>> Input::create(const Snapshot& snapshot,
 
 Result<std::unique_ptr<Input>> Input::create(PatternShape shape, int basisCount,
                                              const InputOptions& options) {
-    if (basisCount < msm::kMinBasisCount || basisCount > msm::kMaxBasisCount)
-        return argument("basis count " + std::to_string(basisCount) + ": expected " +
-                        std::to_string(msm::kMinBasisCount) + ".." +
-                        std::to_string(msm::kMaxBasisCount));
+    if (Status k = checkBasisCount(basisCount); !k) return k;
     if (shape.channels < 1 || shape.channels > msm::kMaxChannels || shape.dimension < 1)
-        return argument("pattern shape " + shapeText(shape) + ": expected 1.." +
-                        std::to_string(msm::kMaxChannels) + " channels of at least 1 value");
+        return argumentFailure("pattern shape " + shapeText(shape) + ": expected 1.." +
+                               std::to_string(msm::kMaxChannels) + " channels of at least 1 value");
     if (options.maxSegments < 1 || options.maxSegments > msm::kMaxInputSegments)
-        return argument("frame buffer " + std::to_string(options.maxSegments) + ": expected 1.." +
-                        std::to_string(msm::kMaxInputSegments));
+        return argumentFailure("frame buffer " + std::to_string(options.maxSegments) +
+                               ": expected 1.." + std::to_string(msm::kMaxInputSegments));
     if (options.distNum < 1 || options.distNum > basisCount)
-        return argument("canonical angles " + std::to_string(options.distNum) + ": expected 1.." +
-                        std::to_string(basisCount));
+        return argumentFailure("canonical angles " + std::to_string(options.distNum) +
+                               ": expected 1.." + std::to_string(basisCount));
     std::unique_ptr<Input> input(new (std::nothrow) Input);
     if (input == nullptr) return noMemory("an input");
     input->shape_ = shape;
@@ -148,15 +138,8 @@ void Input::scoreSubspaces(const Snapshot& snapshot, msm::RankingPass& pass) {
     int pending = 0;
     // Persons are solved in batches of the legacy recogniser's size, in the same order.
     auto flush = [&] {
-        batch_.Solve();
-        for (int q = 0; q < pending; ++q) {
-            const int* slots = pendingSlots_.data() + q * C;
-            msm::ChannelMean mean;
-            for (int c = 0; c < C; ++c)
-                mean.Add(slots[c] < 0 ? 0.0f : batch_.Similarity(slots[c], distNum_));
-            const double value = mean.Value(C);
-            pass.Offer(pendingPersons_[q], msm::truncScore(1000.0 * value), value, mean.Last());
-        }
+        msm::offerSubspaceBatch(batch_, pendingPersons_.data(), pendingSlots_.data(), pending, C,
+                                distNum_, pass);
         batch_.Clear();
         pending = 0;
     };
@@ -189,20 +172,8 @@ void Input::scoreInSpaces(const Snapshot& snapshot, int spaces, msm::RankingPass
                                   projectionWork_);
     int pending = 0;
     auto flush = [&] {
-        batch_.Solve();
-        for (int q = 0; q < pending; ++q) {
-            const int* slots = pendingSlots_.data() + q * spaces * C;
-            msm::SpacesMean mean;
-            for (int s = 0; s < spaces; ++s) {
-                mean.StartSpace();
-                for (int c = 0; c < C; ++c)
-                    if (slots[s * C + c] >= 0)
-                        mean.Add(batch_.Similarity(slots[s * C + c], distNum_));
-                mean.EndSpace(C);
-            }
-            const double value = mean.Value(spaces);
-            pass.Offer(pendingPersons_[q], msm::truncScore(1000.0 * value), value, value);
-        }
+        msm::offerSpacesBatch(batch_, pendingPersons_.data(), pendingSlots_.data(), pending, spaces,
+                              C, distNum_, pass);
         batch_.Clear();
         pending = 0;
     };
@@ -236,22 +207,22 @@ void Input::finish(int persons) {
 Status score(const Snapshot& snapshot, Input& input, Method method) {
     const PatternShape a = snapshot.shape(), b = input.shape();
     if (a.dimension != b.dimension || a.channels != b.channels)
-        return argument("input of patterns " + shapeText(b) + ": the gallery holds " +
-                        shapeText(a));
+        return argumentFailure("input of patterns " + shapeText(b) + ": the gallery holds " +
+                               shapeText(a));
     if (snapshot.basisCount() != input.basisCount())
-        return argument("input of " + std::to_string(input.basisCount()) +
-                        " basis vectors: the gallery holds " +
-                        std::to_string(snapshot.basisCount()));
+        return argumentFailure("input of " + std::to_string(input.basisCount()) +
+                               " basis vectors: the gallery holds " +
+                               std::to_string(snapshot.basisCount()));
     int spaces = 0;
     if (method == Method::Cmsm || method == Method::CmsmAllSpaces) {
         if (snapshot.spaceCount() == 0)
-            return argument("constraint-space method: the gallery has no constraint space");
+            return argumentFailure("constraint-space method: the gallery has no constraint space");
         spaces = method == Method::Cmsm ? 1 : snapshot.spaceCount();
     }
     if (method == Method::SinglePattern && !snapshot.hasPatternRows())
-        return argument("single-pattern method: the gallery was built without its vectors");
+        return argumentFailure("single-pattern method: the gallery was built without its vectors");
     if (method == Method::SinglePattern && !input.hasPatterns_)
-        return argument("single-pattern method: the input has no frame yet");
+        return argumentFailure("single-pattern method: the input has no frame yet");
     const int persons = snapshot.personCount();
     try {
         if (!input.reserveSpaces(spaces)) return noMemory("scoring an input");

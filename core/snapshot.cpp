@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "core/status.h"
 #include "data/initial_basis.h"
 #include "dictionary/DictChunk.h"
 #include "dictionary/fixed_point.h"
@@ -18,14 +19,6 @@ namespace msmface::core {
 namespace {
 
 constexpr std::size_t kRowAlign = 32;  // what the 16-bit kernels load
-
-Status argument(std::string message) {
-    return Status::failure(ErrorKind::Argument, std::move(message));
-}
-
-Status noMemory(const std::string& what) {
-    return Status::failure(ErrorKind::Internal, "out of memory for " + what);
-}
 
 // Channel c of a dictionary when it is a set of D-value vectors (null otherwise).
 const DicPrim* channelOf(const DictChunk* dictionary, int c, int D) {
@@ -58,20 +51,17 @@ Result<std::shared_ptr<const Snapshot>> Snapshot::build(
     const std::vector<const DictChunk*>& persons,
     const std::vector<const ConstraintSpace*>& spaces) {
     const int K = options.basisCount;
-    if (K < msm::kMinBasisCount || K > msm::kMaxBasisCount)
-        return argument("basis count " + std::to_string(K) + ": expected " +
-                        std::to_string(msm::kMinBasisCount) + ".." +
-                        std::to_string(msm::kMaxBasisCount));
+    if (Status k = checkBasisCount(K); !k) return k;
     if (shape.channels < 1 || shape.channels > msm::kMaxChannels)
-        return argument("pattern channels " + std::to_string(shape.channels) + ": expected 1.." +
-                        std::to_string(msm::kMaxChannels));
+        return argumentFailure("pattern channels " + std::to_string(shape.channels) +
+                               ": expected 1.." + std::to_string(msm::kMaxChannels));
     // An input starts from the stored initial basis: its vectors are read at a fixed stride, so
     // the table bounds the dimension the K vectors can have.
     const int maxDimension = msm::kInitialBasisValues - (K - 1) * msm::kInitialBasisStride;
     if (shape.dimension < 1 || shape.dimension > maxDimension)
-        return argument("pattern dimension " + std::to_string(shape.dimension) + ": expected 1.." +
-                        std::to_string(maxDimension) + " for " + std::to_string(K) +
-                        " basis vectors");
+        return argumentFailure("pattern dimension " + std::to_string(shape.dimension) +
+                               ": expected 1.." + std::to_string(maxDimension) + " for " +
+                               std::to_string(K) + " basis vectors");
     std::shared_ptr<Snapshot> s(new (std::nothrow) Snapshot);
     if (s == nullptr) return noMemory("a gallery snapshot");
     s->shape_ = shape;
@@ -130,16 +120,16 @@ Status Snapshot::copySpaces(const std::vector<const ConstraintSpace*>& spaces) {
     std::size_t vectors = 0;
     for (std::size_t s = 0; s < spaces.size(); ++s) {
         if (spaces[s] == nullptr)
-            return argument("constraint space " + std::to_string(s + 1) + ": none given");
+            return argumentFailure("constraint space " + std::to_string(s + 1) + ": none given");
         std::vector<msm::SpaceChannel> row;
         for (int c = 0; c < C; ++c) {
             msm::SpaceChannel ch = msm::spaceChannel(*spaces[s], c, D);
             if (ch.how == msm::SpaceChannel::How::Whitened &&
                 spaces[s]->eigenvalues.size() <
                     static_cast<std::size_t>(ch.lambda - spaces[s]->eigenvalues.data()) + ch.m)
-                return argument("constraint space " + std::to_string(s + 1) + ": channel " +
-                                std::to_string(c + 1) + " has " + std::to_string(ch.m) +
-                                " vectors but fewer eigenvalues");
+                return argumentFailure("constraint space " + std::to_string(s + 1) + ": channel " +
+                                       std::to_string(c + 1) + " has " + std::to_string(ch.m) +
+                                       " vectors but fewer eigenvalues");
             if (ch.how == msm::SpaceChannel::How::Whitened) vectors += ch.m;
             row.push_back(ch);
         }

@@ -175,15 +175,8 @@ int MSMRecognition::AddChannel(DictChunk& person, int c) {
 }
 
 void MSMRecognition::ScorePending(msm::RankingPass& pass) {
-    batch_.Solve();
-    for (int q = 0; q < pendingCount_; ++q) {
-        const int* slots = pendingSlots_.data() + q * channelCount;
-        msm::ChannelMean mean;
-        for (int c = 0; c < channelCount; ++c)
-            mean.Add(slots[c] < 0 ? 0.0f : batch_.Similarity(slots[c], subspaceDistNum));
-        const double value = mean.Value(channelCount);
-        pass.Offer(pendingPersons_[q], msm::truncScore(1000.0 * value), value, mean.Last());
-    }
+    msm::offerSubspaceBatch(batch_, pendingPersons_.data(), pendingSlots_.data(), pendingCount_,
+                            channelCount, subspaceDistNum, pass);
     batch_.Clear();
     pendingCount_ = 0;
 }

@@ -318,22 +318,9 @@ bool MWMSMRecognition::ReserveSpaceBatch(int n) {
 }
 
 void MWMSMRecognition::ScorePendingInSpaces(msm::RankingPass& pass, int used) {
-    batch_.Solve();
-    for (int q = 0; q < spacePendingCount_; ++q) {
-        const int* slots = spacePendingSlots_.data() + q * used * channelCount;
-        // A person without projected sets has every slot skipped and so the value 0, as before.
-        msm::SpacesMean mean;
-        for (int s = 0; s < used; ++s) {
-            mean.StartSpace();
-            for (int c = 0; c < channelCount; ++c) {
-                const int slot = slots[s * channelCount + c];
-                if (slot >= 0) mean.Add(batch_.Similarity(slot, subspaceDistNum));
-            }
-            mean.EndSpace(channelCount);
-        }
-        const double value = mean.Value(used);
-        pass.Offer(spacePendingPersons_[q], msm::truncScore(1000.0 * value), value, value);
-    }
+    // A person without projected sets has every slot skipped and so the value 0, as before.
+    msm::offerSpacesBatch(batch_, spacePendingPersons_.data(), spacePendingSlots_.data(),
+                          spacePendingCount_, used, channelCount, subspaceDistNum, pass);
     batch_.Clear();
     spacePendingCount_ = 0;
 }

@@ -6,38 +6,22 @@
 
 #include <cstdint>
 
+#include "recognition/ranking.h"
+#include "recognition/similarity_batch.h"
 #include "recognition/subspace_similarity.h"
 
 namespace msm {
 
-// The subspace method: channel similarities in Q14 units (0 for a channel without dictionary).
-class ChannelMean {
-  public:
-    void Add(float q14Similarity) {
-        last_ = q14Similarity * (1.0 / 16384.0);
-        sum_ += last_;
-    }
-    double Value(int channels) const { return sum_ / channels; }
-    double Last() const { return last_; }
-
-  private:
-    double sum_ = 0.0;
-    double last_ = 0.0;
-};
-
-// The constraint-space method: per space the mean over channels (a skipped channel adds
-// nothing), summed over the spaces and divided by their number when there are several.
-class SpacesMean {
-  public:
-    void StartSpace() { sum_ = 0.0; }
-    void Add(float q14Similarity) { sum_ += q14Similarity; }
-    void EndSpace(int channels) { value_ += sum_ / channels * (1.0 / 16384.0); }
-    double Value(int spaces) const { return spaces > 1 ? value_ / spaces : value_; }
-
-  private:
-    double sum_ = 0.0;
-    double value_ = 0.0;
-};
+// A batch of persons whose similarity matrices were formed, person q's slot of channel c (space s)
+// at slots[q * channels + c] (slots[(q * spaces + s) * channels + c]), -1 where none was formed.
+// Solves the batch and offers each person, in the order given, its value:
+// - the subspace method: the mean over channels of similarity / 16384, a missing channel 0;
+// - the constraint-space method: per space the mean over channels (a missing channel adds
+//   nothing), summed over the spaces and divided by their number when there are several.
+void offerSubspaceBatch(SimilarityBatch& batch, const int* persons, const int* slots, int count,
+                        int channels, int distNum, RankingPass& pass);
+void offerSpacesBatch(SimilarityBatch& batch, const int* persons, const int* slots, int count,
+                      int spaces, int channels, int distNum, RankingPass& pass);
 
 // The single-pattern method: the channels' scores in thousandths, averaged and truncated.
 class PatternScoreMean {

@@ -19,6 +19,7 @@
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "engine/RecognitionEngine.h"
+#include "engine/engine_host.h"
 #include "recognition/MWMSMRecognition.h"
 
 namespace coretest {
@@ -35,14 +36,11 @@ struct PointedFrame {
     std::vector<int> points;  // 28 values, x then y
 };
 
-// One legacy engine over a dictionary folder, with the host's person records.
-class LegacyHost {
+// The engine tests' host fed with frames of the core tests' own.
+class LegacyHost : public enginetest::Host {
   public:
     LegacyHost(const std::string& dicPath, int width, int height)
-        : engine(width, height), face_(64, 64, 8) {
-        engine.idDatabase->SetDicPath(dicPath.c_str());
-        engine.idDatabase->InitIdDictionary(0);
-    }
+        : Host(dicPath, width, height), face_(64, 64, 8) {}
 
     // FaceCropping of one frame: 1 when it was used.
     int Crop(const PointedFrame& f) {
@@ -55,23 +53,10 @@ class LegacyHost {
 
     // The documented enrolment from frames taken in turn; true when the person was entered.
     bool Enrol(int id, const std::string& name, const std::vector<PointedFrame>& frames) {
-        if (frames.empty() || engine.idDatabase->SetNewKeyname(name.c_str()) != 1) return false;
-        engine.Set_RecogORRegist(2);
-        engine.Reset_gather_counter();
-        for (std::size_t k = 0; engine.Get_RecogORRegist() == 2 && k < 2000; ++k) {
+        return !frames.empty() && EnrolWith(id, name, [&](int k) {
             Crop(frames[k % frames.size()]);
             engine.FrameProcess(2);
-        }
-        if (!engine.Get_RegistCondition()) {
-            engine.idDatabase->FreeNewKeyname();
-            return false;
-        }
-        names_.push_back(name);
-        records_.push_back(HumanID{id, const_cast<char*>(names_.back().c_str())});
-        engine.idDatabase->AddNewDictionary(&records_.back());
-        engine.idDatabase->ReadIdDictionaries();
-        engine.DicConvertID(engine.idDatabase->GetAllNum() - 1);
-        return true;
+        });
     }
 
     // The patterns the engine's last frame step used (one per channel).
@@ -80,14 +65,8 @@ class LegacyHost {
         return e.featureExtraction->patternSlots[e.NewestSlot()];
     }
 
-    const std::deque<HumanID>& Records() const { return records_; }
-
-    FaceRecognition engine;
-
   private:
     BasicImageFile face_;
-    std::deque<std::string> names_;  // stable addresses for the records
-    std::deque<HumanID> records_;
 };
 
 // The folder's dictionaries read again by a database of their own, as the legacy engine reads
