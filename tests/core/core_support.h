@@ -16,6 +16,7 @@
 #include <msmface/IDDatabase.h>
 
 #include "common/scratch_dir.h"
+#include "core/constraint_spaces.h"
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "engine/RecognitionEngine.h"
@@ -91,24 +92,6 @@ class ReloadedDictionaries {
     std::vector<HumanID> records_;
     IDDatabase db_;
     bool loaded_ = false;
-};
-
-// Constraint spaces read from a list by the legacy recogniser's loader.
-class LoadedSpaces {
-  public:
-    explicit LoadedSpaces(const std::string& list) {
-        ok_ = loader_.ReadConstraintList(list.c_str()) == 1 && loader_.LoadConstraintSpaces() >= 1;
-    }
-    bool ok() const { return ok_; }
-    std::vector<const ConstraintSpace*> Spaces() const {
-        std::vector<const ConstraintSpace*> out;
-        for (int s = 0; s < loader_.spaceCount; ++s) out.push_back(&loader_.spaces[s]);
-        return out;
-    }
-
-  private:
-    MWMSMRecognition loader_{kEngineShape.dimension, kEngineShape.channels};
-    bool ok_ = false;
 };
 
 // A snapshot of the host's persons, their dictionaries read again from the folder.

@@ -2,10 +2,14 @@
 // same frames, the properties every score has, the pattern kind as a parameter, and refusals.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/scratch_dir.h"
+#include "core/constraint_spaces.h"
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "recognition/MWMSMRecognition.h"
@@ -204,6 +208,43 @@ TEST(Core, OneSnapshotServesIndependentInputs) {
     EXPECT_EQ((*b)->frameCount(), 10);
 }
 
+TEST(Core, InputsOnThreadsShareOneSnapshot) {
+    const PatternShape shape{256, 5};
+    People people(12, shape, 61);
+    const std::shared_ptr<const Snapshot> snapshot = Build(shape, people);
+    ASSERT_NE(snapshot, nullptr);
+    // Each input follows its own person; alone, then all at once on threads of their own.
+    constexpr int kInputs = 4;
+    auto run = [&](int who, std::vector<std::vector<RankedPerson>>& out) {
+        auto input = Input::create(*snapshot);
+        if (!input.ok()) return;
+        for (int k = 0; k < 10; ++k) {
+            auto frame = people.Frame(who, k);
+            auto patterns = Pointers(frame);
+            (*input)->update(patterns.data());
+            for (Method m : {Method::Msm, Method::SinglePattern}) {
+                if (!msmface::core::score(*snapshot, **input, m).ok()) return;
+                out.push_back((*input)->ranking());
+            }
+        }
+    };
+    std::vector<std::vector<RankedPerson>> alone[kInputs], together[kInputs];
+    for (int i = 0; i < kInputs; ++i) run(3 * i, alone[i]);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kInputs; ++i) threads.emplace_back(run, 3 * i, std::ref(together[i]));
+    for (std::thread& t : threads) t.join();
+    for (int i = 0; i < kInputs; ++i) {
+        ASSERT_EQ(alone[i].size(), 20u);
+        ASSERT_EQ(together[i].size(), alone[i].size());
+        for (std::size_t f = 0; f < alone[i].size(); ++f)
+            for (std::size_t r = 0; r < alone[i][f].size(); ++r) {
+                EXPECT_EQ(together[i][f][r].person, alone[i][f][r].person);
+                EXPECT_EQ(together[i][f][r].score, alone[i][f][r].score);
+            }
+        EXPECT_EQ(alone[i].back().front().person, 3 * i);
+    }
+}
+
 void ExpectArgument(const msmface::Status& s, const std::string& what) {
     EXPECT_FALSE(s.ok());
     EXPECT_EQ(s.kind(), ErrorKind::Argument) << s.message();
@@ -248,6 +289,29 @@ TEST(Core, WhatDoesNotFitIsRefusedInOneLine) {
     ASSERT_TRUE(withNarrow.ok()) << withNarrow.message();
     EXPECT_EQ((*withNarrow)->rowCount(2, 0), -1);
     EXPECT_EQ((*withNarrow)->rowCount(1, 0), 7);
+}
+
+TEST(Core, ConstraintListsThatDoNotLoadAreRefusedInOneLine) {
+    using msmface::core::ConstraintSpaces;
+    msmtest::ScratchDir dir("core_spaces");
+    const std::string absent = dir.File("absent.txt");
+    auto missing = ConstraintSpaces::load(absent, {256, 5});
+    EXPECT_EQ(missing.status().kind(), ErrorKind::File);
+    EXPECT_NE(missing.message().find("constraint list " + absent), std::string::npos)
+        << missing.message();
+    // A space whose files are not there.
+    std::ofstream(dir.File("list.txt")) << "1\n1\nCMSMF " << dir.File("none") << " 40\n";
+    auto unloaded = ConstraintSpaces::load(dir.File("list.txt"), {256, 5});
+    EXPECT_EQ(unloaded.status().kind(), ErrorKind::File);
+    EXPECT_NE(unloaded.message().find("did not load"), std::string::npos) << unloaded.message();
+    // A list of no constraint loads and projects nothing away.
+    std::ofstream(dir.File("plain.txt")) << "1\n1\nMSM\n";
+    auto plain = ConstraintSpaces::load(dir.File("plain.txt"), {256, 5});
+    ASSERT_TRUE(plain.ok()) << plain.message();
+    EXPECT_EQ((*plain)->spaces().size(), 1u);
+    ExpectArgument(ConstraintSpaces::load(dir.File("plain.txt"), {128, 5}).status(), "128");
+    for (const auto& r : {missing.status(), unloaded.status()})
+        EXPECT_EQ(r.message().find('\n'), std::string::npos);
 }
 
 }  // namespace

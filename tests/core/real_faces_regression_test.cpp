@@ -68,9 +68,10 @@ TEST(CoreRealFaces, ScoresEqualTheLegacyEngineAtEveryFrame) {
     EXPECT_EQ(coretest::CompareTakes(host, *plain, Method::Msm, probes, nullptr), frames);
     EXPECT_EQ(coretest::CompareTakes(host, *plain, Method::SinglePattern, probes, nullptr), frames);
 
-    coretest::LoadedSpaces spaces(coretest::MakeThreeSpaces(host, dir, 200));
-    ASSERT_TRUE(spaces.ok());
-    const auto constrained = coretest::SnapshotOfFolder(host, dir.path(), spaces.Spaces());
+    auto spaces = msmface::core::ConstraintSpaces::load(coretest::MakeThreeSpaces(host, dir, 200),
+                                                        coretest::kEngineShape);
+    ASSERT_TRUE(spaces.ok()) << spaces.message();
+    const auto constrained = coretest::SnapshotOfFolder(host, dir.path(), (*spaces)->spaces());
     ASSERT_NE(constrained, nullptr);
     EXPECT_EQ(coretest::CompareTakes(host, *constrained, Method::Cmsm, probes, nullptr), frames);
     EXPECT_EQ(coretest::CompareTakes(host, *constrained, Method::CmsmAllSpaces, probes, nullptr),

@@ -90,10 +90,10 @@ TEST_F(CoreRegression, SubspaceAndSinglePatternScoresEqualTheLegacyEngineAtEvery
 
 TEST_F(CoreRegression, ConstraintSpaceScoresEqualTheLegacyEngineAfterARebuild) {
     const std::string list = coretest::MakeThreeSpaces(*host_, *dir_, 60);
-    coretest::LoadedSpaces spaces(list);
-    ASSERT_TRUE(spaces.ok());
-    ASSERT_EQ(spaces.Spaces().size(), 3u);
-    const auto snapshot = Build(spaces.Spaces());
+    auto spaces = msmface::core::ConstraintSpaces::load(list, kEngineShape);
+    ASSERT_TRUE(spaces.ok()) << spaces.message();
+    ASSERT_EQ((*spaces)->spaces().size(), 3u);
+    const auto snapshot = Build((*spaces)->spaces());
     ASSERT_NE(snapshot, nullptr);
     EXPECT_EQ(snapshot->spaceCount(), 3);
     EXPECT_EQ(CompareAll(*snapshot, Method::Cmsm), kPersons * kProbeFrames);
