@@ -377,7 +377,8 @@ BENCHMARK(BM_CoreFrame)
     ->Unit(benchmark::kMicrosecond);
 
 // A snapshot of 2000 persons against their dictionaries as the legacy database holds them (20
-// float vectors and their Q14 rows per channel), without and with the three spaces' projections.
+// float vectors and their Q14 rows per channel), without and with the three spaces' projections,
+// and what sixteen inputs on it add.
 void BM_CoreSnapshotMemory(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0));
     const bool spaces = state.range(1) != 0;
@@ -388,13 +389,26 @@ void BM_CoreSnapshotMemory(benchmark::State& state) {
             dictionaries +=
                 static_cast<std::size_t>(d.prims[c].allocatedRows) *
                 (d.prims[c].paddedLength * sizeof(float) + d.prims[c].qLength * sizeof(short));
-    std::size_t bytes = 0;
+    std::size_t bytes = 0, sixteen = 0;
     for (auto _ : state) {
         const auto snapshot = CoreSnapshot(n, spaces);
-        if (snapshot == nullptr) state.SkipWithError("the snapshot was not built");
-        bytes = snapshot != nullptr ? snapshot->bytes() : 0;
+        if (snapshot == nullptr) {
+            state.SkipWithError("the snapshot was not built");
+            return;
+        }
+        bytes = snapshot->bytes();
+        // Sixteen streams on the one gallery: their inputs are all they add.
+        const std::size_t before = HeapBytes();
+        std::vector<std::unique_ptr<Input>> inputs;
+        for (int i = 0; i < 16; ++i) {
+            auto input = Input::create(*snapshot);
+            if (input.ok()) inputs.push_back(std::move(*input));
+        }
+        sixteen = HeapBytes() - before;
+        if (inputs.size() != 16) state.SkipWithError("an input was not created");
     }
     state.counters["snapshot_MB"] = static_cast<double>(bytes) / 1e6;
+    state.counters["sixteen_inputs_MB"] = static_cast<double>(sixteen) / 1e6;
     state.counters["dictionaries_MB"] = static_cast<double>(dictionaries) / 1e6;
     state.counters["ratio"] = static_cast<double>(bytes) / static_cast<double>(dictionaries);
 }
