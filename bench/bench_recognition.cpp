@@ -1,10 +1,13 @@
 // One recognition frame against galleries of 10 to 2000 persons, by the subspace method and in
 // one or three constraint spaces of dimension 200, beside the memory floor: the same persons'
 // Q14 dictionary rows streamed once through mmxdotp. Also one frame's input-subspace update and
-// the regeneration of a constraint space from 100 persons' files. Every benchmark checks that
-// its answer is right (the watched person is found, the files are written), so a fast wrong
-// result fails instead of reporting a time.
+// the regeneration of a constraint space from 100 persons' files. The recognition core beside
+// the legacy recogniser: the same frames through a snapshot and an input, a new input against
+// snapshots of 100 to 20000 persons, and a snapshot's memory against its dictionaries'. Every
+// benchmark checks that its answer is right (the watched person is found, the files are written),
+// so a fast wrong result fails instead of reporting a time.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <msmface/numeric.h>
 #include <unistd.h>
 
@@ -16,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "core/input.h"
+#include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
 #include "recognition/MWMSMRecognition.h"
 
@@ -274,6 +279,144 @@ void BM_RegenerateFromHundredPersons(benchmark::State& state) {
     if (result != 1) state.SkipWithError("regeneration failed");
 }
 BENCHMARK(BM_RegenerateFromHundredPersons)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+// --- The recognition core ------------------------------------------------------------------
+
+using msmface::core::Input;
+using msmface::core::Method;
+using msmface::core::Snapshot;
+
+constexpr msmface::core::PatternShape kShape{kDim, kChannels};
+
+// Heap in use (glibc): what a new object holds, whatever block sizes it was given.
+std::size_t HeapBytes() {
+    const struct mallinfo2 m = ::mallinfo2();
+    return m.uordblks + m.hblkhd;
+}
+
+// A snapshot of n persons: the gallery's own for up to 2000, beyond that its 100 distinct
+// dictionaries again and again (a snapshot copies what it reads). With the constraint spaces of
+// the legacy benchmarks when asked.
+std::shared_ptr<const Snapshot> CoreSnapshot(int n, bool spaces, bool patternRows = true) {
+    Gallery& g = GalleryOf(n <= 2000 ? n : 100);
+    std::vector<const DictChunk*> persons;
+    for (int p = 0; p < n; ++p) persons.push_back(&g.persons[p % g.persons.size()]);
+    std::vector<const ConstraintSpace*> list;
+    if (spaces) {
+        ConstraintSetup& cs = Constraints();
+        for (int s = 0; s < cs.rec.spaceCount; ++s) list.push_back(&cs.rec.spaces[s]);
+    }
+    auto snapshot = Snapshot::build(kShape, {7, patternRows}, persons, list);
+    return snapshot.ok() ? *snapshot : nullptr;
+}
+
+// A new input against snapshots of 100, 2000 and 20000 persons: time, and the heap it holds.
+void BM_CoreNewInput(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    const auto snapshot = CoreSnapshot(n, false, false);
+    if (snapshot == nullptr) {
+        state.SkipWithError("the snapshot was not built");
+        return;
+    }
+    // The heap is measured outside the timed loop: reading it walks the allocator's lists.
+    const std::size_t before = HeapBytes();
+    auto first = Input::create(*snapshot);
+    const std::size_t held = HeapBytes() - before;
+    if (!first.ok()) {
+        state.SkipWithError(first.message().c_str());
+        return;
+    }
+    for (auto _ : state) {
+        auto input = Input::create(*snapshot);
+        if (!input.ok()) state.SkipWithError(input.message().c_str());
+        benchmark::DoNotOptimize(input);
+    }
+    state.counters["input_bytes"] = static_cast<double>(held);
+    state.counters["snapshot_bytes"] = static_cast<double>(snapshot->bytes());
+}
+BENCHMARK(BM_CoreNewInput)->Arg(100)->Arg(2000)->Arg(20000)->Unit(benchmark::kMicrosecond);
+
+// One frame through the core, beside BM_Method1Frame and BM_ConstraintFrame: the same persons,
+// the same stream, the watched person found.
+void BM_CoreFrame(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    const int spaces = static_cast<int>(state.range(1));
+    static std::shared_ptr<const Snapshot> withSpaces;
+    if (spaces > 0 && withSpaces == nullptr) withSpaces = CoreSnapshot(n, true);
+    const auto snapshot = spaces > 0 ? withSpaces : CoreSnapshot(n, false);
+    if (snapshot == nullptr || (spaces > 0 && snapshot->spaceCount() != 3)) {
+        state.SkipWithError("the snapshot was not built");
+        return;
+    }
+    const Method method = spaces == 0   ? Method::Msm
+                          : spaces == 1 ? Method::Cmsm
+                                        : Method::CmsmAllSpaces;
+    auto input = Input::create(*snapshot);
+    if (!input.ok()) {
+        state.SkipWithError(input.message().c_str());
+        return;
+    }
+    Stream stream(GalleryOf(n).persons[kWatched]);
+    for (int f = 0; f < 60; ++f) {
+        (*input)->update(stream.Next());
+        msmface::core::score(*snapshot, **input, method);
+    }
+    auto watched = [&] { return (*input)->ranking().front().person == kWatched; };
+    if (!watched()) state.SkipWithError("the watched person was not identified");
+    for (auto _ : state) {
+        (*input)->update(stream.Next());
+        msmface::core::score(*snapshot, **input, method);
+    }
+    if (!watched()) state.SkipWithError("the watched person was lost");
+    state.counters["best"] = (*input)->ranking().front().score;
+}
+BENCHMARK(BM_CoreFrame)
+    ->Args({2000, 0})
+    ->Args({2000, 1})
+    ->Args({2000, 3})
+    ->Unit(benchmark::kMicrosecond);
+
+// A snapshot of 2000 persons against their dictionaries as the legacy database holds them (20
+// float vectors and their Q14 rows per channel), without and with the three spaces' projections,
+// and what sixteen inputs on it add.
+void BM_CoreSnapshotMemory(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    const bool spaces = state.range(1) != 0;
+    Gallery& g = GalleryOf(n);
+    std::size_t dictionaries = 0;
+    for (const DictChunk& d : g.persons)
+        for (int c = 0; c < d.count; ++c)
+            dictionaries +=
+                static_cast<std::size_t>(d.prims[c].allocatedRows) *
+                (d.prims[c].paddedLength * sizeof(float) + d.prims[c].qLength * sizeof(short));
+    std::size_t bytes = 0, sixteen = 0;
+    for (auto _ : state) {
+        const auto snapshot = CoreSnapshot(n, spaces);
+        if (snapshot == nullptr) {
+            state.SkipWithError("the snapshot was not built");
+            return;
+        }
+        bytes = snapshot->bytes();
+        // Sixteen streams on the one gallery: their inputs are all they add.
+        const std::size_t before = HeapBytes();
+        std::vector<std::unique_ptr<Input>> inputs;
+        for (int i = 0; i < 16; ++i) {
+            auto input = Input::create(*snapshot);
+            if (input.ok()) inputs.push_back(std::move(*input));
+        }
+        sixteen = HeapBytes() - before;
+        if (inputs.size() != 16) state.SkipWithError("an input was not created");
+    }
+    state.counters["snapshot_MB"] = static_cast<double>(bytes) / 1e6;
+    state.counters["sixteen_inputs_MB"] = static_cast<double>(sixteen) / 1e6;
+    state.counters["dictionaries_MB"] = static_cast<double>(dictionaries) / 1e6;
+    state.counters["ratio"] = static_cast<double>(bytes) / static_cast<double>(dictionaries);
+}
+BENCHMARK(BM_CoreSnapshotMemory)
+    ->Args({2000, 0})
+    ->Args({2000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 }  // namespace
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kShortAlign = 32;  // what the packed 16-bit kernels load
 constexpr std::size_t kFloatAlign = 16;
-constexpr int kShortBlock = 32;
+constexpr int kShortBlock = msm::kQ14RowBlock;
 constexpr int kFloatBlock = 16;
 constexpr int32_t kRecordHeaderBytes = 12;  // mode, N, D after the size field
 

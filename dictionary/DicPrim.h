@@ -61,6 +61,10 @@ class DicPrim {
     // its Q14 shadow. Copying an object onto itself does nothing. Returns 1, or 0 when memory
     // runs out (this object is then released).
     int CopyFrom(const DicPrim& other);
+    // The float rows of modes 2 and 7; null in the other modes.
+    float* const* FloatRows() const {
+        return mode == kDicPrimFloat ? frows : mode == kDicPrimAlignedFloat ? arows : nullptr;
+    }
     // Builds qrows from the rows of modes 1, 2 or 7. Returns 1, or 0 for another mode or when
     // memory runs out.
     int PrepareQ14Rows();

@@ -8,6 +8,11 @@
 namespace msm {
 
 constexpr float kQ14Scale = 16384.0f;
+// Q14 rows are allocated in whole blocks of this many values (what the dot kernels walk).
+constexpr int kQ14RowBlock = 32;
+constexpr int q14RowLength(int dim) {
+    return (dim + kQ14RowBlock - 1) / kQ14RowBlock * kQ14RowBlock;
+}
 
 // An already scaled value truncated toward zero, kept to its low 16 bits. A value outside the
 // int32 range (or a NaN) gives 0: the integer-indefinite result of the processor's truncating

@@ -179,3 +179,19 @@ int InputSubspace::Update(const float* x) {
     }
     return 1;
 }
+
+namespace msm {
+
+void inputBasisRows(const InputSubspace& in, int K, int D, float* const* copy, short* const* q,
+                    int paddedLength) {
+    for (int i = 0; i < K; ++i) {
+        if (in.basis == nullptr || in.basisCount != K) {
+            std::memset(q[i], 0, paddedLength * sizeof(short));
+            continue;
+        }
+        std::memcpy(copy[i], in.basis[i], D * sizeof(float));
+        for (int k = 0; k < D; ++k) q[i][k] = toQ14(copy[i][k]);
+    }
+}
+
+}  // namespace msm

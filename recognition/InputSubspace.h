@@ -74,4 +74,15 @@ class InputSubspace {
     float** iterated_ = nullptr;  // K x dim: the iterated vectors before orthonormalisation
 };
 
+namespace msm {
+
+// The input's K basis vectors as the similarity reads them: a float copy into copy[0..K) and Q14
+// rows into q[0..K) (paddedLength values, zero from D on). An input without a basis of K vectors
+// gives zero rows and leaves the copy as it was.
+// requires: copy holds K rows of D floats, q K rows of paddedLength >= D shorts.
+void inputBasisRows(const InputSubspace& in, int K, int D, float* const* copy, short* const* q,
+                    int paddedLength);
+
+}  // namespace msm
+
 #endif  // MSMFACE_RECOGNITION_INPUTSUBSPACE_H

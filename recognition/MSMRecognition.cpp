@@ -8,6 +8,7 @@
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
 #include "recognition/dictionary_prefetch.h"
+#include "recognition/person_value.h"
 
 namespace {
 
@@ -145,19 +146,9 @@ int MSMRecognition::UpdateInputSubspaces(float* const* patterns, bool checkReady
 void MSMRecognition::PrepareInputRows() {
     if (inputQ14_ == nullptr || inputs == nullptr) return;
     const int K = basisCount;
-    for (int c = 0; c < channelCount; ++c) {
-        const InputSubspace& in = inputs[c];
-        float** copy = inputBases.prims[c].frows;
-        for (int i = 0; i < K; ++i) {
-            short* q = inputQ14_[c * K + i];
-            if (in.basis == nullptr || in.basisCount != K) {
-                std::memset(q, 0, paddedDim * sizeof(short));
-                continue;
-            }
-            std::memcpy(copy[i], in.basis[i], dimension * sizeof(float));
-            for (int k = 0; k < dimension; ++k) q[k] = msm::toQ14(copy[i][k]);
-        }
-    }
+    for (int c = 0; c < channelCount; ++c)
+        msm::inputBasisRows(inputs[c], K, dimension, inputBases.prims[c].frows, inputQ14_ + c * K,
+                            paddedDim);
 }
 
 float MSMRecognition::SubspaceSimilarity(short* const* a, int aRows, short* const* u) {
@@ -184,20 +175,8 @@ int MSMRecognition::AddChannel(DictChunk& person, int c) {
 }
 
 void MSMRecognition::ScorePending(msm::RankingPass& pass) {
-    batch_.Solve();
-    for (int q = 0; q < pendingCount_; ++q) {
-        const int* slots = pendingSlots_.data() + q * channelCount;
-        double sum = 0.0;
-        double last = 0.0;
-        for (int c = 0; c < channelCount; ++c) {
-            const float similarity =
-                slots[c] < 0 ? 0.0f : batch_.Similarity(slots[c], subspaceDistNum);
-            last = similarity * (1.0 / 16384.0);
-            sum += last;
-        }
-        double value = sum / channelCount;
-        pass.Offer(pendingPersons_[q], msm::truncScore(1000.0 * value), value, last);
-    }
+    msm::offerSubspaceBatch(batch_, pendingPersons_.data(), pendingSlots_.data(), pendingCount_,
+                            channelCount, subspaceDistNum, pass);
     batch_.Clear();
     pendingCount_ = 0;
 }
@@ -259,23 +238,20 @@ int MSMRecognition::RecognizeBySinglePattern(float* const* patterns, DictChunk* 
     msm::RankingPass pass(results, resultMode, personCount, style);
     int scored = 0;
     for (int p = 0; persons != nullptr && patterns != nullptr && p < personCount; ++p) {
-        double sum = 0.0;
-        double last = 0.0;
+        msm::PatternScoreMean mean;
         for (int c = 0; c < channelCount; ++c) {
-            last = 0.0;
+            int32_t channelScore = 0;
             if (c < persons[p].count && patterns[c] != nullptr) {
                 const DicPrim& prim = persons[p].prims[c];
-                float* const* rows = prim.mode == kDicPrimFloat          ? prim.frows
-                                     : prim.mode == kDicPrimAlignedFloat ? prim.arows
-                                                                         : nullptr;
+                float* const* rows = prim.FloatRows();
                 if (rows != nullptr && prim.dim == dimension)
-                    last = SinglePatternScore(
+                    channelScore = SinglePatternScore(
                         dimension, rows, std::min(prim.count, prim.allocatedRows), patterns[c]);
             }
-            sum += last;
+            mean.Add(channelScore);
         }
-        auto score = msm::truncScore(sum / channelCount);
-        pass.Offer(p, score, score, last);
+        const int32_t score = mean.Score(channelCount);
+        pass.Offer(p, score, score, mean.Last());
         ++scored;
     }
     pass.Finish();

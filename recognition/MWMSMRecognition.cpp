@@ -11,6 +11,7 @@
 #include "dictionary/rows.h"
 #include "numeric/diagnostics.h"
 #include "recognition/dictionary_prefetch.h"
+#include "recognition/person_value.h"
 
 namespace {
 
@@ -235,25 +236,8 @@ int MWMSMRecognition::Get_CMSML_defaultFileHeader(char* buf) const {
 // --- Projection -------------------------------------------------------------------------------
 
 void MWMSMRecognition::ProjectRows(float* const* u, int rows, int s, int c, short* const* out) {
-    const int K = basisCount;
-    rows = std::clamp(rows, 0, K);
-    for (int i = rows; i < K; ++i) std::memset(out[i], 0, paddedDim * sizeof(short));
-    ConstraintSpace& space = spaces[s];
-    if (space.kind == msm::kKindPlain) {
-        msm::convertToQ14Rows(u, rows, kDim, out, paddedDim);
-        return;
-    }
-    const bool hasChannel = (space.kind == msm::kKindFile || space.kind == msm::kKindLearned) &&
-                            c < space.subspace.count && space.subspace.prims[c].dim == kDim &&
-                            space.subspace.prims[c].frows != nullptr;
-    if (!hasChannel) {
-        for (int i = 0; i < rows; ++i) std::memset(out[i], 0, paddedDim * sizeof(short));
-        return;
-    }
-    const DicPrim& psi = space.subspace.prims[c];
-    int m = std::min({space.dimension, psi.count, psi.allocatedRows, kDim});
-    msm::projectWhitened(u, rows, kDim, psi.frows, space.channelEigenvalues(c), std::max(m, 0), out,
-                         paddedDim, projectionWork_);
+    msm::projectIntoSpace(msm::spaceChannel(spaces[s], c, kDim), u, rows, basisCount, kDim, out,
+                          paddedDim, projectionWork_);
 }
 
 int MWMSMRecognition::ProjectDictionary(const DictChunk& dictionary, int s, DictChunk& out) {
@@ -264,9 +248,7 @@ int MWMSMRecognition::ProjectDictionary(const DictChunk& dictionary, int s, Dict
         if (q.Allocate(kDim, basisCount, kDicPrimShort) != 1) return 0;
         if (c >= dictionary.count) continue;
         const DicPrim& d = dictionary.prims[c];
-        float* const* rows = d.mode == kDicPrimFloat          ? d.frows
-                             : d.mode == kDicPrimAlignedFloat ? d.arows
-                                                              : nullptr;
+        float* const* rows = d.FloatRows();
         if (rows == nullptr || d.dim != kDim) continue;
         ProjectRows(rows, std::min(d.count, d.allocatedRows), s, c, q.srows);
     }
@@ -336,22 +318,9 @@ bool MWMSMRecognition::ReserveSpaceBatch(int n) {
 }
 
 void MWMSMRecognition::ScorePendingInSpaces(msm::RankingPass& pass, int used) {
-    batch_.Solve();
-    for (int q = 0; q < spacePendingCount_; ++q) {
-        const int* slots = spacePendingSlots_.data() + q * used * channelCount;
-        // A person without projected sets has every slot skipped and so the value 0, as before.
-        double value = 0.0;
-        for (int s = 0; s < used; ++s) {
-            double sum = 0.0;
-            for (int c = 0; c < channelCount; ++c) {
-                const int slot = slots[s * channelCount + c];
-                if (slot >= 0) sum += batch_.Similarity(slot, subspaceDistNum);
-            }
-            value += sum / channelCount * (1.0 / 16384.0);
-        }
-        if (used > 1) value /= used;
-        pass.Offer(spacePendingPersons_[q], msm::truncScore(1000.0 * value), value, value);
-    }
+    // A person without projected sets has every slot skipped and so the value 0, as before.
+    msm::offerSpacesBatch(batch_, spacePendingPersons_.data(), spacePendingSlots_.data(),
+                          spacePendingCount_, used, channelCount, subspaceDistNum, pass);
     batch_.Clear();
     spacePendingCount_ = 0;
 }

@@ -15,26 +15,10 @@
 #include "recognition/MSMRecognition.h"
 #include "recognition/class_data.h"
 #include "recognition/constraint_list.h"
+#include "recognition/constraint_space.h"
 #include "recognition/projection.h"
 
 class IDDatabase;
-
-namespace msm {
-constexpr int32_t kNotLoaded = -999;
-}  // namespace msm
-
-// One entry of the list with what was loaded for it.
-struct ConstraintSpace {
-    int32_t kind = msm::kKindUnset;  // 1 "MSM", 2 "CMSMF", 3 "CMSML"
-    int32_t dimension = 0;           // constraint vectors used
-    std::string stem;                // file header: stem.dck, stem.dckev, stem.mck
-    std::string stem2;               // default file header ("CMSML" only)
-    DictChunk subspace;              // per channel: the constraint vectors, float rows
-    std::vector<float> eigenvalues;  // per channel 256 values, in the vectors' order
-    int32_t loadStatus = msm::kNotLoaded;
-
-    float* channelEigenvalues(int c) { return eigenvalues.data() + c * msm::kPatternDim; }
-};
 
 class MWMSMRecognition : public MSMRecognition {
   public:

@@ -98,4 +98,22 @@ void projectWhitened(float* const* u, int K, int D, float* const* psi, const flo
     convertToQ14Rows(p, K, D, out, paddedLength);
 }
 
+void projectIntoSpace(const SpaceChannel& channel, float* const* u, int rows, int K, int D,
+                      short* const* out, int paddedLength, ProjectionWork& work) {
+    rows = std::clamp(rows, 0, K);
+    for (int i = rows; i < K; ++i) std::memset(out[i], 0, paddedLength * sizeof(short));
+    switch (channel.how) {
+        case SpaceChannel::How::Unprojected:
+            convertToQ14Rows(u, rows, D, out, paddedLength);
+            return;
+        case SpaceChannel::How::Whitened:
+            projectWhitened(u, rows, D, channel.psi, channel.lambda, channel.m, out, paddedLength,
+                            work);
+            return;
+        case SpaceChannel::How::Nothing:
+            for (int i = 0; i < rows; ++i) std::memset(out[i], 0, paddedLength * sizeof(short));
+            return;
+    }
+}
+
 }  // namespace msm

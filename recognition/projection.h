@@ -45,6 +45,22 @@ void projectWhitened(float* const* u, int K, int D, float* const* psi, const flo
 // The K float vectors as Q14 rows, unprojected (a space without constraint).
 void convertToQ14Rows(float* const* u, int K, int D, short* const* out, int paddedLength);
 
+// What one channel of a constraint space does to the vectors it projects.
+struct SpaceChannel {
+    enum class How { Unprojected, Whitened, Nothing };
+    How how = How::Nothing;
+    float* const* psi = nullptr;    // Whitened: m constraint vectors of D floats
+    const float* lambda = nullptr;  // Whitened: their m eigenvalues
+    int m = 0;
+};
+
+// The first `rows` (clamped to 0..K) of the float vectors u (D values each) projected as the
+// channel says into the K Q14 rows of out (paddedLength values); the rows from `rows` on, and
+// every row of a channel that projects onto nothing, are zero.
+// requires: u holds the rows, out K rows of paddedLength >= D shorts.
+void projectIntoSpace(const SpaceChannel& channel, float* const* u, int rows, int K, int D,
+                      short* const* out, int paddedLength, ProjectionWork& work);
+
 }  // namespace msm
 
 #endif  // MSMFACE_RECOGNITION_PROJECTION_H

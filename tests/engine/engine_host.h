@@ -118,8 +118,9 @@ class SyntheticPerson {
 // One engine with its dictionary folder and the host's person records.
 class Host {
   public:
-    explicit Host(const std::string& dicPath)
-        : engine(kFrameSide, kFrameSide), frame_(kFrameSide, kFrameSide, 8), face_(64, 64, 8) {
+    // An engine for camera frames of width x height (the synthetic persons' by default).
+    explicit Host(const std::string& dicPath, int width = kFrameSide, int height = kFrameSide)
+        : engine(width, height), frame_(kFrameSide, kFrameSide, 8), face_(64, 64, 8) {
         engine.idDatabase->SetDicPath(dicPath.c_str());
         engine.idDatabase->InitIdDictionary(0);
     }
@@ -140,13 +141,19 @@ class Host {
     // The documented enrolment: pending name, registration mode, gathered frames, then the
     // database entry. True when the person was entered.
     bool Enrol(int id, const std::string& name, const SyntheticPerson& person, int firstFrame = 0) {
+        return EnrolWith(id, name, [&](int k) { Frame(person, firstFrame + k); });
+    }
+
+    // The same with frames of the host's own: frame(k) runs the k-th gathered frame through the
+    // frame cycle.
+    template <typename FrameStep>
+    bool EnrolWith(int id, const std::string& name, FrameStep frame) {
         if (!engine.idDatabase->CheckIDNum(id) || !engine.idDatabase->CheckIDName(name.c_str()) ||
             engine.idDatabase->SetNewKeyname(name.c_str()) != 1)
             return false;
         engine.Set_RecogORRegist(2);
         engine.Reset_gather_counter();
-        for (int k = 0; engine.Get_RecogORRegist() == 2 && k < 1000; ++k)
-            Frame(person, firstFrame + k);
+        for (int k = 0; engine.Get_RecogORRegist() == 2 && k < 1000; ++k) frame(k);
         if (!engine.Get_RegistCondition()) {
             engine.idDatabase->FreeNewKeyname();
             return false;
@@ -166,6 +173,9 @@ class Host {
         for (int k = 0; k < frames; ++k) Frame(person, firstFrame + k);
         return engine.Get_ResultRecog()[0];
     }
+
+    // The records of the persons entered, in inside order.
+    const std::deque<HumanID>& Records() const { return records_; }
 
     FaceRecognition engine;
 

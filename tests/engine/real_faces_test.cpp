@@ -11,38 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "common/pgm.h"
+#include "common/real_faces.h"
 #include "engine_host.h"
 
 namespace {
 
 using enginetest::ScratchDir;
 
-struct RealFrame {
-    int video = 0;
-    int width = 0, height = 0;
-    std::vector<unsigned char> pixels;
-    double points[28] = {};
-};
-
-std::map<std::string, std::vector<RealFrame>> LoadPeople(const std::string& folder) {
-    std::map<std::string, std::vector<RealFrame>> people;
-    std::ifstream manifest(folder + "/manifest.csv");
-    std::string line;
-    std::getline(manifest, line);
-    while (std::getline(manifest, line)) {
-        std::vector<std::string> f;
-        std::stringstream fields(line);
-        for (std::string x; std::getline(fields, x, ',');) f.push_back(x);
-        if (f.size() != 35) continue;
-        RealFrame frame;
-        frame.video = std::atoi(f[1].c_str());
-        for (int k = 0; k < 28; ++k) frame.points[k] = std::atof(f[7 + k].c_str());
-        if (msmtest::ReadPgm(folder + "/" + f[4], frame.width, frame.height, frame.pixels))
-            people[f[0]].push_back(std::move(frame));
-    }
-    return people;
-}
+using msmtest::LoadPeople;
+using msmtest::RealFrame;
 
 // The frame with its points moved by up to two pixels, as a live camera's detector would.
 int CropJittered(FaceRecognition& engine, const RealFrame& f, std::mt19937& rng) {
