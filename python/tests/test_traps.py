@@ -224,7 +224,9 @@ def planted_entries(d, template):
     out = []
     for entry in sorted(os.listdir(d)):
         path, healthy = os.path.join(d, entry), os.path.join(template, entry)
+        # Sizes first: a huge planted file is told apart without reading it.
         same = (stat.S_ISREG(_lmode(path)) and stat.S_ISREG(_lmode(healthy)) and
+                os.lstat(path).st_size == os.lstat(healthy).st_size and
                 open(path, "rb").read() == open(healthy, "rb").read())
         if not same:
             out.append(entry)
