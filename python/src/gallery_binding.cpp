@@ -39,6 +39,17 @@ struct StreamBox {
     std::mutex lock;
 };
 
+// Brings the gallery up to the directory before a property reports on it.
+void refresh(GalleryBox& b) {
+    msmface::Status st;
+    {
+        py::gil_scoped_release unlocked;
+        std::unique_lock<std::shared_mutex> l(b.lock);
+        st = b.gallery.refresh();
+    }
+    check(st);
+}
+
 msmface::Method methodFrom(const py::handle& method) {
     if (py::isinstance<msmface::Method>(method)) return method.cast<msmface::Method>();
     if (py::isinstance<py::str>(method)) {
@@ -213,17 +224,33 @@ enrol and recognise between frames, leaving the directory as it was.
     g.def_property_readonly(
         "persons",
         [](GalleryBox& b) {
+            refresh(b);
             std::shared_lock<std::shared_mutex> l(b.lock);
             return b.gallery.persons();
         },
-        "The registered persons in registry order.");
+        "The registered persons in registry order, as the directory lists them now (another "
+        "process's change included); raises OSError when the directory is gone.");
     g.def_property_readonly(
         "orphans",
         [](GalleryBox& b) {
+            refresh(b);
             std::shared_lock<std::shared_mutex> l(b.lock);
             return b.gallery.orphans();
         },
-        "Persons listed in the registry whose dictionary does not load.");
+        "Persons listed in the registry without their dictionary file.");
+    g.def_property_readonly(
+        "left_out",
+        [](GalleryBox& b) {
+            refresh(b);
+            std::shared_lock<std::shared_mutex> l(b.lock);
+            std::vector<std::pair<msmface::Person, std::string>> out;
+            for (const msmface::LeftOut& left : b.gallery.leftOut())
+                out.emplace_back(left.person, left.reason);
+            return out;
+        },
+        "Listed persons that are not recognised, with the reason, as (Person, str) pairs: a "
+        "dictionary file that is missing, does not read or is not a valid dictionary, or a "
+        "person beyond what an engine holds.");
     g.def(
         "find",
         [](GalleryBox& b, const py::handle& id) {

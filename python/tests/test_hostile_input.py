@@ -253,6 +253,8 @@ def test_a_gallery_whose_directory_is_gone_says_so(two_person_gallery_dir, tmp_p
         g.recognise(frames)
     message = str(info.value)
     assert str(d) in message and "no persons are enrolled" not in message, message
+    with pytest.raises(OSError, match="the dictionary directory is gone"):
+        g.persons
     with pytest.raises(OSError) as info:
         for frame, points in frames:
             s.push(frame, points)
@@ -280,3 +282,27 @@ def test_a_detector_model_that_is_a_pipe_is_refused_without_blocking(tmp_path):
     code, out, err = run_python(DETECTOR_ON_A_PIPE, fifo)
     assert code == 0, (out, err)
     assert str(fifo) in out
+
+
+# --- one damaged dictionary -----------------------------------------------------------------
+
+def test_a_damaged_dictionary_is_left_out_with_its_reason(two_person_gallery_dir, tmp_path, synth):
+    d = tmp_path / "faces"
+    shutil.copytree(two_person_gallery_dir, d)
+    g = msmface.Gallery(str(d))
+    first, second = g.persons
+    dictionary = d / (second.name + ".dck")
+    data = bytearray(dictionary.read_bytes())
+    data[200:203] = b"\xff\xff\xff"
+    dictionary.write_bytes(bytes(data))
+    g = msmface.Gallery(str(d))
+    assert [p.id for p in g.persons] == [first.id]
+    (left, reason), = g.left_out
+    assert left.id == second.id and str(dictionary) in reason and "\n" not in reason, reason
+    # The others are still recognised, by the gallery and by a stream alike.
+    ranking = g.recognise(synth(0, 200, 8))
+    assert [m.id for m in ranking.matches] == [first.id]
+    s = msmface.Stream(g)
+    for frame, points in synth(0, 201, 4):
+        state = s.push(frame, points)
+    assert [m.id for m in state.ranking.matches] == [first.id]
