@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -223,6 +224,10 @@ Result<WeightTensor> tensorFrom(const Json& entry, std::size_t index) {
         if (scale == nullptr || min == nullptr || scale->type != Json::Type::Number ||
             min->type != Json::Type::Number)
             return bad(named + ": quantization lacks a numeric scale and min");
+        // Beyond single precision even the byte 0 would decode to an infinity.
+        const double largest = std::numeric_limits<float>::max();
+        if (std::fabs(scale->number) > largest || std::fabs(min->number) > largest)
+            return bad(named + ": quantization scale or min beyond single precision");
         t.quantised = true;
         t.scale = scale->number;
         t.min = min->number;

@@ -85,6 +85,9 @@ TEST(WeightsManifest, RefusesWhatTheLoaderCannotUseWithOneLine) {
         {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1],"dtype":"float32",)"
          R"("quantization":{"dtype":"uint8","scale":1e999,"min":0}}]}])",
          "malformed number"},
+        {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1],"dtype":"float32",)"
+         R"("quantization":{"dtype":"uint8","scale":1,"min":-1e300}}]}])",
+         "beyond single precision"},
         {R"([{"paths":["w"],"weights":[{"name":"a","shape":[NaN],"dtype":"float32"}]}])",
          "not JSON"},
         {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1],"dtype":"float32"}]}] x)",
