@@ -3,7 +3,7 @@
 #include <new>
 
 #include "core/status.h"
-#include "dictionary/small_text_file.h"
+#include "io/small_text_file.h"
 #include "recognition/MWMSMRecognition.h"
 
 namespace msmface::core {

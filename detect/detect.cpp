@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "detect/detect_internal.h"
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 
 namespace msmface {
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/byte_reader.h"
+#include "io/atomic_file.h"
+#include "io/byte_reader.h"
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
 #include "dictionary/stamp.h"

@@ -6,8 +6,8 @@
 #include <limits>
 #include <vector>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/byte_reader.h"
+#include "io/atomic_file.h"
+#include "io/byte_reader.h"
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
 

@@ -3,8 +3,8 @@
 #include <new>
 #include <vector>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/byte_reader.h"
+#include "io/atomic_file.h"
+#include "io/byte_reader.h"
 #include "dictionary/rows.h"
 
 namespace {

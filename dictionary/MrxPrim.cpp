@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <limits>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/byte_reader.h"
+#include "io/atomic_file.h"
+#include "io/byte_reader.h"
 #include "dictionary/packed_triangle.h"
 #include "dictionary/rows.h"
 #include "dictionary/stamp.h"

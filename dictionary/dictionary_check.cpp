@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "dictionary/DictChunk.h"
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 
 namespace msm {
 namespace {

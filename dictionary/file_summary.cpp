@@ -16,7 +16,7 @@
 #include "dictionary/CCSDImage.h"
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 
 namespace msm {
 namespace {

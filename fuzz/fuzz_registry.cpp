@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "dictionary/registry.h"
+#include "store/registry.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

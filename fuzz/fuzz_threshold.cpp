@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "dictionary/threshold_file.h"
+#include "store/threshold_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -6,12 +6,11 @@
 #include <cstring>
 
 #include "normalise/face_cropping.h"
+#include "normalise/face_patterns.h"
 
 namespace {
 
 constexpr int kFaceBytes = kNormalisedFaceSize * kNormalisedFaceSize;
-constexpr int kMapSide = CFilterProcessing::kMapSize;
-constexpr int kBandVectors = 4;
 
 std::unique_ptr<BasicImageFile> MakeSnapshot(int width, int height) {
     // The image's byte count is a 32-bit product of width, height and 24 bits.
@@ -19,16 +18,6 @@ std::unique_ptr<BasicImageFile> MakeSnapshot(int width, int height) {
         width >= 1 && height >= 1 && static_cast<int64_t>(width) * height * 24 <= INT32_MAX;
     return fits ? std::make_unique<BasicImageFile>(width, height, 24)
                 : std::make_unique<BasicImageFile>();
-}
-
-// v[r * 16 + c] = mean of the 2 x 2 block (r, c) of the 32 x 32 map.
-void BlockMeans(const float* map, float* v) {
-    for (int r = 0; r < kMapSide / 2; ++r) {
-        const float* a = map + (2 * r) * kMapSide;
-        const float* b = a + kMapSide;
-        for (int c = 0; c < kMapSide / 2; ++c)
-            v[r * 16 + c] = 0.25f * (a[2 * c] + a[2 * c + 1] + b[2 * c] + b[2 * c + 1]);
-    }
 }
 
 }  // namespace
@@ -114,16 +103,7 @@ void FeatureExtraction::RefreshSnapshot(const BasicImageFile& frame,
 }
 
 void FeatureExtraction::StorePatterns(const unsigned char* face) {
-    if (vectorsPerFrame != 1 && vectorsPerFrame != kMaxVectorsPerFrame) return;
-    filters->MakePatternMap(face, map_);
-    float** slot = patternSlots[slotIndex];
-    if (vectorsPerFrame == 1) {
-        BlockMeans(map_, slot[0]);
-        return;
-    }
-    for (int band = 0; band < kBandVectors; ++band)
-        std::memcpy(slot[band], map_ + band * kPatternDimension, sizeof(float) * kPatternDimension);
-    BlockMeans(map_, slot[kBandVectors]);
+    msm::patternsOfFace(*filters, face, vectorsPerFrame, map_, patternSlots[slotIndex]);
 }
 
 int FeatureExtraction::NormaliseFrame(BasicImageFile* frame, BasicImageFile* colourFrame,

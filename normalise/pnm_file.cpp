@@ -4,7 +4,7 @@
 
 #include <msmface/BasicImage.h>
 
-#include "dictionary/atomic_file.h"
+#include "io/atomic_file.h"
 #include "normalise/image_shape.h"
 
 namespace {

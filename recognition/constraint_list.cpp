@@ -7,7 +7,7 @@
 #include <limits>
 #include <vector>
 
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 #include "numeric/diagnostics.h"
 
 namespace msm {

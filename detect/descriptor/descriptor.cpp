@@ -22,7 +22,7 @@
 
 #include "detect/descriptor/weights_manifest.h"
 #include "detect/detect_internal.h"
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 
 namespace msmface {
 

@@ -14,8 +14,8 @@
 
 #include "arrays.h"
 #include "bindings.h"
-#include "dictionary/registry.h"
-#include "dictionary/small_text_file.h"
+#include "store/registry.h"
+#include "io/small_text_file.h"
 #include "engine/RecognitionEngine.h"
 
 namespace msmpy {

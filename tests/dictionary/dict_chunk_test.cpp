@@ -8,7 +8,7 @@
 #include <csignal>
 #include <limits>
 
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 #include "dictionary/fixed_point.h"
 #include "scratch.h"
 

@@ -17,9 +17,9 @@
 
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
-#include "dictionary/atomic_file.h"
-#include "dictionary/registry.h"
-#include "dictionary/store_files.h"
+#include "io/atomic_file.h"
+#include "store/registry.h"
+#include "store/store_files.h"
 #include "scratch.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "dictionary/store_lock.h"
+#include "store/store_lock.h"
 #include "scratch.h"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <cmath>
 #include <limits>
 
-#include "dictionary/registry.h"
-#include "dictionary/threshold_file.h"
-#include "engine/frame_input.h"
+#include "store/registry.h"
+#include "store/threshold_file.h"
+#include "gallery/frame_input.h"
 #include "gallery_support.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "common/sanitizer.h"
-#include "dictionary/store_lock.h"
+#include "store/store_lock.h"
 #include "gallery_support.h"
 #include "tools/soak/soak_run.h"
 

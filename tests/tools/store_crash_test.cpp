@@ -22,7 +22,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "dictionary/store_files.h"
+#include "store/store_files.h"
 #include "store_support.h"
 
 namespace {

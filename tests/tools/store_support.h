@@ -18,8 +18,8 @@
 #include <msmface/store.h>
 
 #include "cli_support.h"
-#include "dictionary/registry.h"
-#include "dictionary/store_lock.h"
+#include "store/registry.h"
+#include "store/store_lock.h"
 
 namespace storetest {
 

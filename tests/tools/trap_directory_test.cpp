@@ -30,7 +30,7 @@
 #include <msmface/gallery.h>
 
 #include "cli_support.h"
-#include "dictionary/registry.h"
+#include "store/registry.h"
 #include "store_support.h"
 #include "tools/synth/synth_face.h"
 

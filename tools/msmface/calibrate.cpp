@@ -15,7 +15,7 @@
 #include <msmface/gallery.h>
 
 #include "commands.h"
-#include "dictionary/atomic_file.h"
+#include "io/atomic_file.h"
 #include "eval_metrics.h"
 #include "frame_source.h"
 #include "frames.h"

@@ -122,8 +122,6 @@ struct WatchOptions {
 };
 int runWatch(const WatchOptions& o);
 
-// Creates dir (and its parent) when missing; an empty string or a reason.
-std::string makeFolder(const std::string& dir);
 // The folder out/dictionary for a run of command ("demo", "eval"): made when missing, emptied
 // when every file in it is one an earlier finished run of command recorded leaving there (its
 // lock file stays), refused untouched otherwise. An empty string or one line saying why.

@@ -13,6 +13,7 @@
 #include "face_finder.h"
 #include "frame_list.h"
 #include "image_io.h"
+#include "io/folders.h"
 #include "picture_source.h"
 #include "program_files.h"
 
@@ -85,16 +86,16 @@ int runDetect(const DetectOptions& o) {
     sourceOptions.frames = o.frames;
     std::unique_ptr<PictureSource> source;
     std::string error = openPictureSource(sourceOptions, source);
-    if (error.empty() && !o.out.empty()) error = makeFolder(folderOf(o.out));
+    if (error.empty() && !o.out.empty()) error = msm::makeDirectories(folderOf(o.out));
     if (!error.empty()) return fail(error);
     std::unique_ptr<FaceFinder> finder;
     error =
         makeFaceFinder(o.model, !o.video.empty(), o.video.empty() ? "detect" : "--video", finder);
-    if (error.empty() && !o.overlay.empty()) error = makeFolder(o.overlay);
+    if (error.empty() && !o.overlay.empty()) error = msm::makeDirectories(o.overlay);
     // A video's frames become pictures of their own, so that the points file can name them.
     const std::string framesFolder =
         o.video.empty() ? std::string() : folderOf(o.out) + "/" + stemOf(o.out) + "-frames";
-    if (error.empty() && !framesFolder.empty()) error = makeFolder(framesFolder);
+    if (error.empty() && !framesFolder.empty()) error = msm::makeDirectories(framesFolder);
     if (!error.empty()) return fail(error);
 
     std::string points = "# image x0 y0 ... x13 y13, written by msmface detect\n";

@@ -16,6 +16,7 @@
 #include "detected_frames.h"
 #include "frame_source.h"
 #include "frames.h"
+#include "io/folders.h"
 
 namespace msmcli {
 namespace {
@@ -110,21 +111,6 @@ msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool creat
 int fail(const std::string& message) {
     std::fprintf(stderr, "msmface: %s\n", message.c_str());
     return kExitFailure;
-}
-
-std::string makeFolder(const std::string& dir) {
-    if (dir.empty()) return "expected a folder name";
-    struct stat st {};
-    if (::stat(dir.c_str(), &st) == 0)
-        return S_ISDIR(st.st_mode) ? std::string() : dir + ": expected a folder, found a file";
-    const std::size_t slash = dir.find_last_of('/', dir.size() > 1 ? dir.size() - 2 : 0);
-    if (slash != std::string::npos && slash > 0) {
-        std::string error = makeFolder(dir.substr(0, slash));
-        if (!error.empty()) return error;
-    }
-    if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
-        return dir + ": cannot create the folder (" + std::strerror(errno) + ")";
-    return {};
 }
 
 int runEnrol(const EnrolOptions& o) {

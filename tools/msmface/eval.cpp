@@ -15,7 +15,7 @@
 
 #include "commands.h"
 #include "detected_frames.h"
-#include "dictionary/atomic_file.h"
+#include "io/atomic_file.h"
 #include "eval_metrics.h"
 #include "eval_summary.h"
 #include "face_finder.h"

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <utility>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/byte_reader.h"
+#include "io/atomic_file.h"
+#include "io/byte_reader.h"
 
 namespace msmcli {
 namespace {

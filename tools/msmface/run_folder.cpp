@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "io/folders.h"
 #include "program_files.h"
 
 namespace msmcli {
@@ -69,7 +70,7 @@ std::string recordHeader(const std::string& command) {
 
 std::string prepareRunDictionary(const std::string& out, const std::string& command) {
     const std::string dictionary = out + "/dictionary";
-    std::string error = makeFolder(dictionary);
+    std::string error = msm::makeDirectories(dictionary);
     if (!error.empty()) return error;
     std::vector<std::string> names;
     if (!listFolder(dictionary, names))

@@ -2,19 +2,16 @@
 #include <algorithm>
 #include <mutex>
 
-#include "engine/frame_input.h"
-#include "engine/gallery_impl.h"
+#include "gallery/frame_input.h"
+#include "gallery/gallery_impl.h"
 #include "numeric/diagnostics.h"
 
 namespace msmface {
 
+using detail::fail;
 using detail::GalleryState;
 
 namespace {
-
-Status fail(ErrorKind kind, std::string message) {
-    return Status::failure(kind, std::move(message));
-}
 
 bool usesConstraint(Method m) {
     return m == Method::CmsmFirstSpace || m == Method::Cmsm;

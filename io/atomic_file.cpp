@@ -1,4 +1,4 @@
-#include "dictionary/atomic_file.h"
+#include "io/atomic_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "dictionary/byte_reader.h"
+#include "io/byte_reader.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,6 @@
-#include "dictionary/store_files.h"
+#include "store/store_files.h"
+
+#include <msmface/store.h>
 
 #include <dirent.h>
 #include <limits.h>
@@ -9,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dictionary/small_text_file.h"
+#include "io/small_text_file.h"
 #include "recognition/constraint_list.h"
 
 namespace msm {
@@ -30,7 +32,8 @@ bool digits(const std::string& s) {
 }
 
 bool writtenByUs(const std::string& name) {
-    if (name == kPersonListName || name == kThresholdName || name == kConstraintListName)
+    if (name == msmface::kRegistryFileName || name == msmface::kThresholdFileName ||
+        name == msmface::kConstraintListFileName)
         return true;
     return !personStemOf(name).empty();
 }
@@ -69,7 +72,7 @@ std::string reservedKeyNameReason(const std::string& name) {
 }
 
 std::string constraintListProblem(const std::string& dir) {
-    const std::string list = dir + "/" + kConstraintListName;
+    const std::string list = dir + "/" + msmface::kConstraintListFileName;
     const std::string again = "; run \"msmface constraint " + dir + "\" again";
     struct stat st {};
     if (::lstat(list.c_str(), &st) != 0) return {};
@@ -99,7 +102,8 @@ std::string constraintListProblem(const std::string& dir) {
 
 DirectoryStamp stampOf(const std::string& dir) {
     DirectoryStamp stamp;
-    const char* names[] = {kPersonListName, kThresholdName, kConstraintListName};
+    const char* names[] = {msmface::kRegistryFileName, msmface::kThresholdFileName,
+                           msmface::kConstraintListFileName};
     for (int i = 0; i < 3; ++i) {
         struct stat st {};
         if (::stat((dir + "/" + names[i]).c_str(), &st) != 0) continue;

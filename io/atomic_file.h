@@ -1,8 +1,8 @@
 // Writing a file so that a crash, a full disk or a failed write never leaves a half-written file
 // in place of the user's data: the bytes go to a temporary beside the target, reach the disk,
 // and only then replace the target by rename.
-#ifndef MSMFACE_DICTIONARY_ATOMIC_FILE_H
-#define MSMFACE_DICTIONARY_ATOMIC_FILE_H
+#ifndef MSMFACE_IO_ATOMIC_FILE_H
+#define MSMFACE_IO_ATOMIC_FILE_H
 
 #include <cstdio>
 #include <string>
@@ -49,4 +49,4 @@ bool writeInt32(std::FILE* f, int32_t v);
 
 }  // namespace msm
 
-#endif  // MSMFACE_DICTIONARY_ATOMIC_FILE_H
+#endif  // MSMFACE_IO_ATOMIC_FILE_H

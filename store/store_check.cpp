@@ -14,13 +14,13 @@
 
 #include <msmface/FileSummary.h>
 
-#include "dictionary/byte_reader.h"
 #include "dictionary/dictionary_check.h"
-#include "dictionary/registry.h"
-#include "dictionary/store_files.h"
-#include "dictionary/store_lock.h"
-#include "dictionary/threshold_file.h"
+#include "io/byte_reader.h"
 #include "recognition/constraint_list.h"
+#include "store/registry.h"
+#include "store/store_files.h"
+#include "store/store_lock.h"
+#include "store/threshold_file.h"
 
 namespace msmface {
 namespace {
@@ -85,8 +85,8 @@ void add(StoreReport& r, StoreProblemKind kind, const std::string& path, const s
 }
 
 void checkConstraint(const std::string& dir, const std::set<std::string>& files, StoreReport& r) {
-    const std::string list = dir + "/" + msm::kConstraintListName;
-    const bool hasList = files.count(msm::kConstraintListName) != 0;
+    const std::string list = dir + "/" + msmface::kConstraintListFileName;
+    const bool hasList = files.count(msmface::kConstraintListFileName) != 0;
     msm::ConstraintList parsed;
     // A link or a pipe in the list's place: nothing of it is read, the problem is the report.
     if (!hasList && exists(list)) {
@@ -109,7 +109,7 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
         const std::string stem = msm::personStemOf(f);
         if (msm::isConstraintStem(stem) && named.count(stem) == 0)
             add(r, StoreProblemKind::Orphan, dir + "/" + f,
-                dir + "/" + f + ": a constraint file that " + msm::kConstraintListName +
+                dir + "/" + f + ": a constraint file that " + msmface::kConstraintListFileName +
                     " does not name");
     }
     for (const msm::ConstraintListEntry& e : parsed.entries) {
@@ -191,7 +191,7 @@ StoreReport checkLocked(const std::string& dir) {
     std::vector<Person> listed;
     const std::string registryError = detail::loadRegistry(dir, listed);
     if (!registryError.empty())
-        add(r, StoreProblemKind::Registry, dir + "/" + msm::kPersonListName, registryError);
+        add(r, StoreProblemKind::Registry, dir + "/" + msmface::kRegistryFileName, registryError);
     r.persons = static_cast<int>(listed.size());
 
     std::set<std::string> named;
@@ -241,7 +241,7 @@ StoreReport checkLocked(const std::string& dir) {
         const std::string stem = msm::personStemOf(name);
         // Without a registry (a directory of a legacy host) no file can be called an orphan.
         if (stem.empty() || msm::isConstraintStem(stem) || !registryError.empty() ||
-            named.count(stem) != 0 || files.count(msm::kPersonListName) == 0)
+            named.count(stem) != 0 || files.count(msmface::kRegistryFileName) == 0)
             continue;
         add(r, StoreProblemKind::Orphan, path, path + ": no person of the registry names it");
     }

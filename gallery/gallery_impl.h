@@ -1,7 +1,9 @@
 // What a Gallery and its Streams share, and the steps both take to fill an engine with the
 // persons of a dictionary directory.
-#ifndef MSMFACE_ENGINE_GALLERY_IMPL_H
-#define MSMFACE_ENGINE_GALLERY_IMPL_H
+#ifndef MSMFACE_GALLERY_GALLERY_IMPL_H
+#define MSMFACE_GALLERY_GALLERY_IMPL_H
+
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -16,12 +18,28 @@
 #include <msmface/frame.h>
 #include <msmface/gallery.h>
 
-#include "dictionary/store_files.h"
-#include "dictionary/store_lock.h"
+#include "store/store_files.h"
+#include "store/store_lock.h"
 
 namespace msmface::detail {
 
-inline constexpr const char* kConstraintStem = "cmsm";
+inline Status fail(ErrorKind kind, std::string message) {
+    return Status::failure(kind, std::move(message));
+}
+
+inline bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+// The path with every link resolved, or as given when it does not resolve.
+inline std::string absolute(const std::string& path) {
+    const std::string real = msm::realPath(path);
+    return real.empty() ? path : real;
+}
+
+inline bool hasBlank(const std::string& s) {
+    return s.find_first_of(" \t\n\r\v\f") != std::string::npos;
+}
 // The engine is made for this camera size; an enrolment sets the size of its own frames.
 inline constexpr int kDefaultFrameWidth = 320;
 inline constexpr int kDefaultFrameHeight = 240;
@@ -191,4 +209,4 @@ class Gallery::Impl {
 
 }  // namespace msmface
 
-#endif  // MSMFACE_ENGINE_GALLERY_IMPL_H
+#endif  // MSMFACE_GALLERY_GALLERY_IMPL_H

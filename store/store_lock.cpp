@@ -1,4 +1,4 @@
-#include "dictionary/store_lock.h"
+#include "store/store_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

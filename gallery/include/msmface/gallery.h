@@ -36,12 +36,6 @@
 
 namespace msmface {
 
-// The files of a dictionary directory beside the engine's own (".dck", ".mck", ".bmp" per
-// person, "cmsm.*" for the constraint space).
-inline constexpr const char* kRegistryFileName = "persons.txt";
-inline constexpr const char* kThresholdFileName = "threshold.txt";
-inline constexpr const char* kConstraintListFileName = "constraint.list";
-inline constexpr int kDefaultIdentifyThreshold = 850;
 // The persons an engine holds: a directory lists at most this many (enrol refuses more), and of a
 // registry that lists more the first ones are loaded.
 inline constexpr int kMaxLoadedPersons = 2000;
@@ -52,11 +46,6 @@ inline constexpr int kMaxLoadedPersons = 2000;
 struct Sample {
     FrameView frame;
     std::optional<FacePoints> points;
-};
-
-struct Person {
-    int id = 0;        // the host's ID number, 1 or more
-    std::string name;  // key name: the base name of the person's files
 };
 
 // A listed person the gallery does not recognise, and why: the dictionary file is missing, does

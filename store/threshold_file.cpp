@@ -1,13 +1,13 @@
-#include "dictionary/threshold_file.h"
+#include "store/threshold_file.h"
 
 #include <cerrno>
 #include <cstring>
 #include <sstream>
 
-#include <msmface/gallery.h>
+#include <msmface/store.h>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/small_text_file.h"
+#include "io/atomic_file.h"
+#include "io/small_text_file.h"
 
 namespace msmface::detail {
 namespace {

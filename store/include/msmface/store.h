@@ -19,6 +19,19 @@
 
 namespace msmface {
 
+// The files of a dictionary directory beside the engine's own (".dck", ".mck", ".bmp" per
+// person, "cmsm.*" for the constraint space).
+inline constexpr const char* kRegistryFileName = "persons.txt";
+inline constexpr const char* kThresholdFileName = "threshold.txt";
+inline constexpr const char* kConstraintListFileName = "constraint.list";
+inline constexpr int kDefaultIdentifyThreshold = 850;
+
+// A person as the registry lists it.
+struct Person {
+    int id = 0;        // the host's ID number, 1 or more
+    std::string name;  // key name: the base name of the person's files
+};
+
 // Left over from a process killed while writing: removed (temporaries) or moved into this folder
 // of the directory (files that no registry entry names) by a repair, never deleted.
 inline constexpr const char* kLostAndFoundName = "lost+found";

@@ -1,4 +1,4 @@
-#include "dictionary/registry.h"
+#include "store/registry.h"
 
 #include <sys/stat.h>
 
@@ -7,8 +7,8 @@
 #include <set>
 #include <sstream>
 
-#include "dictionary/atomic_file.h"
-#include "dictionary/small_text_file.h"
+#include "io/atomic_file.h"
+#include "io/small_text_file.h"
 
 namespace msmface::detail {
 

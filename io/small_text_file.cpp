@@ -1,4 +1,4 @@
-#include "dictionary/small_text_file.h"
+#include "io/small_text_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dictionary/atomic_file.h"
+#include "io/atomic_file.h"
 
 namespace msmface::detail {
 

@@ -1,8 +1,8 @@
 // The one place where sizes read from files are checked against what the file can hold, so that
 // a truncated or hostile file is rejected before it drives a read past the end or an allocation
 // larger than itself.
-#ifndef MSMFACE_DICTIONARY_BYTE_READER_H
-#define MSMFACE_DICTIONARY_BYTE_READER_H
+#ifndef MSMFACE_IO_BYTE_READER_H
+#define MSMFACE_IO_BYTE_READER_H
 
 #include <sys/types.h>
 
@@ -85,4 +85,4 @@ class TextReader {
 
 }  // namespace msm
 
-#endif  // MSMFACE_DICTIONARY_BYTE_READER_H
+#endif  // MSMFACE_IO_BYTE_READER_H

@@ -2,8 +2,8 @@
 // ".mck", ".bmp" (and ".dckev" from older writers), the registry, the threshold, the constraint
 // list and its "cmsm.*" files, the lock, and the temporaries that every replacement writes beside
 // its target first.
-#ifndef MSMFACE_DICTIONARY_STORE_FILES_H
-#define MSMFACE_DICTIONARY_STORE_FILES_H
+#ifndef MSMFACE_STORE_STORE_FILES_H
+#define MSMFACE_STORE_STORE_FILES_H
 
 #include <cstdint>
 #include <string>
@@ -11,10 +11,6 @@
 
 namespace msm {
 
-inline constexpr const char* kPersonListName = "persons.txt";
-inline constexpr const char* kThresholdName = "threshold.txt";
-inline constexpr const char* kConstraintListName = "constraint.list";
-inline constexpr const char* kConstraintStem = "cmsm";
 // The files of a person "<key name><extension>".
 inline constexpr const char* kPersonExtensions[] = {".dck", ".mck", ".bmp", ".dckev"};
 
@@ -98,4 +94,4 @@ std::vector<std::string> removeOwnTemporaries(const std::string& dir);
 
 }  // namespace msm
 
-#endif  // MSMFACE_DICTIONARY_STORE_FILES_H
+#endif  // MSMFACE_STORE_STORE_FILES_H

@@ -1,7 +1,7 @@
 // The small text files of a dictionary directory (the registry, the threshold): read whole, with
 // their size checked before a byte is read, and replaced atomically.
-#ifndef MSMFACE_DICTIONARY_SMALL_TEXT_FILE_H
-#define MSMFACE_DICTIONARY_SMALL_TEXT_FILE_H
+#ifndef MSMFACE_IO_SMALL_TEXT_FILE_H
+#define MSMFACE_IO_SMALL_TEXT_FILE_H
 
 #include <cstddef>
 #include <string>
@@ -36,4 +36,4 @@ std::string replaceSmallTextFile(const std::string& dir, const std::string& path
 
 }  // namespace msmface::detail
 
-#endif  // MSMFACE_DICTIONARY_SMALL_TEXT_FILE_H
+#endif  // MSMFACE_IO_SMALL_TEXT_FILE_H

@@ -1,4 +1,4 @@
-#include "engine/frame_input.h"
+#include "gallery/frame_input.h"
 
 #include <cmath>
 #include <cstring>

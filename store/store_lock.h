@@ -8,8 +8,8 @@
 // The lock is an advisory flock() on one file in the directory; the kernel drops it when its
 // process dies, so a crashed writer never blocks anyone. The file's text names the current writer
 // (PID, host, command) only so that a waiting process can say whom it waits for.
-#ifndef MSMFACE_DICTIONARY_STORE_LOCK_H
-#define MSMFACE_DICTIONARY_STORE_LOCK_H
+#ifndef MSMFACE_STORE_STORE_LOCK_H
+#define MSMFACE_STORE_STORE_LOCK_H
 
 #include <functional>
 #include <string>
@@ -71,4 +71,4 @@ std::string describeLockHolder(const std::string& dir);
 
 }  // namespace msm
 
-#endif  // MSMFACE_DICTIONARY_STORE_LOCK_H
+#endif  // MSMFACE_STORE_STORE_LOCK_H

@@ -1,7 +1,7 @@
 // The identify threshold stored in a dictionary directory ("threshold.txt"), measured for the
 // persons of the directory and taken by every later recognition unless the caller gives one.
-#ifndef MSMFACE_DICTIONARY_THRESHOLD_FILE_H
-#define MSMFACE_DICTIONARY_THRESHOLD_FILE_H
+#ifndef MSMFACE_STORE_THRESHOLD_FILE_H
+#define MSMFACE_STORE_THRESHOLD_FILE_H
 
 #include <string>
 
@@ -29,4 +29,4 @@ std::string saveThreshold(const std::string& dir, int value);
 
 }  // namespace msmface::detail
 
-#endif  // MSMFACE_DICTIONARY_THRESHOLD_FILE_H
+#endif  // MSMFACE_STORE_THRESHOLD_FILE_H

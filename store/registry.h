@@ -2,13 +2,13 @@
 // directory ("persons.txt"). The engine's own files (".dck", ".mck", ".bmp") are written before a
 // person enters this file and removed after the person left it, so the file never names a person
 // whose dictionary is not complete.
-#ifndef MSMFACE_DICTIONARY_REGISTRY_H
-#define MSMFACE_DICTIONARY_REGISTRY_H
+#ifndef MSMFACE_STORE_REGISTRY_H
+#define MSMFACE_STORE_REGISTRY_H
 
 #include <string>
 #include <vector>
 
-#include <msmface/gallery.h>
+#include <msmface/store.h>
 
 namespace msmface::detail {
 
@@ -40,4 +40,4 @@ std::string saveRegistry(const std::string& dir, const std::vector<Person>& pers
 
 }  // namespace msmface::detail
 
-#endif  // MSMFACE_DICTIONARY_REGISTRY_H
+#endif  // MSMFACE_STORE_REGISTRY_H

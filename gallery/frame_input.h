@@ -1,7 +1,7 @@
 // Frames and points of the modern interface turned into what the engine reads: an 8-bit grey
 // BasicImageFile and a PartsPosition of whole pixels.
-#ifndef MSMFACE_ENGINE_FRAME_INPUT_H
-#define MSMFACE_ENGINE_FRAME_INPUT_H
+#ifndef MSMFACE_GALLERY_FRAME_INPUT_H
+#define MSMFACE_GALLERY_FRAME_INPUT_H
 
 #include <cstdint>
 #include <string>
@@ -35,4 +35,4 @@ bool anyPointPresent(const PartsPosition& parts);
 
 }  // namespace msmface::detail
 
-#endif  // MSMFACE_ENGINE_FRAME_INPUT_H
+#endif  // MSMFACE_GALLERY_FRAME_INPUT_H

@@ -1,0 +1,308 @@
+// The Gallery: opening a dictionary directory, reading it again when it changed, and recognising
+// a run of frames against its persons.
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <optional>
+
+#include "gallery/frame_input.h"
+#include "gallery/gallery_impl.h"
+#include "io/folders.h"
+#include "store/registry.h"
+#include "store/threshold_file.h"
+
+namespace msmface {
+
+using detail::fail;
+using detail::GalleryState;
+using detail::PersonTable;
+
+namespace {
+
+constexpr std::size_t kMaxDirectoryName = 200;
+
+}  // namespace
+
+// --- Gallery::Impl ------------------------------------------------------------------------------
+
+Status Gallery::Impl::load(bool keepSerials) {
+    // Taken before the files are read: a change after it shows as a newer stamp, never as one
+    // that was missed.
+    const msm::DirectoryStamp stamp = msm::stampOf(dir());
+    // A stream that already brought the shared list up to these files gave their persons the
+    // serials it loaded them under.
+    keepSerials = keepSerials || stamp == state->stamp;
+    Status present = detail::checkDirectoryPresent(dir());
+    if (!present.ok()) return present;
+    detail::Listing listing;
+    std::string error = detail::readListed(dir(), listing);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    error = detail::loadPersons(*engine, dir(), listing.persons, table);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    std::vector<uint64_t> serials;
+    for (const Person& p : listing.persons) {
+        uint64_t serial = 0;
+        for (std::size_t i = 0; keepSerials && i < state->persons.size(); ++i)
+            if (state->persons[i].id == p.id && state->persons[i].name == p.name)
+                serial = state->serials[i];
+        serials.push_back(serial != 0 ? serial : state->newSerial());
+    }
+    state->persons = std::move(listing.persons);
+    state->serials = std::move(serials);
+    state->orphans = std::move(listing.orphans);
+    state->leftOut = std::move(listing.leftOut);
+    state->listed = std::move(listing.listed);
+    state->threshold = listing.threshold;
+    state->stamp = stamp;
+    loadedPersons = state->persons;
+    loadedStamp = stamp;
+    return {};
+}
+
+Status Gallery::Impl::reloadIfChanged() {
+    if (msm::stampOf(dir()) == loadedStamp) return {};
+    std::unique_lock<std::shared_mutex> lock(state->mutex);
+    engine = newEngine();
+    table.clear();
+    constraintLoaded = false;
+    Status status = load();
+    state->generation.fetch_add(1);
+    return status;
+}
+
+Status Gallery::Impl::beginWrite(msm::DirectoryLock& lock) {
+    Status status = detail::lockDirectory(dir(), msm::LockMode::Exclusive, lockOptions, lock);
+    if (!status.ok()) return status;
+    // Under the lock no live writer's temporary can be among them.
+    msm::removeOwnTemporaries(dir());
+    return reloadIfChanged();
+}
+
+void Gallery::Impl::finishWrite() {
+    state->stamp = msm::stampOf(dir());
+    loadedStamp = state->stamp;
+}
+
+int Gallery::Impl::findPerson(int id) const {
+    for (std::size_t i = 0; i < state->persons.size(); ++i)
+        if (state->persons[i].id == id) return static_cast<int>(i);
+    return -1;
+}
+
+Status Gallery::Impl::checkSamples(const std::vector<Sample>& frames) const {
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        const std::string error = detail::checkFrame(frames[i].frame);
+        if (!error.empty())
+            return fail(ErrorKind::Argument, "frame " + std::to_string(i + 1) + " of " +
+                                                 std::to_string(frames.size()) + ": " + error);
+    }
+    return {};
+}
+
+bool Gallery::Impl::crop(const Sample& sample) {
+    FacePoints points;
+    if (sample.points)
+        points = *sample.points;
+    else if (!finder || !finder->findPoints(sample.frame, points))
+        return false;
+    if (!detail::toGrey(sample.frame, image)) return false;
+    PartsPosition parts = detail::toParts(points);
+    if (!detail::anyPointPresent(parts)) return false;
+    return engine->FaceCropping(&image, nullptr, &parts, &face) == 1;
+}
+
+Status Gallery::Impl::loadConstraint() {
+    const std::string error = detail::loadConstraintSpace(*engine, *state);
+    if (!error.empty())
+        return fail(detail::hasConstraintList(dir()) ? ErrorKind::File : ErrorKind::NotFound,
+                    error);
+    constraintLoaded = true;
+    return {};
+}
+
+// --- Gallery ------------------------------------------------------------------------------------
+
+Gallery::Gallery(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Gallery::Gallery(Gallery&&) noexcept = default;
+Gallery& Gallery::operator=(Gallery&&) noexcept = default;
+Gallery::~Gallery() = default;
+
+Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options) {
+    if (dir.empty())
+        return fail(ErrorKind::Argument, "the dictionary directory: expected a folder name");
+    // The engine keeps the directory in a fixed buffer; refused before anything is created.
+    if (dir.size() > kMaxDirectoryName)
+        return fail(ErrorKind::Argument,
+                    dir + ": the directory name is too long (at most 200 characters)");
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0) {
+        const int error = errno;
+        if (!options.create)
+            return fail(ErrorKind::NotFound, dir + ": the dictionary directory does not exist (" +
+                                                 std::strerror(error) + ")");
+        const std::string made = msm::makeDirectories(dir);
+        if (!made.empty()) return fail(ErrorKind::File, made);
+        if (::stat(dir.c_str(), &st) != 0)
+            return fail(ErrorKind::File,
+                        dir + ": cannot create the folder (" + std::strerror(errno) + ")");
+    }
+    if (!S_ISDIR(st.st_mode))
+        return fail(ErrorKind::File, dir + ": expected a dictionary directory, found a file");
+    auto impl = std::make_unique<Impl>(dir);
+    impl->state->folder.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    impl->lockOptions = options.lock;
+    impl->interrupted = options.interrupted;
+    // Shared: a change another process is writing is either wholly in what we load or not at all.
+    msm::DirectoryLock lock;
+    Status status = detail::lockDirectory(dir, msm::LockMode::Shared, options.lock, lock);
+    if (!status.ok()) return status;
+    status = impl->load();
+    if (!status.ok()) return status;
+    return Gallery(std::move(impl));
+}
+
+const std::string& Gallery::directory() const {
+    return impl_->dir();
+}
+
+std::vector<Person> Gallery::persons() const {
+    // A stream may be bringing the shared list up to another process's change.
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    return impl_->state->persons;
+}
+
+std::vector<Person> Gallery::orphans() const {
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    return impl_->state->orphans;
+}
+
+std::vector<LeftOut> Gallery::leftOut() const {
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    return impl_->state->leftOut;
+}
+
+Status Gallery::refresh() {
+    Impl& g = *impl_;
+    Status present = detail::checkDirectoryPresent(g.dir());
+    if (!present.ok()) return present;
+    if (msm::stampOf(g.dir()) == g.loadedStamp) return {};
+    msm::DirectoryLock lock;
+    Status status = detail::lockDirectory(g.dir(), msm::LockMode::Shared, g.lockOptions, lock);
+    if (!status.ok()) return status;
+    return g.reloadIfChanged();
+}
+
+std::optional<Person> Gallery::find(int id) const {
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    const int index = impl_->findPerson(id);
+    if (index < 0) return std::nullopt;
+    return impl_->state->persons[static_cast<std::size_t>(index)];
+}
+
+namespace {}  // namespace
+
+bool Gallery::hasConstraint() const {
+    return detail::hasConstraintList(impl_->dir());
+}
+
+Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
+                                   const RecogniseOptions& options) {
+    Impl& g = *impl_;
+    std::string error = detail::checkMethod(options.method);
+    if (error.empty()) error = detail::checkThresholdOption(options.threshold);
+    if (!error.empty()) return fail(ErrorKind::Argument, error);
+    Status status = g.checkSamples(frames);
+    if (!status.ok()) return status;
+    // Another process's enrolment or deletion since the last call counts for this recognition.
+    status = refresh();
+    if (!status.ok()) return status;
+    const int n = static_cast<int>(g.loadedPersons.size());
+    if (n == 0) {
+        const std::vector<LeftOut> left = leftOut();
+        if (left.empty()) return fail(ErrorKind::NotFound, g.dir() + ": no persons are enrolled");
+        return fail(ErrorKind::NotFound, g.dir() + ": none of the " + std::to_string(left.size()) +
+                                             " listed persons can be recognised (" +
+                                             left.front().reason + ")");
+    }
+    const int method = detail::engineMethod(options.method);
+    if ((options.method == Method::CmsmFirstSpace || options.method == Method::Cmsm) &&
+        !g.constraintLoaded) {
+        status = g.loadConstraint();
+        if (!status.ok()) return status;
+    }
+    FaceRecognition& e = *g.engine;
+    e.Set_recognitionmethod(method);
+    e.Set_RecognitionResultMode(1, std::max(n, 10));
+    e.Set_RecogORRegist(1);
+    e.Refresh_input();
+    // The single-pattern method scores each frame alone: a run's score is the mean of its frames'.
+    std::vector<double> sums(static_cast<std::size_t>(n), 0.0);
+    std::vector<int> counts(static_cast<std::size_t>(n), 0);
+    int framesUsed = 0;
+    std::vector<int> last;
+    for (const Sample& s : frames) {
+        if (g.interrupted && g.interrupted()) {
+            e.Refresh_input();
+            return fail(ErrorKind::Argument, "interrupted");
+        }
+        if (!g.crop(s)) continue;
+        ++framesUsed;
+        if (e.FrameProcess(2) != 13) continue;
+        if (options.method != Method::SinglePattern) continue;
+        const std::vector<int> scores = detail::currentScores(e, n);
+        for (int i = 0; i < n; ++i)
+            if (scores[static_cast<std::size_t>(i)] >= 0) {
+                sums[static_cast<std::size_t>(i)] += scores[static_cast<std::size_t>(i)];
+                ++counts[static_cast<std::size_t>(i)];
+            }
+    }
+    if (framesUsed == 0)
+        return fail(ErrorKind::Argument, "none of the frames gave a face (check the points)");
+    std::vector<int> scores(static_cast<std::size_t>(n), -1);
+    if (options.method == Method::SinglePattern) {
+        for (std::size_t i = 0; i < scores.size(); ++i)
+            if (counts[i] > 0) scores[i] = static_cast<int>(sums[i] / counts[i]);
+    } else {
+        scores = detail::currentScores(e, n);
+    }
+    const int threshold = options.threshold >= 0 ? options.threshold : this->threshold();
+    Ranking ranking = detail::rankingOf(g.loadedPersons, scores, threshold);
+    if (ranking.matches.empty())
+        return fail(ErrorKind::Argument, "too few frames gave a face to form an input subspace");
+    ranking.framesUsed = framesUsed;
+    return ranking;
+}
+
+int Gallery::threshold() const {
+    std::shared_lock<std::shared_mutex> lock(impl_->state->mutex);
+    return impl_->state->threshold;
+}
+
+Status Gallery::setThreshold(int threshold) {
+    Impl& g = *impl_;
+    if (threshold < 0 || threshold > detail::kMaxThreshold)
+        return fail(ErrorKind::Argument,
+                    "threshold " + std::to_string(threshold) + ": expected 0 to 1000");
+    msm::DirectoryLock directoryLock;
+    Status status = g.beginWrite(directoryLock);
+    if (!status.ok()) return status;
+    std::unique_lock<std::shared_mutex> lock(g.state->mutex);
+    const std::string error = detail::saveThreshold(g.dir(), threshold);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    g.finishWrite();
+    g.state->threshold = threshold;
+    g.state->generation.fetch_add(1);
+    return {};
+}
+
+void Gallery::setPointFinder(std::shared_ptr<PointFinder> finder) {
+    impl_->finder = std::move(finder);
+}
+
+}  // namespace msmface
