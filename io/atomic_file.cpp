@@ -64,16 +64,42 @@ void syncDirectory(const std::string& dir) {
     ::close(fd);
 }
 
-AtomicFile::AtomicFile(const char* target) {
-    if (target == nullptr || *target == '\0') return;
-    target_ = target;
+bool AtomicFile::Replaceable() {
     // A rename replaces a file or a link; a device, a pipe or a folder in the target's place is
     // not ours to replace (a device node swapped for a plain file would break every user of it).
     struct stat st {};
-    if (::lstat(target, &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+    if (::lstat(target_.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
         writeFailure = target_ + ": cannot be written (not a regular file)";
+        return false;
+    }
+    return true;
+}
+
+AtomicFile::AtomicFile(const char* target, NamedWriter) {
+    if (target == nullptr || *target == '\0') return;
+    target_ = target;
+    if (!Replaceable()) return;
+    const std::size_t slash = target_.rfind('/');
+    const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+    const std::size_t dot = target_.rfind('.');
+    const std::string ending =
+        dot == std::string::npos || dot <= nameStart ? std::string() : target_.substr(dot);
+    std::string name =
+        target_.substr(0, nameStart) + "." + target_.substr(nameStart) + ".tmpXXXXXX" + ending;
+    const int fd = ::mkstemps(name.data(), static_cast<int>(ending.size()));
+    if (fd < 0) {
+        noteWriteFailure(target_, errno);
         return;
     }
+    setFinalPermissions(fd, target_);
+    ::close(fd);
+    temp_ = name;
+}
+
+AtomicFile::AtomicFile(const char* target) {
+    if (target == nullptr || *target == '\0') return;
+    target_ = target;
+    if (!Replaceable()) return;
     std::vector<char> name(target_.begin(), target_.end());
     static const char kSuffix[] = ".tmpXXXXXX";
     name.insert(name.end(), kSuffix, kSuffix + sizeof kSuffix);  // with the terminator
@@ -111,9 +137,21 @@ void AtomicFile::Abandon() {
     }
 }
 
-bool AtomicFile::Commit() {
-    if (stream_ == nullptr) return false;
-    int error = pendingWriteError;
+bool AtomicFile::Finish(int& error) {
+    error = 0;
+    if (stream_ == nullptr) {
+        // The named writer closed its file: what it wrote is made durable here.
+        const int fd = ::open(temp_.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            error = errno;
+            return false;
+        }
+        const bool synced = ::fsync(fd) == 0;
+        if (!synced) error = errno;
+        ::close(fd);
+        return synced;
+    }
+    error = pendingWriteError;
     errno = 0;
     bool ok = std::fflush(stream_) == 0 && !std::ferror(stream_);
     if (!ok && error == 0) error = errno;
@@ -122,13 +160,19 @@ bool AtomicFile::Commit() {
     int closed = std::fclose(stream_);
     stream_ = nullptr;
     if (ok && closed != 0) error = errno;
-    ok = ok && closed == 0;
-    if (ok && ::rename(temp_.c_str(), target_.c_str()) == 0) {
+    return ok && closed == 0;
+}
+
+bool AtomicFile::Commit() {
+    if (temp_.empty()) return false;
+    int error = 0;
+    const bool finished = Finish(error);
+    if (finished && ::rename(temp_.c_str(), target_.c_str()) == 0) {
         temp_.clear();
         syncDirectory(directoryOf(target_));
         return true;
     }
-    if (ok) error = errno;
+    if (finished) error = errno;
     noteWriteFailure(target_, error);
     Abandon();
     return false;

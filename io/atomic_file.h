@@ -13,19 +13,29 @@ class AtomicFile {
   public:
     // Creates the temporary "<target>.tmpXXXXXX". stream() is null when that fails.
     explicit AtomicFile(const char* target);
+    // For a writer that opens the file by name and picks the format by its ending (a video
+    // encoder): creates the empty temporary "<folder>/.<name>.tmpXXXXXX<ending>" for it and opens
+    // no stream. temporaryPath() is empty when the temporary cannot be made.
+    struct NamedWriter {};
+    AtomicFile(const char* target, NamedWriter);
     // Removes the temporary unless Commit succeeded.
     ~AtomicFile();
     AtomicFile(const AtomicFile&) = delete;
     AtomicFile& operator=(const AtomicFile&) = delete;
 
     std::FILE* stream() const { return stream_; }
+    const std::string& temporaryPath() const { return temp_; }
     // Flushes, syncs, closes and renames over the target. True only when every write since
     // construction succeeded and the target now holds exactly those bytes; otherwise the
-    // temporary is removed and the target is as it was.
+    // temporary is removed and the target is as it was. lastWriteFailure() says why not.
     bool Commit();
 
   private:
     void Abandon();
+    // Whether the target's place may be taken by a rename; notes the failure when not.
+    bool Replaceable();
+    // Syncs and closes the written temporary; false with error set (0: unknown) when that fails.
+    bool Finish(int& error);
 
     std::string target_;
     std::string temp_;

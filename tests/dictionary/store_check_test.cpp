@@ -273,4 +273,39 @@ TEST(WriteFailure, AFileSizeLimitLeavesTheOldFileAndNamesTheNewOne) {
     EXPECT_EQ(std::string(kept.begin(), kept.end()), "old");
 }
 
+// A writer that opens the file by name (a video encoder) gets a temporary that keeps the ending it
+// reads the format from; only Commit puts the bytes in the target's place, through a link too.
+TEST(WriteFailure, ANamedWritersFileReplacesTheTargetOnlyOnCommit) {
+    ScratchDir dir;
+    const std::string target = dir / "clip.avi";
+    const std::string elsewhere = dir / "elsewhere.avi";
+    WriteText(elsewhere, "theirs");
+    ASSERT_EQ(::symlink(elsewhere.c_str(), target.c_str()), 0);
+    {
+        msm::AtomicFile dropped(target.c_str(), msm::AtomicFile::NamedWriter{});
+        ASSERT_FALSE(dropped.temporaryPath().empty());
+        WriteText(dropped.temporaryPath(), "half");
+    }
+    EXPECT_THAT(dir.Entries(), ElementsAre("clip.avi", "elsewhere.avi"));
+    msm::AtomicFile file(target.c_str(), msm::AtomicFile::NamedWriter{});
+    const std::string temp = file.temporaryPath();
+    ASSERT_GE(temp.size(), 4u);
+    EXPECT_EQ(temp.substr(temp.size() - 4), ".avi");
+    EXPECT_EQ(temp.substr(0, dir.path().size() + 2), dir.path() + "/.");
+    WriteText(temp, "frames");
+    ASSERT_TRUE(file.Commit());
+    EXPECT_THAT(dir.Entries(), ElementsAre("clip.avi", "elsewhere.avi"));
+    const auto written = msmtest::ReadBytes(target);
+    EXPECT_EQ(std::string(written.begin(), written.end()), "frames");
+    const auto kept = msmtest::ReadBytes(elsewhere);
+    EXPECT_EQ(std::string(kept.begin(), kept.end()), "theirs");
+    // A folder in the target's place is not replaced.
+    ASSERT_EQ(::mkdir((dir / "folder.avi").c_str(), 0755), 0);
+    msm::clearWriteFailure();
+    msm::AtomicFile refused((dir / "folder.avi").c_str(), msm::AtomicFile::NamedWriter{});
+    EXPECT_TRUE(refused.temporaryPath().empty());
+    EXPECT_FALSE(refused.Commit());
+    EXPECT_THAT(msm::lastWriteFailure(), HasSubstr("not a regular file"));
+}
+
 }  // namespace

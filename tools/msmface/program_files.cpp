@@ -77,39 +77,6 @@ std::string writeOutputFile(const std::string& path, const void* bytes, std::siz
     return reason.empty() ? path + ": cannot be written" : reason;
 }
 
-OutputBeside::OutputBeside(std::string target) : target_(std::move(target)) {
-    const std::size_t slash = target_.rfind('/');
-    const std::size_t dot = target_.rfind('.');
-    const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
-    const std::string ending =
-        dot == std::string::npos || dot <= nameStart ? std::string() : target_.substr(dot);
-    std::string pattern =
-        target_.substr(0, nameStart) + "." + target_.substr(nameStart) + ".tmpXXXXXX" + ending;
-    const int fd = ::mkstemps(pattern.data(), static_cast<int>(ending.size()));
-    if (fd < 0) {
-        error_ = target_ + ": cannot be written (" + std::strerror(errno) + ")";
-        return;
-    }
-    ::close(fd);
-    temp_ = pattern;
-}
-
-OutputBeside::~OutputBeside() {
-    if (!temp_.empty()) ::unlink(temp_.c_str());
-}
-
-std::string OutputBeside::commit() {
-    if (temp_.empty()) return error_.empty() ? target_ + ": cannot be written" : error_;
-    if (::rename(temp_.c_str(), target_.c_str()) != 0)
-        return target_ + ": cannot be written (" + std::strerror(errno) + ")";
-    temp_.clear();
-    const std::size_t slash = target_.rfind('/');
-    msm::syncDirectory(slash == std::string::npos ? "."
-                       : slash == 0               ? "/"
-                                                  : target_.substr(0, slash));
-    return {};
-}
-
 void InputFiles::add(const std::string& path) {
     if (path.empty()) return;
     Input in;

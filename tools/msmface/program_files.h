@@ -24,28 +24,6 @@ inline std::string writeOutputFile(const std::string& path, const std::string& t
     return writeOutputFile(path, text.data(), text.size());
 }
 
-// A file written by a library that takes only a name (OpenCV's video writer): made beside the
-// target under a temporary name with the target's ending (which picks the container), renamed
-// over the target by commit(), removed when dropped uncommitted.
-class OutputBeside {
-  public:
-    explicit OutputBeside(std::string target);
-    ~OutputBeside();
-    OutputBeside(const OutputBeside&) = delete;
-    OutputBeside& operator=(const OutputBeside&) = delete;
-
-    // Empty with error() saying why when no temporary could be made.
-    const std::string& temporary() const { return temp_; }
-    const std::string& error() const { return error_; }
-    // Renames the finished temporary over the target. An empty string or one line saying why.
-    std::string commit();
-
-  private:
-    std::string target_;
-    std::string temp_;
-    std::string error_;
-};
-
 // A command's inputs, checked before any output is written. An output is refused when it is one
 // of the inputs: the same name, or another name of the same file (a symbolic or a hard link),
 // or, for an output not yet written, a name that resolves to an input's.

@@ -18,6 +18,7 @@
 
 #include "commands.h"
 #include "face_finder.h"
+#include "io/atomic_file.h"
 #include "picture_source.h"
 #include "program_files.h"
 
@@ -88,7 +89,7 @@ int runWatch(const WatchOptions& o) {
 
     // The annotated video is written aside and renamed at the end: never over the video being
     // read, the model or a file of the directory, and never left half-written in place.
-    std::unique_ptr<OutputBeside> annotated;
+    std::unique_ptr<msm::AtomicFile> annotated;
     if (!o.annotate.empty()) {
         InputFiles inputs;
         inputs.add(o.video);
@@ -169,9 +170,11 @@ int runWatch(const WatchOptions& o) {
             cv::Mat bgr = colourCopy(frame);
             annotate(bgr, hasFace ? &face : nullptr, *state);
             if (!writer.isOpened()) {
-                annotated = std::make_unique<OutputBeside>(o.annotate);
-                if (annotated->temporary().empty()) return fail(annotated->error());
-                writer.open(annotated->temporary(), cv::CAP_FFMPEG, fourccFor(o.annotate),
+                msm::clearWriteFailure();
+                annotated = std::make_unique<msm::AtomicFile>(o.annotate.c_str(),
+                                                              msm::AtomicFile::NamedWriter{});
+                if (annotated->temporaryPath().empty()) return fail(msm::lastWriteFailure());
+                writer.open(annotated->temporaryPath(), cv::CAP_FFMPEG, fourccFor(o.annotate),
                             source->rate(), bgr.size());
                 if (!writer.isOpened()) return fail(o.annotate + ": cannot be written as a video");
             }
@@ -180,10 +183,7 @@ int runWatch(const WatchOptions& o) {
     }
     if (!source->error().empty()) return fail(source->error());
     writer.release();
-    if (annotated) {
-        error = annotated->commit();
-        if (!error.empty()) return fail(error);
-    }
+    if (annotated && !annotated->Commit()) return fail(msm::lastWriteFailure());
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("\nsummary: %d frames (%s of video), a face in %d; %.1f frames per second\n",
