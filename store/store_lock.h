@@ -15,10 +15,11 @@
 #include <string>
 
 #include <msmface/result.h>
+#include <msmface/store.h>
 
 namespace msm {
 
-inline constexpr const char* kLockFileName = ".msmface.lock";
+using msmface::kLockFileName;
 
 struct LockHolder {
     long pid = 0;         // 1 or more

@@ -61,7 +61,7 @@ struct EvalOptions {
     int enrolFrames = 60;  // frames offered to each registration (it gathers 50)
     int probeFrames = 15;
     int dimension = 200;
-    int threshold = 850;
+    int threshold = msmface::kDefaultIdentifyThreshold;
     std::vector<int> sweep;  // CMSM dimensions to compare; empty: a handful up to the span
     bool noSweep = false;
     bool detect = false;  // points found by the detector instead of the manifest's

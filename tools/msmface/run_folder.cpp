@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <msmface/store.h>
+
 #include "commands.h"
 #include "io/folders.h"
 #include "program_files.h"
@@ -22,7 +24,7 @@
 namespace msmcli {
 namespace {
 
-constexpr const char* kLockFileName = ".msmface.lock";
+using msmface::kLockFileName;
 constexpr std::size_t kMaxRecordBytes = 4u << 20;
 
 std::string recordPath(const std::string& out, const std::string& command) {

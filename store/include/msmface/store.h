@@ -25,6 +25,8 @@ inline constexpr const char* kRegistryFileName = "persons.txt";
 inline constexpr const char* kThresholdFileName = "threshold.txt";
 inline constexpr const char* kConstraintListFileName = "constraint.list";
 inline constexpr int kDefaultIdentifyThreshold = 850;
+// Every change of the directory holds an exclusive lock on this file (never deleted).
+inline constexpr const char* kLockFileName = ".msmface.lock";
 
 // A person as the registry lists it.
 struct Person {
