@@ -17,8 +17,8 @@ RecognitionEngine::RecognitionEngine(int width, int height) {
     idDatabase = new (std::nothrow) IDDatabase();
     recognizer = new (std::nothrow) MWMSMRecognition(msm::kEngineDimension, msm::kEngineChannels);
     if (recognizer != nullptr) {
-        resultValues = recognizer->results.scores;
-        resultIds = recognizer->results.indices;
+        rankedScores = recognizer->results.scores;
+        rankedIds = recognizer->results.indices;
     }
     workBuffer = new (std::nothrow) unsigned char[msm::kWorkBufferBytes]();
 }
@@ -66,7 +66,7 @@ void RecognitionEngine::RecognisePlain(int slot) {
     float* const* patterns = featureExtraction->patternSlots[slot];
     const int persons = idDatabase->count;
     int best = 0;
-    switch (recognitionmethod) {
+    switch (recognitionMethod) {
         case 0:
             recognizer->RecognizeBySinglePattern(patterns, idDatabase->dictionaries, persons,
                                                  &best);
@@ -96,7 +96,7 @@ void RecognitionEngine::RecogniseMasked(int slot) {
     const int persons = idDatabase->count;
     const unsigned char* mask = idDatabase->mask;
     int best = 0;
-    switch (recognitionmethod) {
+    switch (recognitionMethod) {
         case 1:
             recognizer->RecognizeByInputSubspaces(patterns, idDatabase->dictionaries, persons,
                                                   &best, mask);
@@ -120,16 +120,16 @@ int RecognitionEngine::RunFrame(int event, FrameFamily family) {
     frameStartTick = msm::tickMilliseconds();
     auto finish = [this](int code) {
         frameEndTick = msm::tickMilliseconds();
-        recogTime = msm::elapsedMilliseconds(frameStartTick, frameEndTick);
+        frameMilliseconds = msm::elapsedMilliseconds(frameStartTick, frameEndTick);
         return code;
     };
     if (event == 0) {
-        if (RecogORRegist == 1) {
-            ++NullFrames;
-            if (RefreshTime >= 0 && NullFrames > RefreshTime) {
+        if (operatingMode == 1) {
+            ++facelessFrames;
+            if (facelessFramesTolerated >= 0 && facelessFrames > facelessFramesTolerated) {
                 ClearRecognition();
                 // kept: the count goes on rising while faces stay away
-                ++NullFrames;
+                ++facelessFrames;
             }
         }
         return finish(10);
@@ -137,9 +137,9 @@ int RecognitionEngine::RunFrame(int event, FrameFamily family) {
     if (event == 1 || event == 4) return finish(11);
     if (event != 2 && event != 3) return finish(0);
 
-    NullFrames = 0;
+    facelessFrames = 0;
     const int counter = featureExtraction != nullptr ? featureExtraction->slotIndex : -1;
-    switch (RecogORRegist) {
+    switch (operatingMode) {
         case 1: {
             if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
                 idDatabase->count < 1)
@@ -149,19 +149,19 @@ int RecognitionEngine::RunFrame(int event, FrameFamily family) {
                 RecognisePlain(slot);
             else
                 RecogniseMasked(slot);
-            resultValues = recognizer->results.scores;
-            resultIds = recognizer->results.indices;
+            rankedScores = recognizer->results.scores;
+            rankedIds = recognizer->results.indices;
             return finish(13);
         }
         case 2:
-            if (counter == DICACQUISITIONNUM) {
-                RecogORRegist = 0;
+            if (counter == framesToGather) {
+                operatingMode = 0;
                 Registration();
             }
             return finish(12);
         case 3:
-            if (counter == DICACQUISITIONNUM) {
-                RecogORRegist = 0;
+            if (counter == framesToGather) {
+                operatingMode = 0;
                 Addition();
             }
             return finish(12);
@@ -193,8 +193,8 @@ int RecognitionEngine::GetBufferCount() {
 void RecognitionEngine::Set_RecognitionResultMode(int mode, int n) {
     if (recognizer == nullptr) return;
     recognizer->Set_RecognitionResultMode(mode, n);
-    resultValues = recognizer->results.scores;
-    resultIds = recognizer->results.indices;
+    rankedScores = recognizer->results.scores;
+    rankedIds = recognizer->results.indices;
 }
 
 // --- Image ------------------------------------------------------------------------------------
@@ -214,7 +214,7 @@ int RecognitionEngine::FaceCropping(BasicImageFile* frame, BasicImageFile* colou
 }
 
 void RecognitionEngine::image_size_set(int width, int height) {
-    imageWidth = width;
-    imageHeight = height;
+    cameraWidth = width;
+    cameraHeight = height;
     if (featureExtraction != nullptr) featureExtraction->ReplaceFrameSnapshot(width, height);
 }

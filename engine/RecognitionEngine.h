@@ -31,38 +31,38 @@ constexpr int kSlotBeforeWrap = 499;
 class RecognitionEngine {
   public:
     IDDatabase* idDatabase = nullptr;
-    int32_t recogTime = 0;
-    int32_t prevTime = 0;
-    int32_t* resultValues = nullptr;
-    int32_t* resultIds = nullptr;
-    int32_t RecogORRegist = 0;
-    int32_t recognitionmethod = 1;
-    int32_t DICACQUISITIONNUM = 50;
-    int32_t NullFrames = 0;
-    int32_t RefreshTime = 5;
-    int32_t imageWidth = 0;
-    int32_t imageHeight = 0;
-    int32_t Addition_id = 0;
-    int32_t LimitWriteVectNum = 256;
-    int32_t constraintUpdateMode = 0;  // 1: persons' dictionaries come from their ".mck" records
-    bool IncrementalCMSMspaceUpdate = true;
+    int32_t frameMilliseconds = 0;
+    int32_t prevMilliseconds = 0;
+    int32_t* rankedScores = nullptr;
+    int32_t* rankedIds = nullptr;
+    int32_t operatingMode = 0;
+    int32_t recognitionMethod = 1;
+    int32_t framesToGather = 50;
+    int32_t facelessFrames = 0;
+    int32_t facelessFramesTolerated = 5;
+    int32_t cameraWidth = 0;
+    int32_t cameraHeight = 0;
+    int32_t additionPerson = 0;
+    int32_t writtenVectorLimit = 256;
+    int32_t spaceSourceMode = 0;  // 1: persons' dictionaries come from their ".mck" records
+    bool updateSpaceAtOnce = true;
     BasicImageFile* faceImage = nullptr;
-    bool RegistCondition = true;
+    bool registrationSucceeded = true;
     uint32_t frameStartTick = 0;
     uint32_t frameEndTick = 0;
     int32_t imageFileMode = 0;
-    int32_t imagesavejpegratio = 100;
-    bool RenewDicFaceImage = false;
-    int32_t additionLimit = 50000;
-    float additionRatio = 0.5f;
+    int32_t jpegQuality = 100;
+    bool renewPictureOnAddition = false;
+    int32_t fadeFromPatterns = 50000;
+    float fadeFactor = 0.5f;
     unsigned char* workBuffer = nullptr;
-    int32_t ReturnedEigenValueFlag = 1;
-    int32_t BScreeningFlag = 0;
-    int32_t BScreeningThres = 1000;
+    int32_t keepSpectrumFlag = 1;
+    int32_t screeningFlag = 0;
+    int32_t screeningThreshold = 1000;
     char screeningSelection[msm::kScreeningFlags] = {};
     int32_t screeningCount = 0;
     int32_t channelCount = msm::kEngineChannels;
-    float SequenceCheckSimThreshold = 0.985f;
+    float stillFaceCorrelation = 0.985f;
     FeatureExtraction* featureExtraction = nullptr;
     MWMSMRecognition* recognizer = nullptr;
 
@@ -128,7 +128,7 @@ class RecognitionEngine {
     int BuildRecords(int n, PatternAt patterns, FaceAt faces, MtrxChunk& records);
     // Expands every channel's record into dictionaries and checks their size.
     bool ExpandRecords(const MtrxChunk& records, DictChunk& dictionaries);
-    // Merges new into stored (fading stored first once it reached additionLimit).
+    // Merges new into stored (fading stored first once it reached fadeFromPatterns).
     bool MergeRecords(MtrxChunk& stored, const MtrxChunk& added) const;
     bool WritePersonFiles(const std::string& stem, MtrxChunk& records,
                           const DictChunk& dictionaries);
