@@ -132,8 +132,7 @@ int RecognitionEngine::RecalcCMSMforImportUserDictionary(const char* path) {
     DictChunk imported;
     imported.SetModeAndLimit(kDicPrimFloat, writtenVectorLimit);
     if (imported.ReadAll(path) != 1) return 0;
-    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(imported) == 1 &&
-        HasCurrentSpace()) {
+    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(imported) == 1 && HasCurrentSpace()) {
         recognizer->AddClassData(recognizer->pendingSet);
         RecomputeCurrentSpace(idDatabase->count + 1);
     }

@@ -35,8 +35,8 @@ int RecognitionEngine::BuildRecords(int n, PatternAt patterns, FaceAt faces, Mtr
     if (screeningFlag == 1) {
         std::vector<const unsigned char*> images(n);
         for (int k = 0; k < n; ++k) images[k] = faces(k);
-        screeningCount = msm::screenFrames(images.data(), n, kFaceSide, kFaceSide, screeningThreshold,
-                                           screeningSelection);
+        screeningCount = msm::screenFrames(images.data(), n, kFaceSide, kFaceSide,
+                                           screeningThreshold, screeningSelection);
         for (int k = 0; k < n; ++k)
             if (screeningSelection[k] == '1') used.push_back(k);
     } else {
