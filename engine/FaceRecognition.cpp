@@ -49,11 +49,13 @@ FaceRecognition& FaceRecognition::operator=(const FaceRecognition& other) {
 // --- Forwarded operations ---------------------------------------------------------------------
 
 int FaceRecognition::FrameProcess(int event) {
-    return engine != nullptr ? engine->FrameProcess(event) : 0;
+    if (engine == nullptr) return 0;
+    return msm::toNumber(engine->FrameProcess(msm::fromNumber<msm::FrameEvent>(event)));
 }
 
 int FaceRecognition::FrameProcessMasking(int event) {
-    return engine != nullptr ? engine->FrameProcessMasking(event) : 0;
+    if (engine == nullptr) return 0;
+    return msm::toNumber(engine->FrameProcessMasking(msm::fromNumber<msm::FrameEvent>(event)));
 }
 
 RECOGRESULT* FaceRecognition::Get_ResultRecog() {
@@ -155,19 +157,19 @@ BasicImageFile* FaceRecognition::Get_NormImagesPtr(int i) {
 // --- Engine settings --------------------------------------------------------------------------
 
 void FaceRecognition::Set_RecogORRegist(int v) {
-    if (engine != nullptr) engine->operatingMode = v;
+    if (engine != nullptr) engine->operatingMode = msm::fromNumber<msm::OperatingMode>(v);
 }
 
 int FaceRecognition::Get_RecogORRegist() {
-    return engine != nullptr ? engine->operatingMode : 0;
+    return engine != nullptr ? msm::toNumber(engine->operatingMode) : 0;
 }
 
 void FaceRecognition::Set_recognitionmethod(int v) {
-    if (engine != nullptr) engine->recognitionMethod = v;
+    if (engine != nullptr) engine->recognitionMethod = msm::fromNumber<msm::RecognitionMethod>(v);
 }
 
 int FaceRecognition::Get_recognitionmethod() {
-    return engine != nullptr ? engine->recognitionMethod : 0;
+    return engine != nullptr ? msm::toNumber(engine->recognitionMethod) : 0;
 }
 
 void FaceRecognition::Set_DICACQUISITIONNUM(int v) {
@@ -369,7 +371,8 @@ float FaceRecognition::Get_EVPsi() {
 }
 
 void FaceRecognition::Set_RecognitionResultMode(int mode, int n) {
-    if (engine != nullptr) engine->Set_RecognitionResultMode(mode, n);
+    if (engine != nullptr)
+        engine->Set_RecognitionResultMode(msm::fromNumber<msm::ResultMode>(mode), n);
 }
 
 int FaceRecognition::Get_RecognitionResultMode() {

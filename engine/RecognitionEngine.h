@@ -16,6 +16,7 @@
 
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
+#include "engine/frame_protocol.h"
 #include "normalise/feature_extraction.h"
 #include "recognition/MWMSMRecognition.h"
 
@@ -35,8 +36,8 @@ class RecognitionEngine {
     int32_t prevMilliseconds = 0;
     int32_t* rankedScores = nullptr;
     int32_t* rankedIds = nullptr;
-    int32_t operatingMode = 0;
-    int32_t recognitionMethod = 1;
+    msm::OperatingMode operatingMode = msm::OperatingMode::Idle;
+    msm::RecognitionMethod recognitionMethod = msm::RecognitionMethod::Msm;
     int32_t framesToGather = 50;
     int32_t facelessFrames = 0;
     int32_t facelessFramesTolerated = 5;
@@ -73,9 +74,9 @@ class RecognitionEngine {
     RecognitionEngine(const RecognitionEngine&) = delete;
     RecognitionEngine& operator=(const RecognitionEngine&) = delete;
 
-    // Frame cycle (frame_cycle.cpp).
-    int FrameProcess(int event);
-    int FrameProcessMasking(int event);
+    // Frame cycle (RecognitionEngine.cpp).
+    msm::FrameResult FrameProcess(msm::FrameEvent event);
+    msm::FrameResult FrameProcessMasking(msm::FrameEvent event);
     RECOGRESULT* Get_ResultRecog();
     void Refresh_input();
     void NoticeCompleteRecognition();
@@ -84,7 +85,7 @@ class RecognitionEngine {
     int FaceCropping(BasicImageFile* frame, BasicImageFile* colourFrame, PartsPosition* parts,
                      BasicImageFile* out);
     void image_size_set(int width, int height);
-    void Set_RecognitionResultMode(int mode, int n);
+    void Set_RecognitionResultMode(msm::ResultMode mode, int n);
 
     // Registration and addition (registration.cpp).
     int Registration();
@@ -115,7 +116,7 @@ class RecognitionEngine {
 
   private:
     enum class FrameFamily { Plain, Masked };
-    int RunFrame(int event, FrameFamily family);
+    msm::FrameResult RunFrame(msm::FrameEvent event, FrameFamily family);
     void ClearRecognition();
     void RecognisePlain(int slot);
     void RecogniseMasked(int slot);

@@ -5,14 +5,6 @@
 #include "engine/RecognitionEngine.h"
 #include "engine/constraint_reset.h"
 
-namespace {
-
-bool projectsIntoAllSpaces(int method) {
-    return method == 4 || method == 7;
-}
-
-}  // namespace
-
 void RecognitionEngine::ReleaseProjectedDictionaries() {
     for (int p = 0; p < IDDatabase::kMaxPersons; ++p) {
         delete[] idDatabase->projected[p];
@@ -89,7 +81,7 @@ int RecognitionEngine::UpdateCMSMDictionary(int mode) {
     // The regenerated files are what recognition uses from now on.
     recognizer->ReloadConstraintMSM();
     idDatabase->ReadIdDictionaries();
-    if (projectsIntoAllSpaces(recognitionMethod))
+    if (msm::projectsIntoAllSpaces(recognitionMethod))
         DicConvert();
     else
         ReprojectAfterReload();
@@ -97,13 +89,13 @@ int RecognitionEngine::UpdateCMSMDictionary(int mode) {
 }
 
 int RecognitionEngine::DicConvert() {
-    if (!projectsIntoAllSpaces(recognitionMethod)) return 1;
+    if (!msm::projectsIntoAllSpaces(recognitionMethod)) return 1;
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
     return recognizer->DicConvert(*idDatabase);
 }
 
 int RecognitionEngine::DicConvertID(int inside) {
-    if (!projectsIntoAllSpaces(recognitionMethod)) return 1;
+    if (!msm::projectsIntoAllSpaces(recognitionMethod)) return 1;
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
     return recognizer->DicConvertID(*idDatabase, inside);
 }

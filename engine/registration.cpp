@@ -105,12 +105,12 @@ void RecognitionEngine::RenewFaceImage(const std::string& stem) {
 
 void RecognitionEngine::FailRegistration() {
     registrationSucceeded = false;
-    operatingMode = 1;
+    operatingMode = msm::OperatingMode::Recognise;
 }
 
 int RecognitionEngine::Registration() {
     registrationSucceeded = false;
-    operatingMode = 0;
+    operatingMode = msm::OperatingMode::Idle;
     const char* name = idDatabase != nullptr ? idDatabase->GetNewKeyname() : nullptr;
     const int n = framesToGather;
     if (name == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
@@ -148,7 +148,7 @@ int RecognitionEngine::Registration() {
         RecomputeCurrentSpace(idDatabase->count + 1);
     }
     registrationSucceeded = true;
-    operatingMode = 1;
+    operatingMode = msm::OperatingMode::Recognise;
     return 1;
 }
 
@@ -182,7 +182,7 @@ void RecognitionEngine::CompleteAddition(int inside, const MtrxChunk& added) {
         RecomputeCurrentSpace(idDatabase->count);
     }
     registrationSucceeded = true;
-    operatingMode = 1;
+    operatingMode = msm::OperatingMode::Recognise;
 }
 
 template <typename PatternAt>
@@ -206,7 +206,7 @@ void RecognitionEngine::AddPatterns(int inside, int n, PatternAt patterns) {
 
 int RecognitionEngine::Addition() {
     registrationSucceeded = false;
-    operatingMode = 0;
+    operatingMode = msm::OperatingMode::Idle;
     const int inside = additionPerson;
     const int n = framesToGather;
     if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
@@ -224,10 +224,10 @@ int RecognitionEngine::Addition() {
 int RecognitionEngine::AdditionFromPrevRecog(int inside) {
     registrationSucceeded = false;
     additionPerson = inside;
-    operatingMode = 0;
+    operatingMode = msm::OperatingMode::Idle;
     if (recognizer == nullptr || recognizer->inputs == nullptr ||
         recognizer->inputs[0].keptValid == 0) {
-        operatingMode = 1;
+        operatingMode = msm::OperatingMode::Recognise;
         return 0;
     }
     int n = recognizer->GetBufferCount();
