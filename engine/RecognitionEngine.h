@@ -33,32 +33,34 @@ class RecognitionEngine {
   public:
     IDDatabase* idDatabase = nullptr;
     int32_t frameMilliseconds = 0;
-    int32_t prevMilliseconds = 0;
+    int32_t prevMilliseconds = 0;  // GetTime_prev's value: nothing writes it
+    // The recogniser's current lists (the façade's copies are taken once).
     int32_t* rankedScores = nullptr;
     int32_t* rankedIds = nullptr;
     msm::OperatingMode operatingMode = msm::OperatingMode::Idle;
     msm::RecognitionMethod recognitionMethod = msm::RecognitionMethod::Msm;
     int32_t framesToGather = 50;
     int32_t facelessFrames = 0;
-    int32_t facelessFramesTolerated = 5;
+    int32_t facelessFramesTolerated = 5;  // negative: face-less frames never clear the input
     int32_t cameraWidth = 0;
     int32_t cameraHeight = 0;
     int32_t additionPerson = 0;
-    int32_t writtenVectorLimit = 256;
-    int32_t spaceSourceMode = 0;  // 1: persons' dictionaries come from their ".mck" records
+    int32_t writtenVectorLimit = 256;  // per channel; below 1: every vector
+    int32_t spaceSourceMode = 0;       // 1: persons' dictionaries come from their ".mck" records
     bool updateSpaceAtOnce = true;
     BasicImageFile* faceImage = nullptr;
     bool registrationSucceeded = true;
     uint32_t frameStartTick = 0;
     uint32_t frameEndTick = 0;
-    int32_t imageFileMode = 0;
-    int32_t jpegQuality = 100;
+    int32_t imageFileMode = 0;  // read by nothing
+    int32_t jpegQuality = 100;  // stored only
     bool renewPictureOnAddition = false;
+    // An addition first scales a record of this many patterns or more by fadeFactor.
     int32_t fadeFromPatterns = 50000;
     float fadeFactor = 0.5f;
     unsigned char* workBuffer = nullptr;
-    int32_t keepSpectrumFlag = 1;
-    int32_t screeningFlag = 0;
+    int32_t keepSpectrumFlag = 1;  // exactly 1: the eigenvalues go into workBuffer
+    int32_t screeningFlag = 0;     // exactly 1: the gathered frames are screened
     int32_t screeningThreshold = 1000;
     char screeningSelection[msm::kScreeningFlags] = {};
     int32_t screeningCount = 0;
