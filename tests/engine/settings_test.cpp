@@ -137,23 +137,6 @@ TEST(Settings, FlagsActOnExactlyOneAndVectorLimitsBelowOneWriteAll) {
     EXPECT_EQ(dir.Entries(), before);
 }
 
-TEST(Settings, DefaultsTheHeaderNames) {
-    FaceRecognition engine(160, 160);
-    EXPECT_EQ(engine.Get_NullFrames(), 0);
-    EXPECT_EQ(engine.Get_SubspaceDistNum(), 1);
-    EXPECT_EQ(engine.Get_EVPsi(), 0.125f);
-    EXPECT_EQ(engine.Get_2stagepickrange(), 16);
-    EXPECT_EQ(engine.Get_RecogCroppingShift(), 0);
-    EXPECT_EQ(engine.Get_CroppingRangeMode(), 1);
-    double low = 0, high = 0;
-    engine.Get_FreeCroppingRange(&low, &high);
-    EXPECT_EQ(low, 3.0);
-    EXPECT_EQ(high, 9.0);
-    EXPECT_EQ(engine.Get_RecognitionResultMode(), 0);
-    EXPECT_TRUE(engine.Get_SimCalcControl());
-    EXPECT_EQ(engine.Get_gather_counter(), 0);
-}
-
 TEST(Settings, HeldRecognitionStillRunsTheSinglePatternMethod) {
     ScratchDir dir;
     Host host(dir.path());
