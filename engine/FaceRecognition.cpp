@@ -14,8 +14,8 @@ FaceRecognition::FaceRecognition(int width, int height)
       engine(new (std::nothrow) RecognitionEngine(width, height)) {
     if (engine == nullptr) return;
     idDatabase = engine->idDatabase;
-    rankedSimilarities = engine->resultValues;
-    rankedIndices = engine->resultIds;
+    rankedSimilarities = engine->rankedScores;
+    rankedIndices = engine->rankedIds;
     faceImage = engine->faceImage;
     workBuffer = engine->workBuffer;
     screeningSelection = engine->screeningSelection;
@@ -49,11 +49,13 @@ FaceRecognition& FaceRecognition::operator=(const FaceRecognition& other) {
 // --- Forwarded operations ---------------------------------------------------------------------
 
 int FaceRecognition::FrameProcess(int event) {
-    return engine != nullptr ? engine->FrameProcess(event) : 0;
+    if (engine == nullptr) return 0;
+    return msm::toNumber(engine->FrameProcess(msm::fromNumber<msm::FrameEvent>(event)));
 }
 
 int FaceRecognition::FrameProcessMasking(int event) {
-    return engine != nullptr ? engine->FrameProcessMasking(event) : 0;
+    if (engine == nullptr) return 0;
+    return msm::toNumber(engine->FrameProcessMasking(msm::fromNumber<msm::FrameEvent>(event)));
 }
 
 RECOGRESULT* FaceRecognition::Get_ResultRecog() {
@@ -155,128 +157,128 @@ BasicImageFile* FaceRecognition::Get_NormImagesPtr(int i) {
 // --- Engine settings --------------------------------------------------------------------------
 
 void FaceRecognition::Set_RecogORRegist(int v) {
-    if (engine != nullptr) engine->RecogORRegist = v;
+    if (engine != nullptr) engine->operatingMode = msm::fromNumber<msm::OperatingMode>(v);
 }
 
 int FaceRecognition::Get_RecogORRegist() {
-    return engine != nullptr ? engine->RecogORRegist : 0;
+    return engine != nullptr ? msm::toNumber(engine->operatingMode) : 0;
 }
 
 void FaceRecognition::Set_recognitionmethod(int v) {
-    if (engine != nullptr) engine->recognitionmethod = v;
+    if (engine != nullptr) engine->recognitionMethod = msm::fromNumber<msm::RecognitionMethod>(v);
 }
 
 int FaceRecognition::Get_recognitionmethod() {
-    return engine != nullptr ? engine->recognitionmethod : 0;
+    return engine != nullptr ? msm::toNumber(engine->recognitionMethod) : 0;
 }
 
 void FaceRecognition::Set_DICACQUISITIONNUM(int v) {
-    if (engine != nullptr) engine->DICACQUISITIONNUM = v;
+    if (engine != nullptr) engine->framesToGather = v;
 }
 
 int FaceRecognition::Get_DICACQUISITIONNUM() {
-    return engine != nullptr ? engine->DICACQUISITIONNUM : 0;
+    return engine != nullptr ? engine->framesToGather : 0;
 }
 
 void FaceRecognition::Set_NullFrames(int v) {
-    if (engine != nullptr) engine->NullFrames = v;
+    if (engine != nullptr) engine->facelessFrames = v;
 }
 
 int FaceRecognition::Get_NullFrames() {
-    return engine != nullptr ? engine->NullFrames : 0;
+    return engine != nullptr ? engine->facelessFrames : 0;
 }
 
 void FaceRecognition::Set_RefreshTime(int v) {
-    if (engine != nullptr) engine->RefreshTime = v;
+    if (engine != nullptr) engine->facelessFramesTolerated = v;
 }
 
 int FaceRecognition::Get_RefreshTime() {
-    return engine != nullptr ? engine->RefreshTime : 0;
+    return engine != nullptr ? engine->facelessFramesTolerated : 0;
 }
 
 void FaceRecognition::Set_RegistCondition(bool v) {
-    if (engine != nullptr) engine->RegistCondition = v;
+    if (engine != nullptr) engine->registrationSucceeded = v;
 }
 
 bool FaceRecognition::Get_RegistCondition() {
-    return engine != nullptr ? engine->RegistCondition : false;
+    return engine != nullptr ? engine->registrationSucceeded : false;
 }
 
 void FaceRecognition::Set_Addition_id(int v) {
-    if (engine != nullptr) engine->Addition_id = v;
+    if (engine != nullptr) engine->additionPerson = v;
 }
 
 int FaceRecognition::Get_Addition_id() {
-    return engine != nullptr ? engine->Addition_id : 0;
+    return engine != nullptr ? engine->additionPerson : 0;
 }
 
 void FaceRecognition::Set_LimitWriteVectNum(int v) {
-    if (engine != nullptr) engine->LimitWriteVectNum = v;
+    if (engine != nullptr) engine->writtenVectorLimit = v;
 }
 
 int FaceRecognition::Get_LimitWriteVectNum() {
-    return engine != nullptr ? engine->LimitWriteVectNum : 0;
+    return engine != nullptr ? engine->writtenVectorLimit : 0;
 }
 
 void FaceRecognition::Set_IncrementalCMSMspaceUpdate(bool v) {
-    if (engine != nullptr) engine->IncrementalCMSMspaceUpdate = v;
+    if (engine != nullptr) engine->updateSpaceAtOnce = v;
 }
 
 bool FaceRecognition::Get_IncrementalCMSMspaceUpdate() {
-    return engine != nullptr ? engine->IncrementalCMSMspaceUpdate : false;
+    return engine != nullptr ? engine->updateSpaceAtOnce : false;
 }
 
 void FaceRecognition::SetRenewDicFaceImage(bool v) {
-    if (engine != nullptr) engine->RenewDicFaceImage = v;
+    if (engine != nullptr) engine->renewPictureOnAddition = v;
 }
 
 bool FaceRecognition::GetRenewDicFaceImage() {
-    return engine != nullptr ? engine->RenewDicFaceImage : false;
+    return engine != nullptr ? engine->renewPictureOnAddition : false;
 }
 
 void FaceRecognition::SetReturnedEigenValueFlag(int v) {
-    if (engine != nullptr) engine->ReturnedEigenValueFlag = v;
+    if (engine != nullptr) engine->keepSpectrumFlag = v;
 }
 
 int FaceRecognition::GetReturnedEigenValueFlag() {
-    return engine != nullptr ? engine->ReturnedEigenValueFlag : 0;
+    return engine != nullptr ? engine->keepSpectrumFlag : 0;
 }
 
 void FaceRecognition::SetBScreeningFlag(int v) {
-    if (engine != nullptr) engine->BScreeningFlag = v;
+    if (engine != nullptr) engine->screeningFlag = v;
 }
 
 int FaceRecognition::GetBScreeningFlag() {
-    return engine != nullptr ? engine->BScreeningFlag : 0;
+    return engine != nullptr ? engine->screeningFlag : 0;
 }
 
 void FaceRecognition::SetBScreeningThres(int v) {
-    if (engine != nullptr) engine->BScreeningThres = v;
+    if (engine != nullptr) engine->screeningThreshold = v;
 }
 
 int FaceRecognition::GetBScreeningThres() {
-    return engine != nullptr ? engine->BScreeningThres : 0;
+    return engine != nullptr ? engine->screeningThreshold : 0;
 }
 
 void FaceRecognition::Set_imagesavejpegratio(int quality) {
-    if (engine != nullptr) engine->imagesavejpegratio = quality;
+    if (engine != nullptr) engine->jpegQuality = quality;
 }
 
 void FaceRecognition::Set_SequenceCheckSimThreshold(float threshold) {
     if (engine == nullptr) return;
-    engine->SequenceCheckSimThreshold = threshold < 0.0f || threshold > 1.0f ? 0.985f : threshold;
+    engine->stillFaceCorrelation = threshold < 0.0f || threshold > 1.0f ? 0.985f : threshold;
 }
 
 float FaceRecognition::Get_SequenceCheckSimThreshold() {
-    return engine != nullptr ? engine->SequenceCheckSimThreshold : 0.0f;
+    return engine != nullptr ? engine->stillFaceCorrelation : 0.0f;
 }
 
 int32_t FaceRecognition::GetTime_recog() {
-    return engine != nullptr ? engine->recogTime : 0;
+    return engine != nullptr ? engine->frameMilliseconds : 0;
 }
 
 int32_t FaceRecognition::GetTime_prev() {
-    return engine != nullptr ? engine->prevTime : 0;
+    return engine != nullptr ? engine->prevMilliseconds : 0;
 }
 
 // --- Extractor settings -----------------------------------------------------------------------
@@ -369,7 +371,8 @@ float FaceRecognition::Get_EVPsi() {
 }
 
 void FaceRecognition::Set_RecognitionResultMode(int mode, int n) {
-    if (engine != nullptr) engine->Set_RecognitionResultMode(mode, n);
+    if (engine != nullptr)
+        engine->Set_RecognitionResultMode(msm::fromNumber<msm::ResultMode>(mode), n);
 }
 
 int FaceRecognition::Get_RecognitionResultMode() {

@@ -17,8 +17,8 @@ RecognitionEngine::RecognitionEngine(int width, int height) {
     idDatabase = new (std::nothrow) IDDatabase();
     recognizer = new (std::nothrow) MWMSMRecognition(msm::kEngineDimension, msm::kEngineChannels);
     if (recognizer != nullptr) {
-        resultValues = recognizer->results.scores;
-        resultIds = recognizer->results.indices;
+        rankedScores = recognizer->results.scores;
+        rankedIds = recognizer->results.indices;
     }
     workBuffer = new (std::nothrow) unsigned char[msm::kWorkBufferBytes]();
 }
@@ -43,11 +43,16 @@ bool RecognitionEngine::HasCurrentSpace() const {
 
 // --- Frame cycle ------------------------------------------------------------------------------
 
-int RecognitionEngine::FrameProcess(int event) {
+using msm::FrameEvent;
+using msm::FrameResult;
+using msm::OperatingMode;
+using msm::RecognitionMethod;
+
+FrameResult RecognitionEngine::FrameProcess(FrameEvent event) {
     return RunFrame(event, FrameFamily::Plain);
 }
 
-int RecognitionEngine::FrameProcessMasking(int event) {
+FrameResult RecognitionEngine::FrameProcessMasking(FrameEvent event) {
     return RunFrame(event, FrameFamily::Masked);
 }
 
@@ -66,22 +71,22 @@ void RecognitionEngine::RecognisePlain(int slot) {
     float* const* patterns = featureExtraction->patternSlots[slot];
     const int persons = idDatabase->count;
     int best = 0;
-    switch (recognitionmethod) {
-        case 0:
+    switch (recognitionMethod) {
+        case RecognitionMethod::SinglePattern:
             recognizer->RecognizeBySinglePattern(patterns, idDatabase->dictionaries, persons,
                                                  &best);
             break;
-        case 1:
+        case RecognitionMethod::Msm:
             recognizer->RecognizeByInputSubspaces(patterns, idDatabase->dictionaries, persons,
                                                   &best);
             break;
-        case 2:
-        case 6:
+        case RecognitionMethod::CmsmFirstSpace:
+        case RecognitionMethod::CmsmFirstSpacePlainOnly:
             recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
                                                     idDatabase->numCS, 1, &best);
             break;
-        case 4:
-        case 7:
+        case RecognitionMethod::CmsmAllSpaces:
+        case RecognitionMethod::CmsmAllSpacesAlike:
             recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
                                                     idDatabase->numCS, recognizer->spaceCount,
                                                     &best);
@@ -96,77 +101,84 @@ void RecognitionEngine::RecogniseMasked(int slot) {
     const int persons = idDatabase->count;
     const unsigned char* mask = idDatabase->mask;
     int best = 0;
-    switch (recognitionmethod) {
-        case 1:
+    switch (recognitionMethod) {
+        case RecognitionMethod::Msm:
             recognizer->RecognizeByInputSubspaces(patterns, idDatabase->dictionaries, persons,
                                                   &best, mask);
             break;
-        case 2:
+        case RecognitionMethod::CmsmFirstSpace:
             recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
                                                     idDatabase->numCS, 1, &best, mask);
             break;
-        case 4:
-        case 7:
+        case RecognitionMethod::CmsmAllSpaces:
+        case RecognitionMethod::CmsmAllSpacesAlike:
             recognizer->RecognizeInConstraintSpaces(patterns, idDatabase->projected, persons,
                                                     idDatabase->numCS, recognizer->spaceCount,
                                                     &best, mask);
             break;
-        default:  // kept: 0 and 6 have no masked form
+        default:  // kept: SinglePattern and CmsmFirstSpacePlainOnly have no masked form
             break;
     }
 }
 
-int RecognitionEngine::RunFrame(int event, FrameFamily family) {
+FrameResult RecognitionEngine::RunFrame(FrameEvent event, FrameFamily family) {
     frameStartTick = msm::tickMilliseconds();
-    auto finish = [this](int code) {
+    auto finish = [this](FrameResult result) {
         frameEndTick = msm::tickMilliseconds();
-        recogTime = msm::elapsedMilliseconds(frameStartTick, frameEndTick);
-        return code;
+        frameMilliseconds = msm::elapsedMilliseconds(frameStartTick, frameEndTick);
+        return result;
     };
-    if (event == 0) {
-        if (RecogORRegist == 1) {
-            ++NullFrames;
-            if (RefreshTime >= 0 && NullFrames > RefreshTime) {
-                ClearRecognition();
-                // kept: the count goes on rising while faces stay away
-                ++NullFrames;
+    switch (event) {
+        case FrameEvent::NoFace:
+            if (operatingMode == OperatingMode::Recognise) {
+                ++facelessFrames;
+                if (facelessFramesTolerated >= 0 && facelessFrames > facelessFramesTolerated) {
+                    ClearRecognition();
+                    // kept: the count goes on rising while faces stay away
+                    ++facelessFrames;
+                }
             }
-        }
-        return finish(10);
+            return finish(FrameResult::NoFace);
+        case FrameEvent::Nothing:
+        case FrameEvent::NothingAlike:
+            return finish(FrameResult::Nothing);
+        case FrameEvent::Face:
+        case FrameEvent::FaceAlike:
+            break;
+        default:
+            return finish(FrameResult::Ignored);
     }
-    if (event == 1 || event == 4) return finish(11);
-    if (event != 2 && event != 3) return finish(0);
 
-    NullFrames = 0;
+    facelessFrames = 0;
     const int counter = featureExtraction != nullptr ? featureExtraction->slotIndex : -1;
-    switch (RecogORRegist) {
-        case 1: {
+    switch (operatingMode) {
+        case OperatingMode::Recognise: {
             if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
                 idDatabase->count < 1)
-                return finish(0);
+                return finish(FrameResult::Ignored);
             const int slot = NewestSlot();
             if (family == FrameFamily::Plain)
                 RecognisePlain(slot);
             else
                 RecogniseMasked(slot);
-            resultValues = recognizer->results.scores;
-            resultIds = recognizer->results.indices;
-            return finish(13);
+            rankedScores = recognizer->results.scores;
+            rankedIds = recognizer->results.indices;
+            return finish(FrameResult::Recognised);
         }
-        case 2:
-            if (counter == DICACQUISITIONNUM) {
-                RecogORRegist = 0;
+        case OperatingMode::Register:
+            if (counter == framesToGather) {
+                operatingMode = OperatingMode::Idle;
                 Registration();
             }
-            return finish(12);
-        case 3:
-            if (counter == DICACQUISITIONNUM) {
-                RecogORRegist = 0;
+            return finish(FrameResult::Gathered);
+        case OperatingMode::Add:
+            if (counter == framesToGather) {
+                operatingMode = OperatingMode::Idle;
                 Addition();
             }
-            return finish(12);
-        default:
-            return finish(0);
+            return finish(FrameResult::Gathered);
+        default:  // idle and unknown modes
+            return finish(FrameResult::Ignored);
     }
 }
 
@@ -190,11 +202,11 @@ int RecognitionEngine::GetBufferCount() {
     return recognizer != nullptr ? recognizer->GetBufferCount() : 0;
 }
 
-void RecognitionEngine::Set_RecognitionResultMode(int mode, int n) {
+void RecognitionEngine::Set_RecognitionResultMode(msm::ResultMode mode, int n) {
     if (recognizer == nullptr) return;
-    recognizer->Set_RecognitionResultMode(mode, n);
-    resultValues = recognizer->results.scores;
-    resultIds = recognizer->results.indices;
+    recognizer->Set_RecognitionResultMode(msm::toNumber(mode), n);
+    rankedScores = recognizer->results.scores;
+    rankedIds = recognizer->results.indices;
 }
 
 // --- Image ------------------------------------------------------------------------------------
@@ -214,7 +226,7 @@ int RecognitionEngine::FaceCropping(BasicImageFile* frame, BasicImageFile* colou
 }
 
 void RecognitionEngine::image_size_set(int width, int height) {
-    imageWidth = width;
-    imageHeight = height;
+    cameraWidth = width;
+    cameraHeight = height;
     if (featureExtraction != nullptr) featureExtraction->ReplaceFrameSnapshot(width, height);
 }

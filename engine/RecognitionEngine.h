@@ -16,6 +16,7 @@
 
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
+#include "engine/frame_protocol.h"
 #include "normalise/feature_extraction.h"
 #include "recognition/MWMSMRecognition.h"
 
@@ -31,38 +32,40 @@ constexpr int kSlotBeforeWrap = 499;
 class RecognitionEngine {
   public:
     IDDatabase* idDatabase = nullptr;
-    int32_t recogTime = 0;
-    int32_t prevTime = 0;
-    int32_t* resultValues = nullptr;
-    int32_t* resultIds = nullptr;
-    int32_t RecogORRegist = 0;
-    int32_t recognitionmethod = 1;
-    int32_t DICACQUISITIONNUM = 50;
-    int32_t NullFrames = 0;
-    int32_t RefreshTime = 5;
-    int32_t imageWidth = 0;
-    int32_t imageHeight = 0;
-    int32_t Addition_id = 0;
-    int32_t LimitWriteVectNum = 256;
-    int32_t constraintUpdateMode = 0;  // 1: persons' dictionaries come from their ".mck" records
-    bool IncrementalCMSMspaceUpdate = true;
+    int32_t frameMilliseconds = 0;
+    int32_t prevMilliseconds = 0;  // GetTime_prev's value: nothing writes it
+    // The recogniser's current lists (the façade's copies are taken once).
+    int32_t* rankedScores = nullptr;
+    int32_t* rankedIds = nullptr;
+    msm::OperatingMode operatingMode = msm::OperatingMode::Idle;
+    msm::RecognitionMethod recognitionMethod = msm::RecognitionMethod::Msm;
+    int32_t framesToGather = 50;
+    int32_t facelessFrames = 0;
+    int32_t facelessFramesTolerated = 5;  // negative: face-less frames never clear the input
+    int32_t cameraWidth = 0;
+    int32_t cameraHeight = 0;
+    int32_t additionPerson = 0;
+    int32_t writtenVectorLimit = 256;  // per channel; below 1: every vector
+    int32_t spaceSourceMode = 0;       // 1: persons' dictionaries come from their ".mck" records
+    bool updateSpaceAtOnce = true;
     BasicImageFile* faceImage = nullptr;
-    bool RegistCondition = true;
+    bool registrationSucceeded = true;
     uint32_t frameStartTick = 0;
     uint32_t frameEndTick = 0;
-    int32_t imageFileMode = 0;
-    int32_t imagesavejpegratio = 100;
-    bool RenewDicFaceImage = false;
-    int32_t additionLimit = 50000;
-    float additionRatio = 0.5f;
+    int32_t imageFileMode = 0;  // read by nothing
+    int32_t jpegQuality = 100;  // stored only
+    bool renewPictureOnAddition = false;
+    // An addition first scales a record of this many patterns or more by fadeFactor.
+    int32_t fadeFromPatterns = 50000;
+    float fadeFactor = 0.5f;
     unsigned char* workBuffer = nullptr;
-    int32_t ReturnedEigenValueFlag = 1;
-    int32_t BScreeningFlag = 0;
-    int32_t BScreeningThres = 1000;
+    int32_t keepSpectrumFlag = 1;  // exactly 1: the eigenvalues go into workBuffer
+    int32_t screeningFlag = 0;     // exactly 1: the gathered frames are screened
+    int32_t screeningThreshold = 1000;
     char screeningSelection[msm::kScreeningFlags] = {};
     int32_t screeningCount = 0;
     int32_t channelCount = msm::kEngineChannels;
-    float SequenceCheckSimThreshold = 0.985f;
+    float stillFaceCorrelation = 0.985f;
     FeatureExtraction* featureExtraction = nullptr;
     MWMSMRecognition* recognizer = nullptr;
 
@@ -73,9 +76,9 @@ class RecognitionEngine {
     RecognitionEngine(const RecognitionEngine&) = delete;
     RecognitionEngine& operator=(const RecognitionEngine&) = delete;
 
-    // Frame cycle (frame_cycle.cpp).
-    int FrameProcess(int event);
-    int FrameProcessMasking(int event);
+    // Frame cycle (RecognitionEngine.cpp).
+    msm::FrameResult FrameProcess(msm::FrameEvent event);
+    msm::FrameResult FrameProcessMasking(msm::FrameEvent event);
     RECOGRESULT* Get_ResultRecog();
     void Refresh_input();
     void NoticeCompleteRecognition();
@@ -84,7 +87,7 @@ class RecognitionEngine {
     int FaceCropping(BasicImageFile* frame, BasicImageFile* colourFrame, PartsPosition* parts,
                      BasicImageFile* out);
     void image_size_set(int width, int height);
-    void Set_RecognitionResultMode(int mode, int n);
+    void Set_RecognitionResultMode(msm::ResultMode mode, int n);
 
     // Registration and addition (registration.cpp).
     int Registration();
@@ -115,7 +118,7 @@ class RecognitionEngine {
 
   private:
     enum class FrameFamily { Plain, Masked };
-    int RunFrame(int event, FrameFamily family);
+    msm::FrameResult RunFrame(msm::FrameEvent event, FrameFamily family);
     void ClearRecognition();
     void RecognisePlain(int slot);
     void RecogniseMasked(int slot);
@@ -128,7 +131,7 @@ class RecognitionEngine {
     int BuildRecords(int n, PatternAt patterns, FaceAt faces, MtrxChunk& records);
     // Expands every channel's record into dictionaries and checks their size.
     bool ExpandRecords(const MtrxChunk& records, DictChunk& dictionaries);
-    // Merges new into stored (fading stored first once it reached additionLimit).
+    // Merges new into stored (fading stored first once it reached fadeFromPatterns).
     bool MergeRecords(MtrxChunk& stored, const MtrxChunk& added) const;
     bool WritePersonFiles(const std::string& stem, MtrxChunk& records,
                           const DictChunk& dictionaries);

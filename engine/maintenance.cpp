@@ -5,14 +5,6 @@
 #include "engine/RecognitionEngine.h"
 #include "engine/constraint_reset.h"
 
-namespace {
-
-bool projectsIntoAllSpaces(int method) {
-    return method == 4 || method == 7;
-}
-
-}  // namespace
-
 void RecognitionEngine::ReleaseProjectedDictionaries() {
     for (int p = 0; p < IDDatabase::kMaxPersons; ++p) {
         delete[] idDatabase->projected[p];
@@ -34,10 +26,10 @@ void RecognitionEngine::RecomputeCurrentSpace(int classCount) {
 
 int RecognitionEngine::Deletion(int inside, bool deleteFiles) {
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
-    const int sourceKind = constraintUpdateMode == 1 ? 1 : 0;
+    const int sourceKind = spaceSourceMode == 1 ? 1 : 0;
     const int before = idDatabase->count;
     const HumanID* person = inside >= 0 && inside < before ? idDatabase->humanIds[inside] : nullptr;
-    if (IncrementalCMSMspaceUpdate) {
+    if (updateSpaceAtOnce) {
         recognizer->removedSet.Release();
         if (person != nullptr && person->keyname != nullptr) {
             const std::string stem = PersonStem(person->keyname);
@@ -52,7 +44,7 @@ int RecognitionEngine::Deletion(int inside, bool deleteFiles) {
             idDatabase->humanIds[p] = idDatabase->humanIds[p + 1];
         idDatabase->humanIds[before - 1] = nullptr;
     }
-    if (IncrementalCMSMspaceUpdate && HasCurrentSpace()) {
+    if (updateSpaceAtOnce && HasCurrentSpace()) {
         recognizer->RemoveClassData(recognizer->removedSet);
         RecomputeCurrentSpace(idDatabase->count);
     }
@@ -68,7 +60,7 @@ int RecognitionEngine::AllDeletion(bool deleteFiles) {
 
 int RecognitionEngine::UpdateCMSMDictionary(int mode) {
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
-    const int sourceKind = constraintUpdateMode == 1 ? 1 : 0;
+    const int sourceKind = spaceSourceMode == 1 ? 1 : 0;
     const char* ext = sourceKind == 1 ? "mck" : "dck";
     std::vector<std::string> names;
     for (int p = 0; p < idDatabase->count; ++p) {
@@ -89,7 +81,7 @@ int RecognitionEngine::UpdateCMSMDictionary(int mode) {
     // The regenerated files are what recognition uses from now on.
     recognizer->ReloadConstraintMSM();
     idDatabase->ReadIdDictionaries();
-    if (projectsIntoAllSpaces(recognitionmethod))
+    if (msm::projectsIntoAllSpaces(recognitionMethod))
         DicConvert();
     else
         ReprojectAfterReload();
@@ -97,13 +89,13 @@ int RecognitionEngine::UpdateCMSMDictionary(int mode) {
 }
 
 int RecognitionEngine::DicConvert() {
-    if (!projectsIntoAllSpaces(recognitionmethod)) return 1;
+    if (!msm::projectsIntoAllSpaces(recognitionMethod)) return 1;
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
     return recognizer->DicConvert(*idDatabase);
 }
 
 int RecognitionEngine::DicConvertID(int inside) {
-    if (!projectsIntoAllSpaces(recognitionmethod)) return 1;
+    if (!msm::projectsIntoAllSpaces(recognitionMethod)) return 1;
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
     return recognizer->DicConvertID(*idDatabase, inside);
 }
@@ -130,10 +122,9 @@ int RecognitionEngine::ReloadMultiConstraintSpace(const char* path) {
 int RecognitionEngine::RecalcCMSMforImportUserDictionary(const char* path) {
     if (idDatabase == nullptr || recognizer == nullptr || path == nullptr) return 0;
     DictChunk imported;
-    imported.SetModeAndLimit(kDicPrimFloat, LimitWriteVectNum);
+    imported.SetModeAndLimit(kDicPrimFloat, writtenVectorLimit);
     if (imported.ReadAll(path) != 1) return 0;
-    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(imported) == 1 &&
-        HasCurrentSpace()) {
+    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(imported) == 1 && HasCurrentSpace()) {
         recognizer->AddClassData(recognizer->pendingSet);
         RecomputeCurrentSpace(idDatabase->count + 1);
     }
@@ -144,13 +135,13 @@ int RecognitionEngine::RecalcCMSMforReplaceUserDictionary(int, const char* oldDi
                                                           const char* oldMatrixPath,
                                                           const char* newDictionaryPath) {
     if (idDatabase == nullptr || recognizer == nullptr) return 0;
-    const int sourceKind = constraintUpdateMode == 1 ? 1 : 0;
-    if (IncrementalCMSMspaceUpdate)
+    const int sourceKind = spaceSourceMode == 1 ? 1 : 0;
+    if (updateSpaceAtOnce)
         recognizer->ReadRemovedSet(sourceKind == 1 ? oldMatrixPath : oldDictionaryPath, sourceKind);
     DictChunk replacement;
-    replacement.SetModeAndLimit(kDicPrimFloat, LimitWriteVectNum);
+    replacement.SetModeAndLimit(kDicPrimFloat, writtenVectorLimit);
     if (newDictionaryPath == nullptr || replacement.ReadAll(newDictionaryPath) != 1) return 0;
-    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(replacement) == 1 &&
+    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(replacement) == 1 &&
         HasCurrentSpace()) {
         recognizer->RemoveClassData(recognizer->removedSet);
         recognizer->AddClassData(recognizer->pendingSet);

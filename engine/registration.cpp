@@ -32,11 +32,11 @@ std::string RecognitionEngine::PersonStem(const char* name) const {
 template <typename PatternAt, typename FaceAt>
 int RecognitionEngine::BuildRecords(int n, PatternAt patterns, FaceAt faces, MtrxChunk& records) {
     std::vector<int> used;
-    if (BScreeningFlag == 1) {
+    if (screeningFlag == 1) {
         std::vector<const unsigned char*> images(n);
         for (int k = 0; k < n; ++k) images[k] = faces(k);
-        screeningCount = msm::screenFrames(images.data(), n, kFaceSide, kFaceSide, BScreeningThres,
-                                           screeningSelection);
+        screeningCount = msm::screenFrames(images.data(), n, kFaceSide, kFaceSide,
+                                           screeningThreshold, screeningSelection);
         for (int k = 0; k < n; ++k)
             if (screeningSelection[k] == '1') used.push_back(k);
     } else {
@@ -56,7 +56,7 @@ int RecognitionEngine::BuildRecords(int n, PatternAt patterns, FaceAt faces, Mtr
 bool RecognitionEngine::ExpandRecords(const MtrxChunk& records, DictChunk& dictionaries) {
     if (records.count != channelCount || dictionaries.Allocate(channelCount) != 1) return false;
     float spectrum[msm::kEngineDimension];
-    const bool keepSpectrum = ReturnedEigenValueFlag == 1;
+    const bool keepSpectrum = keepSpectrumFlag == 1;
     for (int c = 0; c < channelCount; ++c) {
         if (msm::expandAutocorrelation(records.prims[c], dictionaries.prims[c],
                                        keepSpectrum ? spectrum : nullptr) != 0)
@@ -78,10 +78,10 @@ bool RecognitionEngine::MergeRecords(MtrxChunk& stored, const MtrxChunk& added) 
         if (s.elements == nullptr || a.elements == nullptr || s.order != a.order ||
             s.elementCount != a.elementCount)
             return false;
-        if (s.number >= additionLimit) {
+        if (s.number >= fadeFromPatterns) {
             // Old sessions fade once a person has this many patterns.
-            for (int i = 0; i < s.elementCount; ++i) s.elements[i] *= additionRatio;
-            s.number = static_cast<int32_t>(static_cast<float>(s.number) * additionRatio);
+            for (int i = 0; i < s.elementCount; ++i) s.elements[i] *= fadeFactor;
+            s.number = static_cast<int32_t>(static_cast<float>(s.number) * fadeFactor);
         }
         for (int i = 0; i < s.elementCount; ++i) s.elements[i] += a.elements[i];
         s.number += a.number;
@@ -92,7 +92,7 @@ bool RecognitionEngine::MergeRecords(MtrxChunk& stored, const MtrxChunk& added) 
 bool RecognitionEngine::WritePersonFiles(const std::string& stem, MtrxChunk& records,
                                          const DictChunk& dictionaries) {
     return records.Write((stem + ".mck").c_str()) == 1 &&
-           dictionaries.Write((stem + ".dck").c_str(), LimitWriteVectNum, kDicPrimFloat) == 1;
+           dictionaries.Write((stem + ".dck").c_str(), writtenVectorLimit, kDicPrimFloat) == 1;
 }
 
 void RecognitionEngine::RenewFaceImage(const std::string& stem) {
@@ -104,15 +104,15 @@ void RecognitionEngine::RenewFaceImage(const std::string& stem) {
 }
 
 void RecognitionEngine::FailRegistration() {
-    RegistCondition = false;
-    RecogORRegist = 1;
+    registrationSucceeded = false;
+    operatingMode = msm::OperatingMode::Recognise;
 }
 
 int RecognitionEngine::Registration() {
-    RegistCondition = false;
-    RecogORRegist = 0;
+    registrationSucceeded = false;
+    operatingMode = msm::OperatingMode::Idle;
     const char* name = idDatabase != nullptr ? idDatabase->GetNewKeyname() : nullptr;
-    const int n = DICACQUISITIONNUM;
+    const int n = framesToGather;
     if (name == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
         !validGatherCount(n)) {
         FailRegistration();
@@ -142,13 +142,13 @@ int RecognitionEngine::Registration() {
         return 1;
     }
     if (fx.frameSnapshot != nullptr) fx.frameSnapshot->WriteBmp((stem + ".bmp").c_str());
-    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
+    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
         HasCurrentSpace()) {
         recognizer->AddClassData(recognizer->pendingSet);
         RecomputeCurrentSpace(idDatabase->count + 1);
     }
-    RegistCondition = true;
-    RecogORRegist = 1;
+    registrationSucceeded = true;
+    operatingMode = msm::OperatingMode::Recognise;
     return 1;
 }
 
@@ -166,23 +166,23 @@ void RecognitionEngine::CompleteAddition(int inside, const MtrxChunk& added) {
         FailRegistration();
         return;
     }
-    const int sourceKind = constraintUpdateMode == 1 ? 1 : 0;
-    if (IncrementalCMSMspaceUpdate)
+    const int sourceKind = spaceSourceMode == 1 ? 1 : 0;
+    if (updateSpaceAtOnce)
         recognizer->ReadRemovedSet((stem + (sourceKind == 1 ? ".mck" : ".dck")).c_str(),
                                    sourceKind);
     if (!WritePersonFiles(stem, stored, dictionaries)) {
         FailRegistration();
         return;
     }
-    if (RenewDicFaceImage) RenewFaceImage(stem);
-    if (IncrementalCMSMspaceUpdate && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
+    if (renewPictureOnAddition) RenewFaceImage(stem);
+    if (updateSpaceAtOnce && recognizer->pendingSet.CopyFrom(dictionaries) == 1 &&
         HasCurrentSpace()) {
         recognizer->RemoveClassData(recognizer->removedSet);
         recognizer->AddClassData(recognizer->pendingSet);
         RecomputeCurrentSpace(idDatabase->count);
     }
-    RegistCondition = true;
-    RecogORRegist = 1;
+    registrationSucceeded = true;
+    operatingMode = msm::OperatingMode::Recognise;
 }
 
 template <typename PatternAt>
@@ -205,10 +205,10 @@ void RecognitionEngine::AddPatterns(int inside, int n, PatternAt patterns) {
 }
 
 int RecognitionEngine::Addition() {
-    RegistCondition = false;
-    RecogORRegist = 0;
-    const int inside = Addition_id;
-    const int n = DICACQUISITIONNUM;
+    registrationSucceeded = false;
+    operatingMode = msm::OperatingMode::Idle;
+    const int inside = additionPerson;
+    const int n = framesToGather;
     if (idDatabase == nullptr || recognizer == nullptr || featureExtraction == nullptr ||
         inside < 0 || inside >= idDatabase->count || !validGatherCount(n)) {
         FailRegistration();
@@ -222,12 +222,12 @@ int RecognitionEngine::Addition() {
 }
 
 int RecognitionEngine::AdditionFromPrevRecog(int inside) {
-    RegistCondition = false;
-    Addition_id = inside;
-    RecogORRegist = 0;
+    registrationSucceeded = false;
+    additionPerson = inside;
+    operatingMode = msm::OperatingMode::Idle;
     if (recognizer == nullptr || recognizer->inputs == nullptr ||
         recognizer->inputs[0].keptValid == 0) {
-        RecogORRegist = 1;
+        operatingMode = msm::OperatingMode::Recognise;
         return 0;
     }
     int n = recognizer->GetBufferCount();

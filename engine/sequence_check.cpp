@@ -52,7 +52,7 @@ bool RecognitionEngine::SequenceCheck() {
     int nearCopies = 0;
     for (int k = 0; k < n; ++k)
         if (flags[k] == '1' &&
-            msm::correlationCoefficient(mean, images[k], kSmallPixels) > SequenceCheckSimThreshold)
+            msm::correlationCoefficient(mean, images[k], kSmallPixels) > stillFaceCorrelation)
             ++nearCopies;
     return nearCopies < kNearCopiesOfStill;
 }

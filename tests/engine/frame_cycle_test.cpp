@@ -193,6 +193,20 @@ TEST(EngineSettings, DefaultsAndCheckedSetters) {
     EXPECT_FLOAT_EQ(engine.Get_SequenceCheckSimThreshold(), 0.985f);
     EXPECT_EQ(engine.Get_Identify_thresvalue(), 850);
     EXPECT_EQ(engine.Get_need_eigen_num(), 7);
+    EXPECT_EQ(engine.Get_NullFrames(), 0);
+    EXPECT_EQ(engine.Get_SubspaceDistNum(), 1);
+    EXPECT_EQ(engine.Get_EVPsi(), 0.125f);
+    EXPECT_EQ(engine.Get_2stagepickrange(), 16);
+    EXPECT_EQ(engine.Get_RecogCroppingShift(), 0);
+    EXPECT_EQ(engine.Get_CroppingRangeMode(), 1);
+    EXPECT_EQ(engine.Get_RecognitionResultMode(), 0);
+    EXPECT_TRUE(engine.Get_SimCalcControl());
+    {
+        double low = 0, high = 0;
+        engine.Get_FreeCroppingRange(&low, &high);
+        EXPECT_EQ(low, 3.0);
+        EXPECT_EQ(high, 9.0);
+    }
 
     for (float bad : {1.5f, -0.1f}) {
         engine.Set_SequenceCheckSimThreshold(0.5f);

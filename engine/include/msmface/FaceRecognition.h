@@ -49,8 +49,8 @@ class MSMFACE_API FaceRecognition {
     int32_t* rankedSimilarities;
     int32_t* rankedIndices;
     BasicImageFile* faceImage;  // the last cropped 64 x 64 grey face
-    // 1024 bytes; after a registration with SetReturnedEigenValueFlag(1) the last channel's 256
-    // eigenvalues divided by their sum, as floats.
+    // 1024 bytes; after a registration or addition with SetReturnedEigenValueFlag(1) the last
+    // channel's 256 eigenvalues divided by their sum, as floats.
     unsigned char* workBuffer;
     // '1' / '0' per gathered frame of the last screening (SetBScreeningFlag(1)).
     char* screeningSelection;
@@ -143,61 +143,132 @@ class MSMFACE_API FaceRecognition {
     BasicImageFile* Get_NormImagesPtr(int i);
 
     // --- Settings -----------------------------------------------------------------------------
-    void Set_RecogORRegist(int mode);  // 0 idle, 1 recognise, 2 register, 3 add
+    // A setter stores its argument as it is unless its comment names a range, and the getter
+    // returns what was stored. "Stored only": kept for the getter and read by nothing, so no
+    // score and no file changes with it. The others say when the value is read.
+
+    // What the frame call does with a face, from the next call on: 0 idle (returns 0),
+    // 1 recognise (13), 2 register, 3 add (12). Any other value acts as idle: faces return 0 and
+    // face-less frames are not counted. A registration or addition sets it itself: 0 while it
+    // runs, 1 once it ended, whether it succeeded or not.
+    void Set_RecogORRegist(int mode);
     int Get_RecogORRegist();
-    // 0 per-pattern MSM, 1 MSM, 2/6 constrained in the first space, 4/7 in all spaces, 3/5 none.
+    // How the next recognition frames compare (default 1): 0 per-pattern MSM, 1 MSM, 2/6
+    // constrained in the first space, 4/7 in all spaces; 3, 5 and any other value compute nothing
+    // (the frame still returns 13). FrameProcessMasking knows 1, 2, 4 and 7 only. DicConvert,
+    // DicConvertID and UpdateCMSMDictionary read it too: they project the persons for 4 and 7.
     void Set_recognitionmethod(int method);
     int Get_recognitionmethod();
+    // Frames a registration or addition is built from (default 50), read when it runs. A frame
+    // call in mode 2 or 3 starts it on the face that brings the gather counter to exactly this
+    // value; the counter runs 0..500 and wraps to 0, so a value outside 0..500 never starts it and
+    // 0 starts it only after a wrap. The operation itself (also when called directly) fails,
+    // writing nothing, for a value outside 1..501.
     void Set_DICACQUISITIONNUM(int frames);
     int Get_DICACQUISITIONNUM();
+    // The count of consecutive face-less frames in recognition mode; the next face-less frame in
+    // mode 1 counts on from the stored value, a face sets it back to 0.
     void Set_NullFrames(int n);
     int Get_NullFrames();
-    void Set_RefreshTime(int frames);  // negative: face-less frames never clear the input
+    // Face-less frames tolerated in recognition mode (default 5), read by every face-less frame:
+    // the one that brings the count above this value clears the input and the ranked list (ids
+    // -1). Negative: face-less frames never clear the input.
+    void Set_RefreshTime(int frames);
     int Get_RefreshTime();
+    // Stored only: the outcome of the last registration or addition, which overwrites it (false
+    // when it starts, true when it succeeded).
     void Set_RegistCondition(bool ok);
     bool Get_RegistCondition();
+    // The person (an inside number) that Addition adds to, read when it runs (directly or from a
+    // mode-3 frame); outside 0..GetAllNum()-1 the addition fails and writes nothing.
+    // AdditionFromPrevRecog stores its own argument here.
     void Set_Addition_id(int inside);
     int Get_Addition_id();
+    // At most this many vectors per channel (default 256) in the ".dck" files that later
+    // registrations and additions write, and in the dictionaries that
+    // RecalcCMSMforImportUserDictionary and RecalcCMSMforReplaceUserDictionary read; 0 or
+    // negative: every vector.
     void Set_LimitWriteVectNum(int n);
     int Get_LimitWriteVectNum();
+    // true (default): registration, addition, deletion, import and replacement update the current
+    // constraint space at once (when one is loaded); false: they leave the space as it is until
+    // UpdateCMSMDictionary. Read by each of those operations when it runs.
     void Set_IncrementalCMSMspaceUpdate(bool on);
     bool Get_IncrementalCMSMspaceUpdate();
+    // true: later additions (Addition, AdditionFromPrevRecog) replace the person's picture with
+    // the frame snapshot as ".bmp" (the first of ".jpg", ".fpi", ".bmp" that exists is deleted
+    // first); false (default): additions leave the picture.
     void SetRenewDicFaceImage(bool on);
     bool GetRenewDicFaceImage();
-    void Set_imagesavejpegratio(int quality);  // stored only
+    // Stored only, with no getter (default 100): no picture is written as JPEG.
+    void Set_imagesavejpegratio(int quality);
+    // Exactly 1 (default): each later registration or addition leaves its eigenvalues in
+    // workBuffer (see there); any other value leaves workBuffer alone. The files are the same
+    // either way.
     void SetReturnedEigenValueFlag(int flag);
     int GetReturnedEigenValueFlag();
+    // Exactly 1: later registrations and additions screen their frames first (one '1' or '0' per
+    // frame in screeningSelection) and are built from the kept ones only; any other value
+    // (default 0): every frame is used and screeningSelection is left alone.
     void SetBScreeningFlag(int flag);
     int GetBScreeningFlag();
+    // The screening's bar (default 1000), read only with SetBScreeningFlag(1): a frame is kept
+    // when its edge directions agree with the run's mean face at this many positions or more.
+    // 0 or below keeps every frame; a bar that no frame reaches keeps none, and the registration
+    // or addition fails.
     void SetBScreeningThres(int threshold);
     int GetBScreeningThres();
-    // Values below 0 or above 1 are replaced by 0.985.
+    // SequenceCheck's bar (default 0.985), read when it runs: a face whose correlation with the
+    // mean face is above it is a near copy. Values below 0 or above 1 are replaced by 0.985; 0
+    // and 1 are kept.
     void Set_SequenceCheckSimThreshold(float threshold);
     float Get_SequenceCheckSimThreshold();
+    // The next FaceCropping fills ring slot 0: a registration run counts its frames from here.
     void Reset_gather_counter();
-    int Get_gather_counter();
+    int Get_gather_counter();  // the ring slot the next FaceCropping fills, 0..500
+    // Stored only (defaults: shift 0, range mode 1, free range 3.0 .. 9.0): the cropping does not
+    // consult them.
     void Set_RecogCroppingShift(int shift);
     int Get_RecogCroppingShift();
     void Set_CroppingRangeMode(int mode);
     int Get_CroppingRangeMode();
     void Set_FreeCroppingRange(double low, double high);
     void Get_FreeCroppingRange(double* low, double* high);
+    // Stored only for this engine (default 850): the frame call ranks every person whatever the
+    // value; whether the best score identifies someone is the host's decision.
     void Set_Identify_thresvalue(int threshold);
     int Get_Identify_thresvalue();
-    // 3..20 accepted (1, input cleared); anything else returns 0 and changes nothing.
+    // Basis vectors of every input subspace and of every compared dictionary (default 7). 3..20
+    // accepted: returns 1 and clears the input (the next face starts a new one); anything else
+    // returns 0 and changes nothing. A registration or addition fails while a channel's
+    // dictionary has fewer vectors than this.
     int Change_need_eigen_num(int n);
     int Get_need_eigen_num();
-    // Above need_eigen_num stores need_eigen_num; negative stores 1; 0 is kept.
+    // Canonical angles averaged in a similarity, from the next frame on (default 1). Above
+    // need_eigen_num stores need_eigen_num; negative stores 1; 0 is kept.
     void Change_SubspaceDistNum(int n);
     int Get_SubspaceDistNum();
+    // Patterns each channel's input subspace buffers (default 25). 1..501: the buffers are
+    // reallocated at once and what NoticeCompleteRecognition kept is dropped (GetBufferCount 0);
+    // anything else changes nothing. No getter.
     void Change_InputSS_MAXSEGNUM(int n);
+    // Weight of the newest pattern in every channel's input subspace update, from the next frame
+    // on (default 0.125).
     void Set_EVPsi(float weight);
     float Get_EVPsi();
-    // mode 0: ten entries, lists reallocated; 1..3: n entries by that mode; others: nothing.
+    // How later recognitions fill the ranked list. mode 0 (default): the best three in a list of
+    // ten; 1: a ranked list of n; 2: every person sorted (each recognition makes the list as long
+    // as the person count, at least ten); 3: the best three in a list of n; n is brought into
+    // 10..2000. Modes 0..3 reallocate the
+    // lists at once (every entry id 0, similarity -999; Get_ResultRecog moves); any other mode
+    // changes nothing.
     void Set_RecognitionResultMode(int mode, int n);
     int Get_RecognitionResultMode();
+    // false holds recognition from the next frame on (default true): method 1 only feeds channel
+    // 0's input and ranks nothing, methods 2, 4, 6 and 7 do nothing; method 0 is not affected.
     void Set_SimCalcControl(bool on);
     bool Get_SimCalcControl();
+    // Stored only (default 16).
     void Set_2stagepickrange(int range);
     int Get_2stagepickrange();
     // The "CMSML" space's file header / default file header with its zero into buf; 1, or 0 with
