@@ -129,6 +129,34 @@ TEST_F(Generation, RebuildCountsSmallDictionariesButAddsNothingForThem) {
     EXPECT_GT(ev.prims[1].frows[0][0], 1.0f);
     EXPECT_LT(ev.prims[1].frows[0][0], 2.0f);
     EXPECT_GT(ev.prims[1].frows[255][0], -1e-4f);
+    // The written vectors are the eigenvectors of that sum, orthonormal, each with the
+    // eigenvalue written beside it.
+    std::vector<double> sum2(256 * 256);
+    e = m.prims[1].elements;
+    for (int i = 0; i < 256; ++i)
+        for (int j = i; j < 256; ++j) sum2[i * 256 + j] = sum2[j * 256 + i] = *e++;
+    DictChunk space;
+    space.SetModeAndLimit(kDicPrimFloat, 0);
+    ASSERT_EQ(space.ReadAll(dir.File("space.dck").c_str()), 1);
+    const DicPrim& vectors = space.prims[1];
+    ASSERT_EQ(vectors.count, 256);
+    ASSERT_EQ(vectors.dim, 256);
+    for (int r = 0; r < 256; ++r) {
+        const float* v = vectors.frows[r];
+        const double lambda = ev.prims[1].frows[r][0];
+        double residual = 0;
+        for (int i = 0; i < 256; ++i) {
+            double gv = 0;
+            for (int j = 0; j < 256; ++j) gv += sum2[i * 256 + j] * v[j];
+            residual += (gv - lambda * v[i]) * (gv - lambda * v[i]);
+        }
+        EXPECT_LT(std::sqrt(residual), 1e-3) << "vector " << r;
+        for (int q = 0; q <= r; ++q) {
+            double dot = 0;
+            for (int k = 0; k < 256; ++k) dot += double(v[k]) * vectors.frows[q][k];
+            EXPECT_NEAR(dot, r == q ? 1.0 : 0.0, 1e-4) << r << "," << q;
+        }
+    }
     // The space loads back from what was written.
     EXPECT_EQ(rec.ReloadConstraintMSM(), 1);
     // On stored data: the file's sums plus the persons again.
