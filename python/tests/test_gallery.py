@@ -130,9 +130,11 @@ def test_two_streams_on_two_threads_give_what_each_gives_alone(gallery_dir, synt
     g = msmface.Gallery(gallery_dir)
     takes = [synth(0, 210, 20), synth(1, 211, 20)]
 
-    def run(take, out):
+    def run(take, out, step=None):
         s = msmface.Stream(g)
         for f, p in take:
+            if step is not None:
+                step.wait(60)  # in step with the other thread: their frames overlap
             st = s.push(f, p)
             out.append(st.ranking.scores())
 
@@ -140,7 +142,9 @@ def test_two_streams_on_two_threads_give_what_each_gives_alone(gallery_dir, synt
     for k in range(2):
         run(takes[k], alone[k])
     together = [[], []]
-    threads = [threading.Thread(target=run, args=(takes[k], together[k])) for k in range(2)]
+    step = threading.Barrier(2)
+    threads = [threading.Thread(target=run, args=(takes[k], together[k], step))
+               for k in range(2)]
     for t in threads:
         t.start()
     for t in threads:
