@@ -7,11 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/in_step.h"
 #include "common/sanitizer.h"
 #include "dictionary/store_lock.h"
 #include "gallery_support.h"
@@ -100,37 +98,12 @@ TEST(SharedDirectory, AnotherProcesssChangesReachARunningStreamAndTheGallery) {
     EXPECT_EQ(Ids(Open(work.path()).persons()), (std::vector<int>{2, 3, 4}));
 }
 
-// A flag one thread raises and another waits for, a minute at most.
-class Signal {
-  public:
-    void Raise() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            raised_ = true;
-        }
-        raisedChanged_.notify_all();
-    }
-    bool Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return raisedChanged_.wait_for(lock, std::chrono::minutes(1), [&] { return raised_; });
-    }
-    bool Raised() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return raised_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable raisedChanged_;
-    bool raised_ = false;
-};
-
 TEST(SharedDirectory, TwoGalleriesEnrollingAtOnceBothKeepTheirPersons) {
     ScratchDir work;
     // The second enrolment starts while the first is gathering its frames, and the first goes
     // on only once the second waits for the directory's lock (or, were the frames gathered
     // before the lock is taken, has finished): the two provably overlap.
-    Signal firstInside, secondWaitsOrDone;
+    msmtest::Signal firstInside, secondWaitsOrDone;
     std::atomic<bool> secondWaited{false};
     msmface::OpenOptions first;
     first.interrupted = [&] {

@@ -5,13 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <thread>
 
+#include "common/in_step.h"
 #include "gallery_support.h"
 
 namespace {
@@ -56,52 +54,17 @@ StreamState PushOrDie(Stream& s, const Take& take, std::size_t k) {
     return r.ok() ? r.value() : StreamState{};
 }
 
-// Frames pushed by each stream thread. The changing thread waits on it until every stream has
-// pushed frames since its last change, so that every change lands while every stream is running.
-class PushCounts {
-  public:
-    explicit PushCounts(int streams) : counts_(streams, 0) {}
-
-    void Pushed(int stream) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            ++counts_[stream];
-        }
-        changed_.notify_all();
-    }
-    std::vector<int> Now() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return counts_;
-    }
-    // False when a stream has not pushed `more` frames beyond `since` within a minute.
-    bool WaitForEach(const std::vector<int>& since, int more) const {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::minutes(1), [&] {
-            for (std::size_t t = 0; t < counts_.size(); ++t)
-                if (counts_[t] < since[t] + more) return false;
-            return true;
-        });
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    std::vector<int> counts_;
-};
-
-// The rankings after each frame of a take, as "id:score id:score ...". With counts, the stream
-// pushes frame k only once every stream of counts has pushed k frames: streams on other threads
-// then run in step, each frame of one overlapping the frames of the others.
-std::vector<std::string> Rankings(Stream& s, const Take& take, PushCounts* counts = nullptr,
-                                  int stream = 0) {
+// The rankings after each frame of a take, as "id:score id:score ...". With inStep, the stream
+// arrives there as party `stream` before each frame: streams on other threads then push their
+// frames side by side.
+std::vector<std::string> Rankings(Stream& s, const Take& take,
+                                  msmtest::StepCounts* inStep = nullptr, int stream = 0) {
     std::vector<std::string> out;
     for (std::size_t k = 0; k < take.frames.size(); ++k) {
-        if (counts != nullptr) {
-            const std::vector<int> none(counts->Now().size(), 0);
-            EXPECT_TRUE(counts->WaitForEach(none, static_cast<int>(k))) << "a stream stopped";
+        if (inStep != nullptr) {
+            EXPECT_TRUE(inStep->Arrive(stream)) << "a stream stopped";
         }
         const StreamState st = PushOrDie(s, take, k);
-        if (counts != nullptr) counts->Pushed(stream);
         std::string line;
         for (const msmface::Match& m : st.ranking.matches)
             line += std::to_string(m.id) + ":" + std::to_string(m.score) + " ";
@@ -176,7 +139,7 @@ TEST_F(Streams, TwoStreamsOnTwoThreadsRankAsOneStreamAfterTheOther) {
     Stream s1 = MakeStream(*gallery_);
     Stream s2 = MakeStream(*gallery_);
     std::vector<std::string> parA, parB;
-    PushCounts inStep(2);
+    msmtest::StepCounts inStep(2);
     std::thread t1([&] { parA = Rankings(s1, a, &inStep, 0); });
     std::thread t2([&] { parB = Rankings(s2, b, &inStep, 1); });
     t1.join();
@@ -389,7 +352,7 @@ TEST(StreamReload, StreamsOnOtherThreadsFollowEveryChangeTheGalleryMakesWhileThe
     constexpr int kStreams = 2;
     std::atomic<int> begun{0}, done{0};
     std::atomic<bool> stop{false};
-    PushCounts counts(kStreams);
+    msmtest::StepCounts counts(kStreams);
     std::vector<std::vector<Seen>> seen(kStreams);
     std::vector<Stream> streams;
     for (int t = 0; t < kStreams; ++t) streams.push_back(MakeStream(g));
@@ -410,7 +373,7 @@ TEST(StreamReload, StreamsOnOtherThreadsFollowEveryChangeTheGalleryMakesWhileThe
                         s.namesMatch = s.namesMatch && m.name == Population::Name(m.id - 1);
                     }
                 seen[t].push_back(std::move(s));
-                counts.Pushed(t);
+                counts.Done(t);
             }
         });
     constexpr int kFramesBetween = 3;
