@@ -2,12 +2,17 @@
 // registry, add its person and replace the file, so the last writers won and the others' persons
 // vanished although their commands said "enrolled". Now every process whose command succeeded
 // must find its person listed, loadable and recognised, and nobody else may be listed.
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -109,6 +114,40 @@ TEST_F(StoreConcurrency, ProcessesEnrollingAtOnceAreAllListed) {
         "[ measured ] %d processes enrolling at once: fastest %.2f s, slowest %.2f s, "
         "%d told whom they waited for, longest wait for a lock %.2f s\n",
         kPersons, fastest, slowest, waited, longestWait);
+    ExpectListedAndRecognised(dir, succeeded);
+}
+
+// The same with every process queued to write before any of them may: the test holds the lock
+// as a reader, which lets each open the directory (and read its empty registry) but not write,
+// until each has said that it waits. Then they all add to the registry one after another, each
+// having read it before the others wrote.
+TEST_F(StoreConcurrency, ProcessesQueuedOnTheLockAreAllListed) {
+    Scratch work("queue");
+    const std::string dir = work / "dict";
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    msm::DirectoryLock held;
+    ASSERT_TRUE(msm::DirectoryLock::acquire(dir, msm::LockMode::Shared, {}, held).ok());
+    std::vector<Launched> running;
+    for (int id = 1; id <= kPersons; ++id)
+        running.push_back(Launch(EnrolArgs(dir, id), work / ("enrol" + std::to_string(id))));
+    const std::string waits = "waiting for the lock on " + dir + " held by ";
+    std::vector<bool> queued(kPersons, false);
+    for (int tick = 0; tick < 600 && std::count(queued.begin(), queued.end(), true) < kPersons;
+         ++tick) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (int k = 0; k < kPersons; ++k)
+            queued[k] = clitest::ReadText(running[k].errPath).find(waits) != std::string::npos;
+    }
+    held.release();
+    EXPECT_EQ(queued, std::vector<bool>(kPersons, true));
+    std::set<int> succeeded;
+    for (int k = 0; k < kPersons; ++k) {
+        const Finished f = Wait(running[k]);
+        EXPECT_EQ(f.status, 0) << NameOf(k + 1) << ": " << f.err;
+        EXPECT_THAT(f.out, HasSubstr("enrolled " + NameOf(k + 1)));
+        if (f.status == 0) succeeded.insert(k + 1);
+    }
+    EXPECT_EQ(succeeded.size(), static_cast<std::size_t>(kPersons));
     ExpectListedAndRecognised(dir, succeeded);
 }
 
