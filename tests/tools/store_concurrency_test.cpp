@@ -77,6 +77,20 @@ class StoreConcurrency : public ::testing::Test {
         }
     }
 
+    // Which of the processes said, within a minute, that they wait for the directory's lock.
+    static std::vector<bool> QueuedFor(const std::string& dir,
+                                       const std::vector<Launched>& running) {
+        const std::string waits = "waiting for the lock on " + dir + " held by ";
+        std::vector<bool> queued(running.size(), false);
+        for (int tick = 0; tick < 600 && std::count(queued.begin(), queued.end(), false) > 0;
+             ++tick) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            for (std::size_t k = 0; k < running.size(); ++k)
+                queued[k] = clitest::ReadText(running[k].errPath).find(waits) != std::string::npos;
+        }
+        return queued;
+    }
+
     static std::unique_ptr<Scratch> frames_;
 };
 
@@ -130,14 +144,7 @@ TEST_F(StoreConcurrency, ProcessesQueuedOnTheLockAreAllListed) {
     std::vector<Launched> running;
     for (int id = 1; id <= kPersons; ++id)
         running.push_back(Launch(EnrolArgs(dir, id), work / ("enrol" + std::to_string(id))));
-    const std::string waits = "waiting for the lock on " + dir + " held by ";
-    std::vector<bool> queued(kPersons, false);
-    for (int tick = 0; tick < 600 && std::count(queued.begin(), queued.end(), true) < kPersons;
-         ++tick) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        for (int k = 0; k < kPersons; ++k)
-            queued[k] = clitest::ReadText(running[k].errPath).find(waits) != std::string::npos;
-    }
+    const std::vector<bool> queued = QueuedFor(dir, running);
     held.release();
     EXPECT_EQ(queued, std::vector<bool>(kPersons, true));
     std::set<int> succeeded;
@@ -158,25 +165,35 @@ TEST_F(StoreConcurrency, EnrolmentsRacingDeletionsLoseNobody) {
         const Finished f = Wait(Launch(EnrolArgs(dir, id), work / ("pre" + std::to_string(id))));
         ASSERT_EQ(f.status, 0) << f.err;
     }
-    // Deletions of the first three interleaved with enrolments of the next three.
-    std::vector<std::pair<int, Launched>> running;
+    // Deletions of the first three interleaved with enrolments of the next three, each queued to
+    // write (the test holds the lock as a reader) after it read the registry of 1, 2 and 3.
+    msm::DirectoryLock held;
+    ASSERT_TRUE(msm::DirectoryLock::acquire(dir, msm::LockMode::Shared, {}, held).ok());
+    std::vector<int> who;
+    std::vector<Launched> running;
     for (int k = 0; k < 3; ++k) {
         const int enrolled = 4 + k, deleted = 1 + k;
-        running.emplace_back(enrolled, Launch(EnrolArgs(dir, enrolled),
-                                              work / ("enrol" + std::to_string(enrolled))));
-        running.emplace_back(-deleted, Launch({"delete", dir, "--id", std::to_string(deleted)},
-                                              work / ("delete" + std::to_string(deleted))));
+        who.push_back(enrolled);
+        running.push_back(
+            Launch(EnrolArgs(dir, enrolled), work / ("enrol" + std::to_string(enrolled))));
+        who.push_back(-deleted);
+        running.push_back(Launch({"delete", dir, "--id", std::to_string(deleted)},
+                                 work / ("delete" + std::to_string(deleted))));
     }
+    const std::vector<bool> queued = QueuedFor(dir, running);
+    held.release();
+    EXPECT_EQ(queued, std::vector<bool>(running.size(), true));
     std::set<int> expected = {1, 2, 3};
-    for (auto& [who, launched] : running) {
-        const Finished f = Wait(launched);
+    for (std::size_t k = 0; k < running.size(); ++k) {
+        const Finished f = Wait(running[k]);
         EXPECT_EQ(f.status, 0) << f.err;
         if (f.status != 0) continue;
-        if (who > 0)
-            expected.insert(who);
+        if (who[k] > 0)
+            expected.insert(who[k]);
         else
-            expected.erase(-who);
+            expected.erase(-who[k]);
     }
+    EXPECT_EQ(expected, (std::set<int>{4, 5, 6}));
     ExpectListedAndRecognised(dir, expected);
     for (int id = 1; id <= 3; ++id) {
         if (expected.count(id)) continue;
