@@ -22,9 +22,8 @@ def detector():
 def test_a_missing_model_names_the_file_and_the_package(tmp_path):
     missing = str(tmp_path / "none.dat")
     with pytest.raises(ValueError, match="^landmark model " + re.escape(missing) +
-                       " does not exist: install Debian's libdlib-data") as info:
+                       " does not exist: install Debian's libdlib-data"):
         msmface.detect.Detector(missing)
-    assert info.type is ValueError
 
 
 def test_a_frame_without_a_face_finds_nothing(detector, tmp_path, synth):

@@ -88,9 +88,8 @@ def test_every_bad_request_raises_with_the_librarys_message_and_changes_nothing(
     # A directory that is not there is a wrong argument, not a failing file.
     missing = os.path.join(gallery_dir, "missing")
     with pytest.raises(ValueError, match="^" + re.escape(missing) +
-                       ": the dictionary directory does not exist") as info:
+                       ": the dictionary directory does not exist"):
         msmface.Gallery(missing)
-    assert info.type is ValueError
 
 
 def test_threshold_and_constraint_persist(gallery_dir, synth):
