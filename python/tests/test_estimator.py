@@ -89,12 +89,43 @@ def test_scikit_learn_model_selection_drives_it(shared_faces):
     assert clone.get_params() == c.get_params() and clone is not c
     assert base.is_classifier(c)
     cv = model_selection.StratifiedKFold(n_splits=3)
-    search = model_selection.GridSearchCV(c, {"method": ["single", "msm"]}, cv=cv)
+    folds = list(cv.split(sets, labels))
+
+    def own_class_score(estimator, X, y):
+        """Mean score of each set against its own class: unlike the accuracy (the same for both
+        methods on these folds), it differs between the methods."""
+        scores = estimator.decision_function(X)
+        return float(np.mean(scores[np.arange(len(y)), np.searchsorted(estimator.classes_, y)]))
+
+    # Each fold by hand: what the search and the cross-validation must report.
+    by_hand = {}
+    for method in ("single", "msm"):
+        for f, (train, test) in enumerate(folds):
+            fitted = msmface.MSMClassifier(method=method).fit([sets[i] for i in train],
+                                                              labels[train])
+            test_sets = [sets[i] for i in test]
+            by_hand[method, f] = (own_class_score(fitted, test_sets, labels[test]),
+                                  fitted.score(test_sets, labels[test]))
+    own = {m: [by_hand[m, f][0] for f in range(3)] for m in ("single", "msm")}
+    assert own["single"] != own["msm"], own  # else a search that ignored the method would pass
+
+    search = model_selection.GridSearchCV(c, {"method": ["single", "msm"]}, cv=cv,
+                                          scoring=own_class_score)
     search.fit(sets, labels)
-    assert search.best_params_["method"] in ("single", "msm")
-    assert 0.0 <= search.best_score_ <= 1.0
+    results = search.cv_results_
+    for k, method in enumerate(results["param_method"]):
+        assert [results[f"split{f}_test_score"][k] for f in range(3)] == own[method], method
+    means = {m: float(np.mean(v)) for m, v in own.items()}
+    best = max(means, key=means.get)  # the first of equals, as the search takes
+    assert search.best_params_ == {"method": best}
+    assert search.best_score_ == pytest.approx(means[best], abs=1e-9)
+    # Refitted on every set with the best method.
+    np.testing.assert_array_equal(
+        search.best_estimator_.decision_function(sets),
+        msmface.MSMClassifier(method=best).fit(sets, labels).decision_function(sets))
+    # The default scoring is the accuracy of the default method.
     scores = model_selection.cross_val_score(msmface.MSMClassifier(), sets, labels, cv=cv)
-    assert scores.shape == (3,)
+    assert list(scores) == [by_hand["msm", f][1] for f in range(3)]
 
 
 @pytest.mark.skipif(not msmface.HAVE_DETECT, reason="built without the detector")

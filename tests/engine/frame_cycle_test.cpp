@@ -2,8 +2,12 @@
 // the method dispatch and the settings with checks.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
+#include "engine/tick_clock.h"
 #include "engine_host.h"
 
 namespace {
@@ -169,12 +173,56 @@ TEST_F(FrameCycle, MaskedRecognitionSkipsMaskedPeople) {
     EXPECT_EQ(host.Recognise(bob, 800, 10).id, 1);
 }
 
+// A clock that stands still until its first reading after Arm() and is kJump milliseconds later
+// from then on: a call that reads it as it starts and as it ends measures exactly the jump,
+// however often it reads in between, and a timer that never moves measures nothing.
+class JumpingClock {
+  public:
+    static constexpr int32_t kJump = 40;
+
+    explicit JumpingClock(uint32_t base) {
+        base_ = base;
+        Arm();
+        msm::setTickSource(&Read);
+    }
+    ~JumpingClock() { msm::setTickSource(nullptr); }
+    JumpingClock(const JumpingClock&) = delete;
+    JumpingClock& operator=(const JumpingClock&) = delete;
+
+    void Arm() { reads_ = 0; }
+    int Reads() const { return reads_; }
+
+  private:
+    static uint32_t Read() {
+        return reads_++ == 0 ? base_.load() : base_.load() + static_cast<uint32_t>(kJump);
+    }
+    static inline std::atomic<uint32_t> base_{0};
+    static inline std::atomic<int> reads_{0};
+};
+
+TEST(FrameTimer, TheSteadyClockMovesWithTheTimeSlept) {
+    const uint32_t before = msm::tickMilliseconds();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_GE(msm::elapsedMilliseconds(before, msm::tickMilliseconds()), 30);
+}
+
 TEST_F(FrameCycle, TimerCoversTheFrameCall) {
     EnrolBoth();
-    host.Frame(alice, 900);
-    EXPECT_GE(engine.GetTime_recog(), 0);
-    EXPECT_LT(engine.GetTime_recog(), 10000);
-    EXPECT_EQ(engine.GetTime_prev(), 0);
+    engine.Set_RecogORRegist(1);
+    // Near the counter's wrap as well: the duration is an unsigned difference.
+    for (uint32_t base : {1000u, 0xFFFFFFF0u}) {
+        JumpingClock clock(base);
+        const auto timed = [&](int code) {
+            EXPECT_GE(clock.Reads(), 2) << "the start and the end of the call are both read";
+            EXPECT_EQ(engine.GetTime_recog(), JumpingClock::kJump) << "code " << code;
+            clock.Arm();
+        };
+        timed(host.Frame(alice, 900));
+        timed(engine.FrameProcess(0));  // face-less
+        timed(engine.FrameProcess(1));  // event without work
+        timed(engine.FrameProcess(7));  // unknown event
+    }
+    EXPECT_EQ(engine.GetTime_prev(), 0);  // kept: never set
 }
 
 TEST(EngineSettings, DefaultsAndCheckedSetters) {

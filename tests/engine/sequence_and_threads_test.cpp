@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include "common/in_step.h"
 #include "engine_host.h"
 
 namespace {
@@ -72,17 +74,22 @@ TEST(SequenceCheck, LiveSyntheticFacesPass) {
     EXPECT_TRUE(host.engine.SequenceCheck());
 }
 
-// Everything one engine reports while it enrols two people and recognises both.
-std::vector<int> Session(const std::string& folder, uint32_t seed) {
+// Everything one engine reports while it enrols two people and recognises both. step() is called
+// before each enrolment and each recognition frame.
+std::vector<int> Session(
+    const std::string& folder, uint32_t seed, const std::function<void()>& step = [] {}) {
     Host host(folder);
     SyntheticPerson a(seed), b(seed + 1);
     std::vector<int> seen;
+    step();
     seen.push_back(host.Enrol(1, "a", a));
+    step();
     seen.push_back(host.Enrol(2, "b", b));
     for (const SyntheticPerson* p : {&a, &b, &a}) {
         host.engine.Set_RecogORRegist(1);
         host.engine.Refresh_input();
         for (int k = 0; k < 8; ++k) {
+            step();
             seen.push_back(host.Frame(*p, 300 + k));
             for (int i = 0; i < 3; ++i) {
                 seen.push_back(host.engine.Get_ResultRecog()[i].id);
@@ -99,8 +106,10 @@ TEST(Threads, TwoEnginesAtOnceMatchOneAfterTheOther) {
     const std::vector<int> first = Session(d1.path(), 1000);
     const std::vector<int> second = Session(d2.path(), 2000);
     std::vector<int> a, b;
-    std::thread ta([&] { a = Session(d3.path(), 1000); });
-    std::thread tb([&] { b = Session(d4.path(), 2000); });
+    // In step: each enrolment and frame of one engine runs beside the same of the other.
+    msmtest::StepCounts inStep(2);
+    std::thread ta([&] { a = Session(d3.path(), 1000, [&] { EXPECT_TRUE(inStep.Arrive(0)); }); });
+    std::thread tb([&] { b = Session(d4.path(), 2000, [&] { EXPECT_TRUE(inStep.Arrive(1)); }); });
     ta.join();
     tb.join();
     EXPECT_EQ(a, first);

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -15,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/in_step.h"
 #include "common/sanitizer.h"
 #include "store/store_lock.h"
 #include "gallery_support.h"
@@ -98,19 +100,46 @@ TEST(SharedDirectory, AnotherProcesssChangesReachARunningStreamAndTheGallery) {
 
 TEST(SharedDirectory, TwoGalleriesEnrollingAtOnceBothKeepTheirPersons) {
     ScratchDir work;
-    Gallery a = Open(work.path());
-    Gallery b = Open(work.path());
+    // The second enrolment starts while the first is gathering its frames, and the first goes
+    // on only once the second waits for the directory's lock (or, were the frames gathered
+    // before the lock is taken, has finished): the two provably overlap.
+    msmtest::Signal firstInside, secondWaitsOrDone;
+    std::atomic<bool> secondWaited{false};
+    msmface::OpenOptions first;
+    first.interrupted = [&] {
+        if (!firstInside.Raised()) {
+            firstInside.Raise();
+            secondWaitsOrDone.Wait();
+        }
+        return false;
+    };
+    msmface::OpenOptions second;
+    second.lock.notice = [&](const std::string& text) {
+        if (text.rfind("waiting for the lock on ", 0) != 0) return;
+        secondWaited = true;
+        secondWaitsOrDone.Raise();
+    };
+    msmface::Result<Gallery> a = Gallery::open(work.path(), first);
+    msmface::Result<Gallery> b = Gallery::open(work.path(), second);
+    ASSERT_TRUE(a.ok() && b.ok());
     msmface::Status sa, sb;
-    std::thread ta([&] { sa = a.enrol(1, "one", Population::get().enrol[0].samples()); });
-    std::thread tb([&] { sb = b.enrol(2, "two", Population::get().enrol[1].samples()); });
+    std::thread ta([&] { sa = a->enrol(1, "one", Population::get().enrol[0].samples()); });
+    const bool firstReachedItsFrames = firstInside.Wait();
+    std::thread tb([&] {
+        sb = b->enrol(2, "two", Population::get().enrol[1].samples());
+        secondWaitsOrDone.Raise();
+    });
     ta.join();
     tb.join();
+    EXPECT_TRUE(firstReachedItsFrames);
     ASSERT_TRUE(sa.ok()) << sa.message();
     ASSERT_TRUE(sb.ok()) << sb.message();
-    // Listed in the order the lock let them in, which either may have won.
-    EXPECT_THAT(Ids(Open(work.path()).persons()), UnorderedElementsAre(1, 2));
-    // Each gallery read the other's person under the lock before it wrote.
-    EXPECT_EQ(a.persons().size() + b.persons().size(), 3u);
+    // The later writer read the other's person under the lock before it wrote: both are listed,
+    // in the order the lock let them in.
+    const std::vector<int> order = secondWaited ? std::vector<int>{1, 2} : std::vector<int>{2, 1};
+    EXPECT_EQ(Ids(Open(work.path()).persons()), order);
+    EXPECT_EQ(Ids((secondWaited ? b : a)->persons()), order);
+    EXPECT_EQ(Ids((secondWaited ? a : b)->persons()), std::vector<int>{order[0]});
 }
 
 TEST(SharedDirectory, AWriterThatWillNotWaitIsRefusedAndLeavesNothing) {

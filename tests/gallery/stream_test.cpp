@@ -3,8 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <set>
 #include <thread>
 
+#include "common/in_step.h"
 #include "gallery_support.h"
 
 namespace {
@@ -49,10 +54,16 @@ StreamState PushOrDie(Stream& s, const Take& take, std::size_t k) {
     return r.ok() ? r.value() : StreamState{};
 }
 
-// The rankings after each frame of a take, as "id:score id:score ...".
-std::vector<std::string> Rankings(Stream& s, const Take& take) {
+// The rankings after each frame of a take, as "id:score id:score ...". With inStep, the stream
+// arrives there as party `stream` before each frame: streams on other threads then push their
+// frames side by side.
+std::vector<std::string> Rankings(Stream& s, const Take& take,
+                                  msmtest::StepCounts* inStep = nullptr, int stream = 0) {
     std::vector<std::string> out;
     for (std::size_t k = 0; k < take.frames.size(); ++k) {
+        if (inStep != nullptr) {
+            EXPECT_TRUE(inStep->Arrive(stream)) << "a stream stopped";
+        }
         const StreamState st = PushOrDie(s, take, k);
         std::string line;
         for (const msmface::Match& m : st.ranking.matches)
@@ -128,8 +139,9 @@ TEST_F(Streams, TwoStreamsOnTwoThreadsRankAsOneStreamAfterTheOther) {
     Stream s1 = MakeStream(*gallery_);
     Stream s2 = MakeStream(*gallery_);
     std::vector<std::string> parA, parB;
-    std::thread t1([&] { parA = Rankings(s1, a); });
-    std::thread t2([&] { parB = Rankings(s2, b); });
+    msmtest::StepCounts inStep(2);
+    std::thread t1([&] { parA = Rankings(s1, a, &inStep, 0); });
+    std::thread t2([&] { parB = Rankings(s2, b, &inStep, 1); });
     t1.join();
     t2.join();
     EXPECT_EQ(parA, soloA);
@@ -318,30 +330,92 @@ TEST(StreamReload, AStreamThatFollowedEveryChangeRanksAsAFreshStream) {
     EXPECT_THAT(a.back(), ::testing::Not(::testing::HasSubstr(" 1:")));
 }
 
-TEST(StreamReload, StreamsOnOtherThreadsKeepRunningWhileTheGalleryChanges) {
+TEST(StreamReload, StreamsOnOtherThreadsFollowEveryChangeTheGalleryMakesWhileTheyRun) {
     ScratchDir work;
     Gallery g = OpenWith(work.path(), 2);
+    // The persons after each change, by ID (an ID's name is Population::Name(id - 1)).
+    const std::vector<std::set<int>> held = {{1, 2}, {1, 2, 3}, {1, 3}, {1, 3, 4}};
+    const std::vector<std::function<msmface::Status()>> changes = {
+        [&] { return g.enrol(3, Population::Name(2), Population::get().enrol[2].samples()); },
+        [&] { return g.remove(2); },
+        [&] { return g.enrol(4, Population::Name(3), Population::get().enrol[3].samples()); },
+    };
+    // What a frame's ranking shows and the changes made around its push: changes [0, done) had
+    // returned when it started and changes [0, begun) had begun when it returned.
+    struct Seen {
+        int done = 0, begun = 0;
+        std::set<int> ids;
+        bool namesMatch = true;
+        int best = 0;
+        std::string error;
+    };
+    constexpr int kStreams = 2;
+    std::atomic<int> begun{0}, done{0};
+    std::atomic<bool> stop{false};
+    msmtest::StepCounts counts(kStreams);
+    std::vector<std::vector<Seen>> seen(kStreams);
+    std::vector<Stream> streams;
+    for (int t = 0; t < kStreams; ++t) streams.push_back(MakeStream(g));
     const Take& probe = Population::get().probe[0];
     std::vector<std::thread> threads;
-    std::vector<int> failures(2, 0), lastBest(2, 0);
-    std::vector<Stream> streams;
-    for (int t = 0; t < 2; ++t) streams.push_back(MakeStream(g));
-    for (int t = 0; t < 2; ++t)
+    for (int t = 0; t < kStreams; ++t)
         threads.emplace_back([&, t] {
-            for (int round = 0; round < 6; ++round)
-                for (std::size_t k = 0; k < probe.frames.size(); ++k) {
-                    const auto r = streams[t].push(probe.view(k), probe.points(k));
-                    if (!r.ok()) ++failures[t];
-                    if (r.ok() && !r->ranking.matches.empty())
-                        lastBest[t] = r->ranking.matches[0].id;
-                }
+            for (std::size_t k = 0; !stop; k = (k + 1) % probe.frames.size()) {
+                Seen s;
+                s.done = done;
+                const auto r = streams[t].push(probe.view(k), probe.points(k));
+                s.begun = begun;
+                if (!r.ok()) s.error = r.message();
+                if (r.ok() && !r->ranking.matches.empty()) s.best = r->ranking.matches[0].id;
+                if (r.ok())
+                    for (const msmface::Match& m : r->ranking.matches) {
+                        s.ids.insert(m.id);
+                        s.namesMatch = s.namesMatch && m.name == Population::Name(m.id - 1);
+                    }
+                seen[t].push_back(std::move(s));
+                counts.Done(t);
+            }
         });
-    ASSERT_TRUE(g.enrol(3, Population::Name(2), Population::get().enrol[2].samples()).ok());
-    ASSERT_TRUE(g.remove(2).ok());
-    ASSERT_TRUE(g.enrol(4, Population::Name(3), Population::get().enrol[3].samples()).ok());
+    constexpr int kFramesBetween = 3;
+    for (const auto& change : changes) {
+        EXPECT_TRUE(counts.WaitForEach(counts.Now(), kFramesBetween)) << "a stream stopped";
+        ++begun;
+        const msmface::Status status = change();
+        EXPECT_TRUE(status.ok()) << status.message();
+        ++done;
+    }
+    EXPECT_TRUE(counts.WaitForEach(counts.Now(), kFramesBetween)) << "a stream stopped";
+    stop = true;
     for (std::thread& t : threads) t.join();
-    EXPECT_EQ(failures, std::vector<int>({0, 0}));
-    EXPECT_EQ(lastBest, std::vector<int>({1, 1}));
+
+    // Every frame ranks exactly the persons of one state of the gallery: not one older than the
+    // changes finished when the frame began, not one newer than the changes begun by its end,
+    // and never going back.
+    for (int t = 0; t < kStreams; ++t) {
+        ASSERT_GT(seen[t].size(), static_cast<std::size_t>(kFramesBetween * (changes.size() + 1)));
+        int last = 0;
+        std::vector<bool> stateSeen(held.size(), false);
+        for (std::size_t f = 0; f < seen[t].size(); ++f) {
+            const Seen& s = seen[t][f];
+            ASSERT_EQ(s.error, "") << "stream " << t << " frame " << f;
+            const auto found = std::find(held.begin(), held.end(), s.ids);
+            ASSERT_NE(found, held.end()) << "stream " << t << " frame " << f
+                                         << " ranks persons the gallery never held together";
+            const int state = static_cast<int>(found - held.begin());
+            EXPECT_GE(state, s.done) << "stream " << t << " frame " << f << ": a finished change "
+                                     << "was not picked up at the next frame";
+            EXPECT_LE(state, s.begun) << "stream " << t << " frame " << f;
+            EXPECT_GE(state, last) << "stream " << t << " frame " << f << " went back";
+            EXPECT_TRUE(s.namesMatch) << "stream " << t << " frame " << f;
+            last = state;
+            stateSeen[state] = true;
+        }
+        // Frames were pushed between every two changes, so every state was ranked.
+        EXPECT_EQ(stateSeen, std::vector<bool>(held.size(), true)) << "stream " << t;
+        // The person of the frames leads once the input holds a dozen of them, whoever else the
+        // gallery holds (with persons 1, 3 and 4, frames 0 to 6 rank another first).
+        EXPECT_EQ(seen[t].back().best, 1) << "stream " << t;
+    }
 }
 
 }  // namespace

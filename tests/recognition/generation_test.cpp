@@ -129,6 +129,34 @@ TEST_F(Generation, RebuildCountsSmallDictionariesButAddsNothingForThem) {
     EXPECT_GT(ev.prims[1].frows[0][0], 1.0f);
     EXPECT_LT(ev.prims[1].frows[0][0], 2.0f);
     EXPECT_GT(ev.prims[1].frows[255][0], -1e-4f);
+    // The written vectors are the eigenvectors of that sum, orthonormal, each with the
+    // eigenvalue written beside it.
+    std::vector<double> sum2(256 * 256);
+    e = m.prims[1].elements;
+    for (int i = 0; i < 256; ++i)
+        for (int j = i; j < 256; ++j) sum2[i * 256 + j] = sum2[j * 256 + i] = *e++;
+    DictChunk space;
+    space.SetModeAndLimit(kDicPrimFloat, 0);
+    ASSERT_EQ(space.ReadAll(dir.File("space.dck").c_str()), 1);
+    const DicPrim& vectors = space.prims[1];
+    ASSERT_EQ(vectors.count, 256);
+    ASSERT_EQ(vectors.dim, 256);
+    for (int r = 0; r < 256; ++r) {
+        const float* v = vectors.frows[r];
+        const double lambda = ev.prims[1].frows[r][0];
+        double residual = 0;
+        for (int i = 0; i < 256; ++i) {
+            double gv = 0;
+            for (int j = 0; j < 256; ++j) gv += sum2[i * 256 + j] * v[j];
+            residual += (gv - lambda * v[i]) * (gv - lambda * v[i]);
+        }
+        EXPECT_LT(std::sqrt(residual), 1e-3) << "vector " << r;
+        for (int q = 0; q <= r; ++q) {
+            double dot = 0;
+            for (int k = 0; k < 256; ++k) dot += double(v[k]) * vectors.frows[q][k];
+            EXPECT_NEAR(dot, r == q ? 1.0 : 0.0, 1e-4) << r << "," << q;
+        }
+    }
     // The space loads back from what was written.
     EXPECT_EQ(rec.ReloadConstraintMSM(), 1);
     // On stored data: the file's sums plus the persons again.
@@ -164,19 +192,45 @@ TEST(KLExpansion, DictionaryOfFiftyPatterns) {
     double total = 0;
     for (float v : spectrum) total += v;
     EXPECT_NEAR(total, 1.0, 1e-5);
-    // Each vector is an eigenvector of R = S / 50 and the vectors are orthonormal.
-    for (int i : {0, 10, 49}) {
+    for (int i = 1; i < 256; ++i) EXPECT_LE(spectrum[i], spectrum[i - 1]) << i;
+
+    // Every vector is the eigenvector of R = S / 50 whose eigenvalue is its share of the spectrum
+    // times the trace of R, every pair is orthogonal and every norm is 1.
+    const auto dot = [](const float* a, const float* b) {
+        double s = 0;
+        for (int k = 0; k < 256; ++k) s += double(a[k]) * b[k];
+        return s;
+    };
+    double traceR = 0;
+    for (auto& x : xs) traceR += dot(x.data(), x.data()) / 50;
+    const double largest = spectrum[0] * traceR;
+    for (int i = 0; i < dict.count; ++i) {
         const float* v = dict.frows[i];
-        double lambda = spectrum[i] * 0, rv0 = 0, norm = 0;
+        std::vector<double> rv(256, 0.0);
         for (auto& x : xs) {
-            double proj = 0;
-            for (int k = 0; k < 256; ++k) proj += double(x[k]) * v[k];
-            lambda += proj * proj / 50;
-            rv0 += proj * x[0] / 50;
+            const double proj = dot(x.data(), v);
+            for (int k = 0; k < 256; ++k) rv[k] += proj * x[k] / 50;
         }
-        for (int k = 0; k < 256; ++k) norm += double(v[k]) * v[k];
-        EXPECT_NEAR(norm, 1.0, 1e-5);
-        EXPECT_NEAR(rv0, lambda * v[0], 1e-3 * lambda);
+        const double lambda = spectrum[i] * traceR;
+        double residual = 0;
+        for (int k = 0; k < 256; ++k) residual += (rv[k] - lambda * v[k]) * (rv[k] - lambda * v[k]);
+        EXPECT_LT(std::sqrt(residual), 1e-4 * largest) << "vector " << i;
+        for (int j = 0; j <= i; ++j)
+            EXPECT_NEAR(dot(v, dict.frows[j]), i == j ? 1.0 : 0.0, 1e-5) << i << "," << j;
+    }
+    // Fifty vectors of fifty independent patterns span them: each pattern is its own expansion.
+    for (std::size_t p = 0; p < xs.size(); ++p) {
+        std::vector<double> back(256, 0.0);
+        for (int i = 0; i < dict.count; ++i) {
+            const double c = dot(xs[p].data(), dict.frows[i]);
+            for (int k = 0; k < 256; ++k) back[k] += c * dict.frows[i][k];
+        }
+        double miss = 0, size = 0;
+        for (int k = 0; k < 256; ++k) {
+            miss += (back[k] - xs[p][k]) * (back[k] - xs[p][k]);
+            size += double(xs[p][k]) * xs[p][k];
+        }
+        EXPECT_LT(std::sqrt(miss / size), 1e-4) << "pattern " << p;
     }
 }
 

@@ -5,7 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <fstream>
+#include <map>
 #include <memory>
 
 #include "cli_support.h"
@@ -377,14 +380,62 @@ TEST(CliEval, ReportsEveryMethodAndWritesScoresAndPage) {
                       HasSubstr("1 MSM"), HasSubstr("4 CMSM")));
     const std::string csv = ReadText(work / "out/scores.csv");
     EXPECT_THAT(csv, StartsWith("method,probe,candidate,score,genuine\n"));
-    // 3 methods x 4 probes x 4 candidates, one of the four genuine.
-    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + 48);
-    EXPECT_EQ(std::count(csv.begin(), csv.end(), ','), 4 * 49);
-    int genuine = 0;
+    // Every method, probe and candidate once, in that order; the genuine flag on the row whose
+    // candidate is the probe's own person (enrolled as "p<i+1>_P<i>") and on no other.
+    struct Figures {
+        int firstRank = 0, trueAccepts = 0, falseAccepts = 0;
+    };
+    std::map<std::string, Figures> byMethod;
     std::istringstream rows(csv);
-    for (std::string line; std::getline(rows, line);)
-        if (line.size() > 2 && line.substr(line.size() - 2) == ",1") ++genuine;
-    EXPECT_EQ(genuine, 12);
+    std::string line;
+    std::getline(rows, line);
+    for (const std::string method : {"0", "1", "4"})
+        for (int p = 0; p < 4; ++p) {
+            std::vector<int> scores;
+            for (int c = 0; c < 4; ++c) {
+                ASSERT_TRUE(std::getline(rows, line)) << "method " << method << " probe " << p;
+                std::vector<std::string> f;
+                std::istringstream fields(line);
+                for (std::string v; std::getline(fields, v, ',');) f.push_back(v);
+                ASSERT_EQ(f.size(), 5u) << line;
+                EXPECT_EQ(f[0], method) << line;
+                EXPECT_EQ(f[1], "P" + std::to_string(p)) << line;
+                EXPECT_EQ(f[2], "p" + std::to_string(c + 1) + "_P" + std::to_string(c)) << line;
+                EXPECT_EQ(f[4], c == p ? "1" : "0") << line;
+                ASSERT_EQ(f[3].find_first_not_of("0123456789"), std::string::npos) << line;
+                scores.push_back(std::stoi(f[3]));
+                EXPECT_LE(scores.back(), 1000) << line;
+            }
+            Figures& fig = byMethod[method];
+            int above = 0;
+            for (int c = 0; c < 4; ++c) {
+                above += c != p && scores[c] >= scores[p] ? 1 : 0;
+                if (scores[c] > 850) ++(c == p ? fig.trueAccepts : fig.falseAccepts);
+            }
+            fig.firstRank += above == 0 ? 1 : 0;
+        }
+    EXPECT_FALSE(std::getline(rows, line)) << "a row too many: " << line;
+    // The table's rank-1 and its accepts at the threshold (850) are those of the scores file.
+    const auto percent = [](int part, int whole) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%.1f%%", 100.0 * part / whole);
+        return std::string(text);
+    };
+    for (const auto& [method, fig] : byMethod) {
+        std::istringstream out(r.out);
+        std::vector<std::string> words;
+        while (std::getline(out, line))
+            if (line.rfind(method + " ", 0) == 0 && line.find('%') != std::string::npos) {
+                std::istringstream split(line);
+                for (std::string w; split >> w;) words.push_back(w);
+            }
+        ASSERT_GE(words.size(), 4u) << "no table row of method " << method;
+        const auto rank1 = std::find_if(words.begin(), words.end(),
+                                        [](const std::string& w) { return w.back() == '%'; });
+        EXPECT_EQ(*rank1, percent(fig.firstRank, 4)) << method;
+        EXPECT_EQ(words[words.size() - 2], percent(fig.trueAccepts, 4)) << method;
+        EXPECT_EQ(words.back(), percent(fig.falseAccepts, 12)) << method;
+    }
     EXPECT_THAT(ReadText(work / "out/report.html"), StartsWith("<!DOCTYPE html>"));
     EXPECT_THAT(ReadText(work / "out/summary.json"), HasSubstr("\"sweep\": [],"));  // --no-sweep
     EXPECT_FALSE(Exists(work / "out/eval.png"));

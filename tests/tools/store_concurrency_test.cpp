@@ -2,12 +2,17 @@
 // registry, add its person and replace the file, so the last writers won and the others' persons
 // vanished although their commands said "enrolled". Now every process whose command succeeded
 // must find its person listed, loadable and recognised, and nobody else may be listed.
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -72,6 +77,20 @@ class StoreConcurrency : public ::testing::Test {
         }
     }
 
+    // Which of the processes said, within a minute, that they wait for the directory's lock.
+    static std::vector<bool> QueuedFor(const std::string& dir,
+                                       const std::vector<Launched>& running) {
+        const std::string waits = "waiting for the lock on " + dir + " held by ";
+        std::vector<bool> queued(running.size(), false);
+        for (int tick = 0; tick < 600 && std::count(queued.begin(), queued.end(), false) > 0;
+             ++tick) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            for (std::size_t k = 0; k < running.size(); ++k)
+                queued[k] = clitest::ReadText(running[k].errPath).find(waits) != std::string::npos;
+        }
+        return queued;
+    }
+
     static std::unique_ptr<Scratch> frames_;
 };
 
@@ -112,6 +131,33 @@ TEST_F(StoreConcurrency, ProcessesEnrollingAtOnceAreAllListed) {
     ExpectListedAndRecognised(dir, succeeded);
 }
 
+// The same with every process queued to write before any of them may: the test holds the lock
+// as a reader, which lets each open the directory (and read its empty registry) but not write,
+// until each has said that it waits. Then they all add to the registry one after another, each
+// having read it before the others wrote.
+TEST_F(StoreConcurrency, ProcessesQueuedOnTheLockAreAllListed) {
+    Scratch work("queue");
+    const std::string dir = work / "dict";
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    msm::DirectoryLock held;
+    ASSERT_TRUE(msm::DirectoryLock::acquire(dir, msm::LockMode::Shared, {}, held).ok());
+    std::vector<Launched> running;
+    for (int id = 1; id <= kPersons; ++id)
+        running.push_back(Launch(EnrolArgs(dir, id), work / ("enrol" + std::to_string(id))));
+    const std::vector<bool> queued = QueuedFor(dir, running);
+    held.release();
+    EXPECT_EQ(queued, std::vector<bool>(kPersons, true));
+    std::set<int> succeeded;
+    for (int k = 0; k < kPersons; ++k) {
+        const Finished f = Wait(running[k]);
+        EXPECT_EQ(f.status, 0) << NameOf(k + 1) << ": " << f.err;
+        EXPECT_THAT(f.out, HasSubstr("enrolled " + NameOf(k + 1)));
+        if (f.status == 0) succeeded.insert(k + 1);
+    }
+    EXPECT_EQ(succeeded.size(), static_cast<std::size_t>(kPersons));
+    ExpectListedAndRecognised(dir, succeeded);
+}
+
 TEST_F(StoreConcurrency, EnrolmentsRacingDeletionsLoseNobody) {
     Scratch work("race");
     const std::string dir = work / "dict";
@@ -119,25 +165,35 @@ TEST_F(StoreConcurrency, EnrolmentsRacingDeletionsLoseNobody) {
         const Finished f = Wait(Launch(EnrolArgs(dir, id), work / ("pre" + std::to_string(id))));
         ASSERT_EQ(f.status, 0) << f.err;
     }
-    // Deletions of the first three interleaved with enrolments of the next three.
-    std::vector<std::pair<int, Launched>> running;
+    // Deletions of the first three interleaved with enrolments of the next three, each queued to
+    // write (the test holds the lock as a reader) after it read the registry of 1, 2 and 3.
+    msm::DirectoryLock held;
+    ASSERT_TRUE(msm::DirectoryLock::acquire(dir, msm::LockMode::Shared, {}, held).ok());
+    std::vector<int> who;
+    std::vector<Launched> running;
     for (int k = 0; k < 3; ++k) {
         const int enrolled = 4 + k, deleted = 1 + k;
-        running.emplace_back(enrolled, Launch(EnrolArgs(dir, enrolled),
-                                              work / ("enrol" + std::to_string(enrolled))));
-        running.emplace_back(-deleted, Launch({"delete", dir, "--id", std::to_string(deleted)},
-                                              work / ("delete" + std::to_string(deleted))));
+        who.push_back(enrolled);
+        running.push_back(
+            Launch(EnrolArgs(dir, enrolled), work / ("enrol" + std::to_string(enrolled))));
+        who.push_back(-deleted);
+        running.push_back(Launch({"delete", dir, "--id", std::to_string(deleted)},
+                                 work / ("delete" + std::to_string(deleted))));
     }
+    const std::vector<bool> queued = QueuedFor(dir, running);
+    held.release();
+    EXPECT_EQ(queued, std::vector<bool>(running.size(), true));
     std::set<int> expected = {1, 2, 3};
-    for (auto& [who, launched] : running) {
-        const Finished f = Wait(launched);
+    for (std::size_t k = 0; k < running.size(); ++k) {
+        const Finished f = Wait(running[k]);
         EXPECT_EQ(f.status, 0) << f.err;
         if (f.status != 0) continue;
-        if (who > 0)
-            expected.insert(who);
+        if (who[k] > 0)
+            expected.insert(who[k]);
         else
-            expected.erase(-who);
+            expected.erase(-who[k]);
     }
+    EXPECT_EQ(expected, (std::set<int>{4, 5, 6}));
     ExpectListedAndRecognised(dir, expected);
     for (int id = 1; id <= 3; ++id) {
         if (expected.count(id)) continue;
