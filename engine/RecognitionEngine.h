@@ -18,6 +18,7 @@
 #include "dictionary/MtrxChunk.h"
 #include "normalise/feature_extraction.h"
 #include "recognition/MWMSMRecognition.h"
+#include "recognition/person_dictionary.h"
 
 namespace msm {
 constexpr int kEngineDimension = 256;
@@ -37,7 +38,7 @@ class RecognitionEngine {
     int32_t* resultIds = nullptr;
     int32_t RecogORRegist = 0;
     int32_t recognitionmethod = 1;
-    int32_t DICACQUISITIONNUM = 50;
+    int32_t DICACQUISITIONNUM = msm::kFacesPerRegistration;
     int32_t NullFrames = 0;
     int32_t RefreshTime = 5;
     int32_t imageWidth = 0;
