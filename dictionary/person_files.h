@@ -11,6 +11,9 @@
 
 namespace msm {
 
+// Vectors per channel a person's ".dck" keeps unless a legacy host sets another limit.
+inline constexpr int kPersonDictionaryVectors = 256;
+
 // Writes stem.mck, then stem.dck with at most `limit` float vectors per channel (0: all). The
 // records go first: a ".dck" beside an older ".mck" would expand into something else on the next
 // addition. Fails (File) naming the file that was not written and why, as far as the writer

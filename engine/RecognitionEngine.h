@@ -16,6 +16,7 @@
 
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
+#include "dictionary/person_files.h"
 #include "normalise/feature_extraction.h"
 #include "recognition/MWMSMRecognition.h"
 #include "recognition/person_dictionary.h"
@@ -44,7 +45,7 @@ class RecognitionEngine {
     int32_t imageWidth = 0;
     int32_t imageHeight = 0;
     int32_t Addition_id = 0;
-    int32_t LimitWriteVectNum = 256;
+    int32_t LimitWriteVectNum = msm::kPersonDictionaryVectors;
     int32_t constraintUpdateMode = 0;  // 1: persons' dictionaries come from their ".mck" records
     bool IncrementalCMSMspaceUpdate = true;
     BasicImageFile* faceImage = nullptr;
