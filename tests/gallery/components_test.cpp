@@ -13,7 +13,7 @@
 #include <msmface/FaceRecognition.h>
 #include <msmface/store.h>
 
-#include "dictionary/stamp.h"
+#include "common/fixed_clock.h"
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
 #include "gallery_support.h"
@@ -35,16 +35,9 @@ using msmface::Gallery;
 using msmface::Method;
 using msmface::Sample;
 
-msm::ClockReading FixedClock() {
+msm::ClockReading PiDay() {
     return {3, 14, 26, 15, 9, 26};
 }
-
-// Every file stamp written while it lives carries the same moment.
-class FixedClockScope {
-  public:
-    FixedClockScope() { msm::setClockSource(&FixedClock); }
-    ~FixedClockScope() { msm::setClockSource(nullptr); }
-};
 
 // A host of the legacy engine that enrols as hosts of the exported interface do: the faces of
 // the frames cropped one by one while the engine gathers them.
@@ -118,7 +111,7 @@ std::vector<Sample> FramesOf(int i) {
 }
 
 TEST(Components, AnEnrolmentAndARebuildWriteTheLegacyHostsFilesByteForByte) {
-    FixedClockScope clock;
+    msmtest::FixedClock clock(PiDay);
     ScratchDir legacyDir, galleryDir;
     LegacyHost legacy(legacyDir.path());
     Gallery gallery = OpenOrDie(galleryDir.path());
