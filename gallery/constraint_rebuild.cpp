@@ -138,8 +138,12 @@ Status Gallery::rebuildConstraint(int dimension) {
     std::vector<std::string> dictionaries;
     for (const Person& p : g.state->persons)
         dictionaries.push_back(g.dir() + "/" + p.name + ".dck");
-    status = msm::generateConstraintSpace(dictionaries, 0, msm::kFacePatternChannels,
-                                          g.dir() + "/" + fresh);
+    {
+        // Our own message names the file; the legacy words would only repeat it.
+        msm::DiagnosticCapture quiet;
+        status = msm::generateConstraintSpace(dictionaries, 0, msm::kFacePatternChannels,
+                                              g.dir() + "/" + fresh);
+    }
     if (!status.ok()) {
         removeConstraintFiles(g.dir(), fresh);
         return status;
@@ -155,6 +159,7 @@ Status Gallery::rebuildConstraint(int dimension) {
     // The new space is loaded as recognition will load it before the list names it: a space that
     // does not load never becomes current, and the old one stays.
     {
+        msm::DiagnosticCapture quiet;
         std::optional<MemoryFile> placed;
         if (blanks) placed.emplace(listText(detail::engineFolder(*g.state) + "/" + fresh));
         auto loaded = core::ConstraintSpaces::load(
