@@ -157,8 +157,8 @@ std::vector<int> currentScores(FaceRecognition& engine, int persons);
 
 namespace msmface {
 
-// The gallery's side: the directory's one writer in this process, with an engine that enrols and
-// recognises.
+// The gallery's side: the directory's one writer in this process, with an engine that recognises.
+// Enrolments and rebuilds write their files through the dictionary and constraint components.
 class Gallery::Impl {
   public:
     explicit Impl(const std::string& dir)
