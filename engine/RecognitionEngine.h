@@ -16,9 +16,11 @@
 
 #include "dictionary/DictChunk.h"
 #include "dictionary/MtrxChunk.h"
+#include "dictionary/person_files.h"
 #include "engine/frame_protocol.h"
 #include "normalise/feature_extraction.h"
 #include "recognition/MWMSMRecognition.h"
+#include "recognition/person_dictionary.h"
 
 namespace msm {
 constexpr int kEngineDimension = 256;
@@ -39,14 +41,15 @@ class RecognitionEngine {
     int32_t* rankedIds = nullptr;
     msm::OperatingMode operatingMode = msm::OperatingMode::Idle;
     msm::RecognitionMethod recognitionMethod = msm::RecognitionMethod::Msm;
-    int32_t framesToGather = 50;
+    int32_t framesToGather = msm::kFacesPerRegistration;
     int32_t facelessFrames = 0;
     int32_t facelessFramesTolerated = 5;  // negative: face-less frames never clear the input
     int32_t cameraWidth = 0;
     int32_t cameraHeight = 0;
     int32_t additionPerson = 0;
-    int32_t writtenVectorLimit = 256;  // per channel; below 1: every vector
-    int32_t spaceSourceMode = 0;       // 1: persons' dictionaries come from their ".mck" records
+    int32_t writtenVectorLimit =
+        msm::kPersonDictionaryVectors;  // per channel; below 1: every vector
+    int32_t spaceSourceMode = 0;        // 1: persons' dictionaries come from their ".mck" records
     bool updateSpaceAtOnce = true;
     BasicImageFile* faceImage = nullptr;
     bool registrationSucceeded = true;

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <vector>
 
+#include "dictionary/person_files.h"
 #include "engine/RecognitionEngine.h"
 #include "engine/frame_screening.h"
-#include "recognition/kl_expansion.h"
+#include "recognition/person_dictionary.h"
 
 namespace {
 
@@ -42,32 +44,21 @@ int RecognitionEngine::BuildRecords(int n, PatternAt patterns, FaceAt faces, Mtr
     } else {
         for (int k = 0; k < n; ++k) used.push_back(k);
     }
-    if (records.Allocate(channelCount) != 1) return -1;
-    std::vector<float*> rows(used.size());
-    for (int c = 0; c < channelCount; ++c) {
-        for (std::size_t i = 0; i < used.size(); ++i) rows[i] = patterns(c, used[i]);
-        if (msm::buildAutocorrelationRecord(rows.data(), static_cast<int>(rows.size()),
-                                            msm::kEngineDimension, records.prims[c]) != 0)
-            return -1;
-    }
-    return 0;
+    std::vector<std::vector<float*>> rows(static_cast<std::size_t>(channelCount));
+    for (int c = 0; c < channelCount; ++c)
+        for (int k : used) rows[static_cast<std::size_t>(c)].push_back(patterns(c, k));
+    return msm::buildPersonRecords(rows, msm::kEngineDimension, records).ok() ? 0 : -1;
 }
 
 bool RecognitionEngine::ExpandRecords(const MtrxChunk& records, DictChunk& dictionaries) {
-    if (records.count != channelCount || dictionaries.Allocate(channelCount) != 1) return false;
-    float spectrum[msm::kEngineDimension];
-    const bool keepSpectrum = keepSpectrumFlag == 1;
-    for (int c = 0; c < channelCount; ++c) {
-        if (msm::expandAutocorrelation(records.prims[c], dictionaries.prims[c],
-                                       keepSpectrum ? spectrum : nullptr) != 0)
-            return false;
-        if (keepSpectrum && workBuffer != nullptr)
-            std::memcpy(workBuffer, spectrum, sizeof spectrum);
-    }
+    std::function<void(const float*)> spectrum;
+    if (keepSpectrumFlag == 1)
+        spectrum = [this](const float* values) {
+            if (workBuffer != nullptr)
+                std::memcpy(workBuffer, values, sizeof(float) * msm::kEngineDimension);
+        };
     const int minimum = std::max(msm::kMinBasisCount, recognizer->basisCount);
-    for (int c = 0; c < channelCount; ++c)
-        if (dictionaries.prims[c].count < minimum) return false;
-    return true;
+    return msm::expandPersonRecords(records, channelCount, minimum, spectrum, dictionaries).ok();
 }
 
 bool RecognitionEngine::MergeRecords(MtrxChunk& stored, const MtrxChunk& added) const {
@@ -91,8 +82,7 @@ bool RecognitionEngine::MergeRecords(MtrxChunk& stored, const MtrxChunk& added) 
 
 bool RecognitionEngine::WritePersonFiles(const std::string& stem, MtrxChunk& records,
                                          const DictChunk& dictionaries) {
-    return records.Write((stem + ".mck").c_str()) == 1 &&
-           dictionaries.Write((stem + ".dck").c_str(), writtenVectorLimit, kDicPrimFloat) == 1;
+    return msm::writePersonFiles(stem, records, dictionaries, writtenVectorLimit).ok();
 }
 
 void RecognitionEngine::RenewFaceImage(const std::string& stem) {

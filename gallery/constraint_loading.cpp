@@ -95,13 +95,13 @@ std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& sta
     const std::string& dir = state.dir;
     const std::string list = constraintListPath(dir);
     if (!hasConstraintList(dir))
-        return dir + ": no constraint space yet (run \"msmface constraint " + dir + "\")";
+        return dir + ": no constraint space yet (build one with Gallery::rebuildConstraint)";
     const std::string problem = msm::constraintListProblem(dir);
     if (!problem.empty()) return problem;
     const std::string invalid = checkConstraintFiles(dir, list);
     if (!invalid.empty())
         return list + ": the constraint space does not load (" + invalid +
-               "); run \"msmface constraint\" again";
+               "); rebuild it with Gallery::rebuildConstraint";
     int status = 0;
     {
         msm::DiagnosticCapture quiet;
@@ -117,7 +117,7 @@ std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& sta
     }
     if (status <= 0)
         return list + ": the constraint space does not load (status " + std::to_string(status) +
-               "); run \"msmface constraint\" again";
+               "); rebuild it with Gallery::rebuildConstraint";
     engine.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
     engine.DicConvert();
     return {};

@@ -8,13 +8,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <optional>
 
+#include "core/constraint_spaces.h"
 #include "gallery/gallery_impl.h"
 #include "gallery/memory_file.h"
 #include "io/atomic_file.h"
+#include "normalise/face_patterns.h"
 #include "numeric/diagnostics.h"
+#include "recognition/class_data.h"
 #include "recognition/constraint_list.h"
 #include "store/registry.h"
 #include "store/store_files.h"
@@ -48,13 +52,47 @@ void removeConstraintFiles(const std::string& dir, const std::string& stem) {
     for (const char* ext : {".dck", ".dckev", ".mck"}) ::unlink((dir + "/" + stem + ext).c_str());
 }
 
+std::function<void(const std::string&)>& spaceWrittenHook() {
+    static std::function<void(const std::string&)> hook;
+    return hook;
+}
+
+// Writes the list text to a temporary beside the list. Its path, or empty with the reason.
+std::string writeListTemporary(const std::string& list, const std::string& text,
+                               std::string& reason) {
+    std::string temp = list + ".tmpXXXXXX";
+    const int fd = ::mkstemp(temp.data());
+    if (fd < 0) {
+        reason = std::strerror(errno);
+        return {};
+    }
+    ::fchmod(fd, 0644);
+    errno = 0;
+    bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    written = written && ::fsync(fd) == 0;
+    const int writeError = errno != 0 ? errno : ENOSPC;
+    written = ::close(fd) == 0 && written;
+    if (written) return temp;
+    ::unlink(temp.c_str());
+    reason = std::strerror(writeError);
+    return {};
+}
+
 }  // namespace
+
+namespace detail {
+
+void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook) {
+    spaceWrittenHook() = std::move(hook);
+}
+
+}  // namespace detail
 
 Status Gallery::rebuildConstraint(int dimension) {
     Impl& g = *impl_;
     if (dimension < 1 || dimension > 256)
         return fail(ErrorKind::Argument,
-                    "--dimension " + std::to_string(dimension) + ": expected 1 to 256");
+                    "dimension " + std::to_string(dimension) + ": expected 1 to 256");
     msm::DirectoryLock directoryLock;
     Status status = g.beginWrite(directoryLock);
     if (!status.ok()) return status;
@@ -89,73 +127,65 @@ Status Gallery::rebuildConstraint(int dimension) {
     if (blanks && !g.state->folder.valid())
         return fail(ErrorKind::File, g.dir() + ": cannot be opened to build a constraint space");
     const std::string stem = blanks ? fresh : here + "/" + fresh;
+    const auto listText = [dimension](const std::string& at) {
+        return "1\n1\nCMSML " + at + " " + std::to_string(dimension) + " " + at + "\n";
+    };
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
     // Left by a rebuild that was killed: not named by any list.
     removeConstraintFiles(g.dir(), fresh);
-    const std::string list = detail::constraintListPath(g.dir());
-    // The engine generates the space from this list before it takes the list's name, so that
-    // the list never names a space whose files are not written yet.
-    std::string temp = list + ".tmpXXXXXX";
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0)
-        return fail(ErrorKind::File, list + ": cannot be written (" + std::strerror(errno) + ")");
-    ::fchmod(fd, 0644);
-    const std::string text =
-        "1\n1\nCMSML " + stem + " " + std::to_string(dimension) + " " + stem + "\n";
-    errno = 0;
-    bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    written = written && ::fsync(fd) == 0;
-    const int writeError = errno != 0 ? errno : ENOSPC;
-    written = ::close(fd) == 0 && written;
-    if (!written) {
-        ::unlink(temp.c_str());
-        return fail(ErrorKind::File,
-                    list + ": cannot be written (" + std::strerror(writeError) + ")");
-    }
-    FaceRecognition& e = *g.engine;
-    e.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
-    int generated = 0;
-    msm::clearWriteFailure();
+    // Every person the gallery recognises, in its order, from their dictionaries.
+    std::vector<std::string> dictionaries;
+    for (const Person& p : g.state->persons)
+        dictionaries.push_back(g.dir() + "/" + p.name + ".dck");
     {
-        // Before the first generation the space's files do not exist yet: the load fails, but
-        // the list is known and the generation writes the files.
+        // Our own message names the file; the legacy words would only repeat it.
+        msm::DiagnosticCapture quiet;
+        status = msm::generateConstraintSpace(dictionaries, 0, msm::kFacePatternChannels,
+                                              g.dir() + "/" + fresh);
+    }
+    if (!status.ok()) {
+        removeConstraintFiles(g.dir(), fresh);
+        return status;
+    }
+    if (spaceWrittenHook()) spaceWrittenHook()(g.dir() + "/" + fresh);
+    const std::string list = detail::constraintListPath(g.dir());
+    std::string reason;
+    const std::string temp = writeListTemporary(list, listText(stem), reason);
+    if (temp.empty()) {
+        removeConstraintFiles(g.dir(), fresh);
+        return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
+    }
+    // The new space is loaded as recognition will load it before the list names it: a space that
+    // does not load never becomes current, and the old one stays.
+    {
         msm::DiagnosticCapture quiet;
         std::optional<MemoryFile> placed;
-        if (blanks) {
-            const std::string at = detail::engineFolder(*g.state) + "/" + fresh;
-            placed.emplace("1\n1\nCMSML " + at + " " + std::to_string(dimension) + " " + at + "\n");
+        if (blanks) placed.emplace(listText(detail::engineFolder(*g.state) + "/" + fresh));
+        auto loaded = core::ConstraintSpaces::load(
+            placed ? placed->path() : temp,
+            core::PatternShape{msm::kFacePatternDimension, msm::kFacePatternChannels});
+        if (!loaded.ok()) {
+            ::unlink(temp.c_str());
+            removeConstraintFiles(g.dir(), fresh);
+            return fail(ErrorKind::File, g.dir() + "/" + fresh +
+                                             ": the new constraint space does not load (" +
+                                             loaded.message() + "); the old one stays");
         }
-        e.InitConstraintMSM(placed ? placed->path().c_str() : temp.c_str());
-        generated = e.UpdateCMSMDictionary(0);
-    }
-    const std::string writeFailure = msm::lastWriteFailure();
-    if (generated != 1 || !writeFailure.empty()) {
-        ::unlink(temp.c_str());
-        removeConstraintFiles(g.dir(), fresh);
-        g.constraintLoaded = false;
-        g.finishWrite();
-        return fail(ErrorKind::File,
-                    !writeFailure.empty()
-                        ? writeFailure
-                        : g.dir() + ": the constraint space could not be generated or written");
     }
     if (::rename(temp.c_str(), list.c_str()) != 0) {
-        const std::string reason = std::strerror(errno);
+        const std::string why = std::strerror(errno);
         ::unlink(temp.c_str());
         removeConstraintFiles(g.dir(), fresh);
-        g.constraintLoaded = false;
-        g.finishWrite();
-        return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
+        return fail(ErrorKind::File, list + ": cannot be written (" + why + ")");
     }
     msm::syncDirectory(g.dir());
     // Only a space of ours is removed: a list written by hand may name any file.
     if (msm::isConstraintStem(old) && old != fresh && !listed(old))
         removeConstraintFiles(g.dir(), old);
     g.finishWrite();
-    g.constraintLoaded = false;
-    status = g.loadConstraint();
     ++g.state->constraintRevision;
+    status = g.constraintRebuilt();
     g.state->generation.fetch_add(1);
     return status;
 }

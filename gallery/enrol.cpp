@@ -7,13 +7,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 
+#include "dictionary/person_files.h"
 #include "gallery/gallery_impl.h"
 #include "io/atomic_file.h"
+#include "normalise/face_patterns.h"
 #include "numeric/diagnostics.h"
+#include "recognition/MSMRecognition.h"
+#include "recognition/person_dictionary.h"
 #include "store/registry.h"
 #include "store/store_files.h"
 
@@ -49,17 +57,47 @@ std::string Gallery::Impl::existingPersonFile(const std::string& name) const {
     return {};
 }
 
+namespace {
+
+// The picture of the person that goes beside the dictionary: the frame of the second face
+// gathered, in grey, as the legacy registration keeps it. Until that face comes it is a black
+// colour picture of the first frame's size (none for a size whose picture would not fit).
+class EnrolmentPicture {
+  public:
+    EnrolmentPicture(int width, int height) {
+        if (static_cast<int64_t>(width) * height * 24 <= INT32_MAX)
+            picture_ = std::make_unique<BasicImageFile>(width, height, 24);
+    }
+    void take(const BasicImageFile& grey) {
+        if (!picture_ || picture_->pixels == nullptr || grey.width != picture_->width ||
+            grey.height != picture_->height)
+            return;
+        std::memcpy(picture_->pixels, grey.pixels,
+                    static_cast<std::size_t>(grey.width) * static_cast<std::size_t>(grey.height));
+        picture_->bitsPerPixel = 8;
+    }
+    // A write that fails is noted with the other write failures.
+    void write(const std::string& path) {
+        if (picture_ && picture_->pixels != nullptr) picture_->WriteBmp(path.c_str());
+    }
+
+  private:
+    std::unique_ptr<BasicImageFile> picture_;
+};
+
+}  // namespace
+
 Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>& frames) {
     Impl& g = *impl_;
     if (id < 1)
         return fail(ErrorKind::Argument,
-                    "--id " + std::to_string(id) + ": expected an ID number of 1 or more");
+                    "id " + std::to_string(id) + ": expected an ID number of 1 or more");
     if (!detail::validKeyName(name))
-        return fail(ErrorKind::Argument, "--name \"" + name +
+        return fail(ErrorKind::Argument, "name \"" + name +
                                              "\": expected 1 to 64 letters, digits, '_', '-' "
                                              "or '.', not starting with '.'");
     if (msm::isReservedKeyName(name))
-        return fail(ErrorKind::Argument, "--name " + msm::reservedKeyNameReason(name));
+        return fail(ErrorKind::Argument, "name " + msm::reservedKeyNameReason(name));
     if (frames.empty())
         return fail(ErrorKind::Argument, "no frames: expected at least one image with its points");
     Status status = g.checkSamples(frames);
@@ -71,11 +109,11 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     if (!status.ok()) return status;
     for (const Person& p : g.state->persons) {
         if (p.id == id)
-            return fail(ErrorKind::Argument, "--id " + std::to_string(id) +
+            return fail(ErrorKind::Argument, "id " + std::to_string(id) +
                                                  ": the ID number is taken by \"" + p.name + "\"");
         if (p.name == name)
             return fail(ErrorKind::Argument,
-                        "--name " + name + ": the key name is taken by ID " + std::to_string(p.id));
+                        "name " + name + ": the key name is taken by ID " + std::to_string(p.id));
     }
     for (const LeftOut& left : g.state->leftOut) {
         const Person& p = left.person;
@@ -83,18 +121,12 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         const bool orphan = std::any_of(g.state->orphans.begin(), g.state->orphans.end(),
                                         [&](const Person& o) { return o.id == p.id; });
         return fail(ErrorKind::Argument,
-                    "--id/--name: " + std::to_string(p.id) + " " + p.name +
+                    (p.id == id ? "id " + std::to_string(id) : "name " + name) + ": " +
+                        std::to_string(p.id) + " " + p.name +
                         (orphan ? " is listed without its files"
                                 : " is listed but not loaded (" + left.reason + ")") +
                         "; delete it first");
     }
-    // Every host of the directory loads every listed person: one more than an engine holds would
-    // make the directory unusable to them.
-    if (g.state->listed.size() >= static_cast<std::size_t>(kMaxLoadedPersons))
-        return fail(ErrorKind::Argument,
-                    g.dir() + ": already lists " + std::to_string(g.state->listed.size()) +
-                        " persons, as many as an engine holds (" +
-                        std::to_string(kMaxLoadedPersons) + "); delete one first");
     // A file of this name that no entry lists is the user's (a person taken out of the registry
     // by hand, a picture put there): the enrolment would replace it, and a failed one remove it.
     const std::string foreign = g.existingPersonFile(name);
@@ -104,78 +136,82 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         return fail(ErrorKind::File,
                     foreign + ": exists, and no person of the registry names it; move it away" +
                         (exists(detail::registryPath(g.dir()))
-                             ? std::string(" or run \"msmface check --repair\" (which moves it "
-                                           "to ") +
+                             ? std::string(" or repair the directory (repairStore moves it to ") +
                                    kLostAndFoundName + ")"
                              : std::string()));
     status = g.checkWritable();
     if (!status.ok()) return status;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
-    FaceRecognition& e = *g.engine;
-    // The engine's writers say only that a file failed; which one and why is kept aside.
-    msm::clearWriteFailure();
-    if (e.idDatabase->SetNewKeyname(name.c_str()) != 1)
-        return fail(ErrorKind::Internal, "the engine refused the key name");
-    e.image_size_set(frames.front().frame.width, frames.front().frame.height);
-    e.Set_RecogORRegist(2);
-    e.Reset_gather_counter();
-    int gathered = 0;
+    std::optional<msm::FacePatterns> faces;
+    std::optional<msm::GatheredPatterns> gathered;
+    try {
+        faces.emplace();
+        gathered.emplace(msm::kFacePatternChannels, msm::kFacePatternDimension,
+                         msm::kFacesPerRegistration);
+    } catch (const std::bad_alloc&) {
+        return fail(ErrorKind::Internal, "out of memory for an enrolment");
+    }
+    EnrolmentPicture picture(frames.front().frame.width, frames.front().frame.height);
     bool interrupted = false;
     for (const Sample& s : frames) {
-        if (e.Get_RecogORRegist() != 2) break;
+        if (gathered->full()) break;
         if (g.interrupted && g.interrupted()) {
             interrupted = true;
             break;
         }
-        if (!g.crop(s)) continue;
-        ++gathered;
-        e.FrameProcess(2);
+        const std::optional<PartsPosition> parts = g.greyFrame(s);
+        if (!parts || !faces->normalise(g.image, *parts, g.face.pixels)) continue;
+        if (gathered->count() == 1) picture.take(g.image);
+        faces->patterns(g.face.pixels, gathered->next());
+        gathered->add();
     }
-    const bool ran = !interrupted && e.Get_RecogORRegist() != 2;
-    const bool ok = ran && e.Get_RegistCondition();
-    e.Set_RecogORRegist(1);
-    // The picture's writer reports no failure of its own (hosts of the engine rely on that); a
-    // gallery keeps a person only with all files complete.
-    const std::string writeFailure = msm::lastWriteFailure();
-    if (!ok || !writeFailure.empty()) {
-        e.idDatabase->FreeNewKeyname();
-        g.removePersonFiles(name);
-        if (!writeFailure.empty()) return fail(ErrorKind::File, writeFailure);
-        if (interrupted) return fail(ErrorKind::Argument, "interrupted");
-        if (!ran)
-            return fail(ErrorKind::Argument,
-                        "only " + std::to_string(gathered) + " of " +
-                            std::to_string(frames.size()) +
-                            " frames gave a face; a registration needs " +
-                            std::to_string(e.Get_DICACQUISITIONNUM()) +
-                            " (add --copies and --jitter to make more from few)");
+    if (interrupted) return fail(ErrorKind::Argument, "interrupted");
+    if (!gathered->full())
+        return fail(ErrorKind::Argument,
+                    "only " + std::to_string(gathered->count()) + " of " +
+                        std::to_string(frames.size()) +
+                        " frames gave a face; a registration needs " +
+                        std::to_string(msm::kFacesPerRegistration) +
+                        " (more frames, or jittered copies of these, make up the number)");
+    MtrxChunk records;
+    DictChunk dictionaries;
+    status = msm::buildPersonRecords(gathered->rows(), msm::kFacePatternDimension, records);
+    if (!status.ok()) return status;
+    // The legacy engine expands with the spectrum kept (its diagnostic names that form); the
+    // gallery has no use for the values themselves.
+    if (!msm::expandPersonRecords(
+             records, msm::kFacePatternChannels,
+             std::max(msm::kMinBasisCount, msm::kDefaultBasisCount), [](const float*) {},
+             dictionaries)
+             .ok())
         return fail(ErrorKind::Argument, "the registration of \"" + name +
                                              "\" failed: its faces span too few directions");
+    // The writers say only that a file failed; which one and why is kept aside.
+    msm::clearWriteFailure();
+    const std::string stem = g.dir() + "/" + name;
+    status = msm::writePersonFiles(stem, records, dictionaries, msm::kPersonDictionaryVectors);
+    if (status.ok()) picture.write(stem + ".bmp");
+    const std::string writeFailure = msm::lastWriteFailure();
+    if (!status.ok() || !writeFailure.empty()) {
+        g.removePersonFiles(name);
+        return fail(ErrorKind::File, !writeFailure.empty() ? writeFailure : status.message());
     }
+    const Person person{id, name};
     std::vector<Person> next = g.state->listed;
-    next.push_back(Person{id, name});
+    next.push_back(person);
     const std::string error = detail::saveRegistry(g.dir(), next);
     if (!error.empty()) {
-        e.idDatabase->FreeNewKeyname();
         g.removePersonFiles(name);
         return fail(ErrorKind::File, error);
     }
     g.finishWrite();
-    g.state->persons.push_back(Person{id, name});
-    g.state->listed.push_back(Person{id, name});
+    g.state->persons.push_back(person);
+    g.state->listed.push_back(person);
     g.state->serials.push_back(g.state->newSerial());
-    g.loadedPersons.push_back(Person{id, name});
-    e.idDatabase->AddNewDictionary(g.table.add(Person{id, name}));
-    e.idDatabase->ReadIdDictionaries();
-    if (g.constraintLoaded) {
-        // The registration moved the space itself; the engine projects only under the
-        // all-spaces method, whichever method the last recognition used.
-        e.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
-        e.DicConvert();
-    }
+    status = g.personAdded(person);
     g.state->generation.fetch_add(1);
-    return {};
+    return status;
 }
 
 Status Gallery::remove(int id) {
@@ -190,7 +226,7 @@ Status Gallery::remove(int id) {
         if (g.state->leftOut[i].person.id == id) orphan = static_cast<int>(i);
     if (index < 0 && orphan < 0)
         return fail(ErrorKind::NotFound,
-                    "--id " + std::to_string(id) + ": no person with this ID number in " + g.dir());
+                    "id " + std::to_string(id) + ": no person with this ID number in " + g.dir());
     status = g.checkWritable();
     if (!status.ok()) return status;
 
@@ -202,49 +238,41 @@ Status Gallery::remove(int id) {
     for (const Person& p : g.state->listed)
         if (p.id != id) next.push_back(p);
     std::string error = detail::saveRegistry(g.dir(), next);
-    if (index >= 0) {
-        msm::DiagnosticCapture quiet;
-        g.engine->Deletion(index, true);
-    }
     if (!error.empty()) {
         // The registry's replacement needs room for its temporary, which on a full disk only the
         // person's own files can give: they go first, and the entry is written again. Should that
-        // fail as well, the person is listed without files, which a load leaves out and another
-        // deletion clears.
+        // fail as well, the person is listed without files: the directory is read again so that
+        // the gallery shows that, and another deletion clears it.
         g.removePersonFiles(name);
         error = detail::saveRegistry(g.dir(), next);
-    }
-    g.removePersonFiles(name);
-    // The engine leaves the record table to its host: start again from the files.
-    g.engine = Impl::newEngine();
-    g.table.clear();
-    g.constraintLoaded = false;
-    if (!error.empty()) {
-        g.load(true);
-        g.finishWrite();
-        g.state->generation.fetch_add(1);
-        return fail(ErrorKind::File, error);
-    }
-    status = g.load(true);
-    if (!status.ok()) {
-        // The person is gone from the registry and the disk whatever else does not load now.
-        if (index >= 0) {
-            g.state->persons.erase(g.state->persons.begin() + index);
-            g.state->serials.erase(g.state->serials.begin() + index);
+        if (!error.empty()) {
+            g.engine = Impl::newEngine();
+            g.table.clear();
+            g.constraintLoaded = false;
+            g.load(true);
+            g.finishWrite();
+            g.state->generation.fetch_add(1);
+            return fail(ErrorKind::File, error);
         }
-        g.loadedPersons = g.state->persons;
-        auto& orphans = g.state->orphans;
-        orphans.erase(std::remove_if(orphans.begin(), orphans.end(),
-                                     [id](const Person& p) { return p.id == id; }),
-                      orphans.end());
-        auto& leftOut = g.state->leftOut;
-        leftOut.erase(std::remove_if(leftOut.begin(), leftOut.end(),
-                                     [id](const LeftOut& p) { return p.person.id == id; }),
-                      leftOut.end());
-        g.state->listed = std::move(next);
     }
+    // From here on nothing fails: the registry no longer lists the person, and what is in memory
+    // follows it without reading the directory again.
+    g.removePersonFiles(name);
     g.finishWrite();
+    if (index >= 0) {
+        g.state->persons.erase(g.state->persons.begin() + index);
+        g.state->serials.erase(g.state->serials.begin() + index);
+    }
+    const auto named = [id](const Person& p) { return p.id == id; };
+    auto& orphans = g.state->orphans;
+    orphans.erase(std::remove_if(orphans.begin(), orphans.end(), named), orphans.end());
+    auto& leftOut = g.state->leftOut;
+    leftOut.erase(std::remove_if(leftOut.begin(), leftOut.end(),
+                                 [id](const LeftOut& p) { return p.person.id == id; }),
+                  leftOut.end());
+    g.state->listed = std::move(next);
+    g.personRemoved(id);
     g.state->generation.fetch_add(1);
-    return status;
+    return {};
 }
 }  // namespace msmface

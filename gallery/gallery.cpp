@@ -105,16 +105,21 @@ Status Gallery::Impl::checkSamples(const std::vector<Sample>& frames) const {
     return {};
 }
 
-bool Gallery::Impl::crop(const Sample& sample) {
+std::optional<PartsPosition> Gallery::Impl::greyFrame(const Sample& sample) {
     FacePoints points;
     if (sample.points)
         points = *sample.points;
     else if (!finder || !finder->findPoints(sample.frame, points))
-        return false;
-    if (!detail::toGrey(sample.frame, image)) return false;
+        return std::nullopt;
+    if (!detail::toGrey(sample.frame, image)) return std::nullopt;
     PartsPosition parts = detail::toParts(points);
-    if (!detail::anyPointPresent(parts)) return false;
-    return engine->FaceCropping(&image, nullptr, &parts, &face) == 1;
+    if (!detail::anyPointPresent(parts)) return std::nullopt;
+    return parts;
+}
+
+bool Gallery::Impl::crop(const Sample& sample) {
+    std::optional<PartsPosition> parts = greyFrame(sample);
+    return parts && engine->FaceCropping(&image, nullptr, &*parts, &face) == 1;
 }
 
 Status Gallery::Impl::loadConstraint() {

@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -135,6 +136,10 @@ std::string engineFolder(const GalleryState& state);
 // through engineFolder: the engine names the files through the state's folder from then on.
 std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state);
 
+// For tests: called with the stem of a rebuilt constraint space once its files are written, before
+// they are loaded and the list names them (null: nothing).
+void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook);
+
 // The engine's method number; -1 for a value outside the enumeration.
 int engineMethod(Method m);
 // An empty string or the reason the method or threshold cannot be used.
@@ -152,8 +157,8 @@ std::vector<int> currentScores(FaceRecognition& engine, int persons);
 
 namespace msmface {
 
-// The gallery's side: the directory's one writer in this process, with an engine that enrols and
-// recognises.
+// The gallery's side: the directory's one writer in this process, with an engine that recognises.
+// Enrolments and rebuilds write their files through the dictionary and constraint components.
 class Gallery::Impl {
   public:
     explicit Impl(const std::string& dir)
@@ -183,6 +188,8 @@ class Gallery::Impl {
     Status checkWritable() const;
     int findPerson(int id) const;
     Status checkSamples(const std::vector<Sample>& frames) const;
+    // The sample's frame in grey into image, and its points; none when it has no face.
+    std::optional<PartsPosition> greyFrame(const Sample& sample);
     // The sample's face normalised into the engine's next ring slot; false when it has none.
     bool crop(const Sample& sample);
     void removePersonFiles(const std::string& name) const;
@@ -190,6 +197,16 @@ class Gallery::Impl {
     // dangling link included), or empty.
     std::string existingPersonFile(const std::string& name) const;
     Status loadConstraint();
+
+    // The gallery's recognition follows a change of the directory (gallery_follow.cpp). Each is
+    // called with the directory's and the state's locks held, once the change is on disk (the
+    // registry or the constraint list replaced) and the state's lists (persons, listed, serials,
+    // orphans, leftOut) show it. After an enrolment: the new person, last in persons. After a
+    // removal: the person's ID; this cannot fail, the directory no longer lists the person. After
+    // a rebuild: the new space, whose list and files are checked to load.
+    Status personAdded(const Person& p);
+    void personRemoved(int id);
+    Status constraintRebuilt();
 
     std::shared_ptr<detail::GalleryState> state;
     std::unique_ptr<FaceRecognition> engine;

@@ -22,6 +22,8 @@ namespace msm {
 // Channels a recogniser accepts: the extractor delivers 5; more is a caller's mistake.
 constexpr int kMaxChannels = 64;
 constexpr int kMinBasisCount = 3;
+// Vectors compared per subspace until a host sets another count.
+constexpr int kDefaultBasisCount = 7;
 constexpr int kMaxBasisCount = 20;
 static_assert(kMaxBasisCount <= kMaxSimilarityRows, "the similarity scratch holds every basis");
 // Dictionary vectors that the single-pattern method always uses, whatever the basis count.
@@ -33,7 +35,8 @@ constexpr int kPersonsPerBatch = 8;
 class MSMRecognition {
   public:
     int32_t identifyThreshold = 850;
-    int32_t basisCount = 7;  // need_eigen_num: vectors of every input and compared dictionary
+    int32_t basisCount =
+        msm::kDefaultBasisCount;  // need_eigen_num: vectors of every input and compared dictionary
     int32_t dimension = msm::kPatternDim;
     int32_t twoStagePickRange = 16;  // stored for the host only
     int32_t reservedSetting = 16;    // stored only

@@ -411,9 +411,9 @@ int MWMSMRecognition::RebuildFromFiles(int n, const char* const* paths, const ch
 int MWMSMRecognition::RegenerateFromScratch(int n, const char* const* paths, int sourceKind) {
     if (learnedSpace < 0 || learnedSpace >= spaceCount) return 0;
     for (float** m : classData)
-        for (int i = 0; m != nullptr && i < kDim; ++i) std::memset(m[i], 0, kDim * sizeof(float));
-    const char* header = spaces[learnedSpace].stem.c_str();
-    return RebuildFromFiles(n, paths, header, header, sourceKind);
+        if (m == nullptr) return 0;
+    return msm::regenerateFromFiles(n, paths, generationBasisCount,
+                                    spaces[learnedSpace].stem.c_str(), Store(), sourceKind);
 }
 
 int MWMSMRecognition::RegenerateOnStoredData(int n, const char* const* paths, int sourceKind) {

@@ -8,6 +8,7 @@
 
 #include "dictionary/MtrxChunk.h"
 #include "dictionary/rows.h"
+#include "io/atomic_file.h"
 #include "numeric/eigen_steps.h"
 #include "recognition/kl_expansion.h"
 
@@ -206,6 +207,41 @@ int rebuildFromFiles(int n, const char* const* paths, int B, const char* stem, c
     }
     if (evStem != nullptr && writeEigenvalues(files, evStem) == 0) return 0;
     return writeVectorsAndMatrices(files, store, n, stem);
+}
+
+int regenerateFromFiles(int n, const char* const* paths, int B, const char* stem,
+                        const ClassStore& store, int sourceKind) {
+    for (int c = 0; c < store.channels; ++c)
+        for (int i = 0; i < D; ++i) std::memset(store.matrices[c][i], 0, D * sizeof(float));
+    return rebuildFromFiles(n, paths, B, stem, stem, store, sourceKind);
+}
+
+msmface::Status generateConstraintSpace(const std::vector<std::string>& personFiles, int sourceKind,
+                                        int channels, const std::string& stem) {
+    std::vector<float**> matrices(static_cast<std::size_t>(std::max(channels, 0)), nullptr);
+    const auto release = [&matrices] {
+        for (float**& m : matrices) freeRows(m);
+    };
+    for (float**& m : matrices)
+        if ((m = allocateRows<float>(D, D)) == nullptr) {
+            release();
+            return msmface::Status::failure(msmface::ErrorKind::Internal,
+                                            "out of memory for the constraint space");
+        }
+    std::vector<const char*> paths;
+    for (const std::string& f : personFiles) paths.push_back(f.c_str());
+    clearWriteFailure();
+    const int written =
+        regenerateFromFiles(static_cast<int>(paths.size()), paths.data(), kGenerationBasisCount,
+                            stem.c_str(), ClassStore{matrices.data(), channels}, sourceKind);
+    release();
+    if (written == 1) return {};
+    const std::string noted = lastWriteFailure();
+    return msmface::Status::failure(msmface::ErrorKind::File,
+                                    !noted.empty() ? noted
+                                                   : stem +
+                                                         ": the constraint space could not be "
+                                                         "generated or written");
 }
 
 }  // namespace msm

@@ -5,6 +5,11 @@
 #ifndef MSMFACE_RECOGNITION_CLASS_DATA_H
 #define MSMFACE_RECOGNITION_CLASS_DATA_H
 
+#include <string>
+#include <vector>
+
+#include <msmface/result.h>
+
 #include "dictionary/DictChunk.h"
 
 namespace msm {
@@ -49,6 +54,18 @@ int readClassSet(const char* path, int sourceKind, DictChunk& out);
 // the ".mck" write's result.
 int rebuildFromFiles(int n, const char* const* paths, int B, const char* stem, const char* evStem,
                      const ClassStore& store, int sourceKind);
+
+// The generation from scratch: empties the store, then rebuilds it and writes the space as
+// rebuildFromFiles does, with stem as the eigenvalue file's stem as well.
+int regenerateFromFiles(int n, const char* const* paths, int B, const char* stem,
+                        const ClassStore& store, int sourceKind);
+
+// A constraint space of `channels` channels generated from scratch for the persons' files (in
+// person order, as regenerateFromFiles takes them) and written under stem, with a store of its own
+// that is released on return: the same files the legacy engine writes for the same persons.
+// Fails (File) naming the file that was not written, or (Internal) when memory runs out.
+msmface::Status generateConstraintSpace(const std::vector<std::string>& personFiles, int sourceKind,
+                                        int channels, const std::string& stem);
 
 }  // namespace msm
 

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "common/fixed_clock.h"
 #include "dictionary/stamp.h"
 #include "scratch.h"
 
 namespace {
 
+using msmtest::FixedClock;
 using msmtest::Int32At;
 using msmtest::ReadBytes;
 using msmtest::ScratchDir;
@@ -18,12 +20,6 @@ msm::ClockReading NewYearsEve() {
 msm::ClockReading EarlyMorning() {
     return {1, 2, 98, 0, 5, 9};
 }
-
-class FixedClock {
-  public:
-    explicit FixedClock(msm::ClockSource source) { msm::setClockSource(source); }
-    ~FixedClock() { msm::setClockSource(nullptr); }
-};
 
 std::string Scrambled(const std::string& text) {
     std::string out(text.rbegin(), text.rend());

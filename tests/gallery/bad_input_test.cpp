@@ -46,17 +46,17 @@ class BadInput : public ::testing::Test {
 
 TEST_F(BadInput, EnrolmentArgumentsAreCheckedBeforeAnythingIsWritten) {
     ExpectFailure(Enrol(1, "bob", Bob()), ErrorKind::Argument,
-                  "--id 1: the ID number is taken by \"alice\"");
+                  "id 1: the ID number is taken by \"alice\"");
     ExpectFailure(Enrol(2, "alice", Bob()), ErrorKind::Argument,
-                  "--name alice: the key name is taken by ID 1");
+                  "name alice: the key name is taken by ID 1");
     for (const std::string& name :
          {std::string("../x"), std::string(".hidden"), std::string(""), std::string("a b"),
           std::string("x/y"), std::string(65, 'n'), std::string("caf\xc3\xa9")})
         ExpectFailure(Enrol(2, name, Bob()), ErrorKind::Argument,
-                      "--name \"" + name + "\": expected 1 to 64 letters");
+                      "name \"" + name + "\": expected 1 to 64 letters");
     for (int id : {0, -1})
         ExpectFailure(Enrol(id, "bob", Bob()), ErrorKind::Argument,
-                      "--id " + std::to_string(id) + ": expected an ID number of 1 or more");
+                      "id " + std::to_string(id) + ": expected an ID number of 1 or more");
     ExpectFailure(Enrol(2, "bob", {}), ErrorKind::Argument, "no frames");
     // 64 characters is the longest name; it is refused here only for the frames.
     ExpectFailure(Enrol(2, std::string(64, 'n'), {}), ErrorKind::Argument, "no frames");
@@ -113,8 +113,7 @@ TEST_F(BadInput, BadFrameViewsAreNamedByTheirPlace) {
 }
 
 TEST_F(BadInput, UnknownPersonsAndBadRecognitionOptions) {
-    ExpectFailure(gallery_->remove(9), ErrorKind::NotFound,
-                  "--id 9: no person with this ID number");
+    ExpectFailure(gallery_->remove(9), ErrorKind::NotFound, "id 9: no person with this ID number");
     const auto probe = Population::get().probe[0].samples();
     ExpectFailure(gallery_->recognise(probe, {static_cast<msmface::Method>(3), -1}).status(),
                   ErrorKind::Argument, "method 3: expected 0 (single pattern), 1 (MSM), 2 or 4");

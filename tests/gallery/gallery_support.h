@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -129,6 +130,28 @@ inline std::vector<std::string> Names(const std::vector<msmface::Person>& person
     std::vector<std::string> out;
     for (const msmface::Person& p : persons) out.push_back(std::to_string(p.id) + " " + p.name);
     return out;
+}
+
+inline msmface::Gallery OpenOrDie(const std::string& dir, bool create = false) {
+    msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, msmface::OpenOptions{create});
+    EXPECT_TRUE(g.ok()) << g.message();
+    if (!g.ok()) std::abort();
+    return std::move(g).value();
+}
+
+// Enrols person i of the population under ID i + 1 from its enrolment take.
+inline void EnrolOrDie(msmface::Gallery& g, int i) {
+    const msmface::Status s =
+        g.enrol(i + 1, Population::Name(i), Population::get().enrol[i].samples());
+    ASSERT_TRUE(s.ok()) << s.message();
+}
+
+// The ID ranked first for person i's probe take, or -1.
+inline int BestId(msmface::Gallery& g, int i, msmface::Method method) {
+    const msmface::Result<msmface::Ranking> r =
+        g.recognise(Population::get().probe[i].samples(), msmface::RecogniseOptions{method, -1});
+    EXPECT_TRUE(r.ok()) << r.message();
+    return r.ok() && !r->matches.empty() ? r->matches.front().id : -1;
 }
 
 }  // namespace gallerytest

@@ -58,7 +58,7 @@ TEST(StoreNames, TheConstraintSpaceNamesAreRefusedAsKeyNamesInAnyCase) {
     const auto before = Snapshot(work.path());
     for (const char* name : {"cmsm", "cmsm-2", "cmsm-3", "CMSM", "Cmsm-2"})
         ExpectFailure(g.enrol(1, name, Frames(0)), ErrorKind::Argument,
-                      std::string("--name ") + name +
+                      std::string("name ") + name +
                           ": the dictionary directory keeps its constraint space under this name");
     EXPECT_EQ(Snapshot(work.path()), before);
     // Names that only look alike are people's names.
@@ -128,10 +128,11 @@ TEST(StoreNames, AnEnrolmentNeverTouchesFilesItDidNotCreate) {
     const std::string bobDictionary = ReadText(work / "bob.dck");
     std::vector<msmface::Sample> few = Frames(1);
     few.resize(20);
-    ExpectFailure(g.enrol(2, "bob", few), ErrorKind::File,
-                  work / "bob.dck" +
-                      ": exists, and no person of the registry names it; move it away or run "
-                      "\"msmface check --repair\"");
+    ExpectFailure(
+        g.enrol(2, "bob", few), ErrorKind::File,
+        work / "bob.dck" +
+            ": exists, and no person of the registry names it; move it away or repair the "
+            "directory (repairStore moves it to lost+found)");
     ExpectFailure(g.enrol(2, "bob", Frames(1)), ErrorKind::File, work / "bob.dck");
     EXPECT_TRUE(Snapshot(work.path()) == before);
     // Any file of the name is in the way, a dangling link as well.

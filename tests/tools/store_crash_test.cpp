@@ -110,7 +110,7 @@ class StoreCrash : public ::testing::Test {
         return f.status == 1 &&
                f.err.find(
                    ": exists, and no person of the registry names it; "
-                   "move it away or run \"msmface check --repair\"") != std::string::npos;
+                   "move it away or repair the directory") != std::string::npos;
     }
 
     void ExpectNoTemporaries() {

@@ -36,8 +36,7 @@
 
 namespace msmface {
 
-// The persons an engine holds: a directory lists at most this many (enrol refuses more), and of a
-// registry that lists more the first ones are loaded.
+// The persons an engine holds: of a registry that lists more the first ones are loaded.
 inline constexpr int kMaxLoadedPersons = 2000;
 
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
@@ -130,17 +129,21 @@ class MSMFACE_API Gallery {
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
     // beyond are not used). Writes the person's files first and the registry last. requires:
     // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case); fewer
-    // than kMaxLoadedPersons listed persons. Fails (File) while a file of that name that no entry
-    // lists is in the directory: an enrolment neither replaces nor removes a file it did not
-    // create.
+    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case). Fails
+    // (File) while a file of that name that no entry lists is in the directory: an enrolment
+    // neither replaces nor removes a file it did not create. An enrolment leaves the constraint
+    // space as it is: a person enrolled after a rebuild is projected into that space, which takes
+    // the person into account only from the next rebuildConstraint on.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
     // Removes a person: the registry entry first, then the files (the files first where the
-    // registry's replacement finds no room on the disk).
+    // registry's replacement finds no room on the disk). Once the registry no longer lists the
+    // person the call succeeds: the gallery drops the person without reading the directory again.
+    // The constraint space stays as it is until the next rebuildConstraint.
     Status remove(int id);
 
     // Builds the constraint space (methods Cmsm) from every person and loads it. dimension: 1 to
-    // 256 constraint vectors; at least two persons.
+    // 256 constraint vectors; at least two persons. The new space is loaded and checked before the
+    // directory's list names it: a space that does not load is removed, and the old one stays.
     Status rebuildConstraint(int dimension);
     bool hasConstraint() const;
 
