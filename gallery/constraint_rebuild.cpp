@@ -57,27 +57,6 @@ std::function<void(const std::string&)>& spaceWrittenHook() {
     return hook;
 }
 
-// Writes the list text to a temporary beside the list. Its path, or empty with the reason.
-std::string writeListTemporary(const std::string& list, const std::string& text,
-                               std::string& reason) {
-    std::string temp = list + ".tmpXXXXXX";
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0) {
-        reason = std::strerror(errno);
-        return {};
-    }
-    ::fchmod(fd, 0644);
-    errno = 0;
-    bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    written = written && ::fsync(fd) == 0;
-    const int writeError = errno != 0 ? errno : ENOSPC;
-    written = ::close(fd) == 0 && written;
-    if (written) return temp;
-    ::unlink(temp.c_str());
-    reason = std::strerror(writeError);
-    return {};
-}
-
 }  // namespace
 
 namespace detail {
@@ -150,11 +129,26 @@ Status Gallery::rebuildConstraint(int dimension) {
     }
     if (spaceWrittenHook()) spaceWrittenHook()(g.dir() + "/" + fresh);
     const std::string list = detail::constraintListPath(g.dir());
-    std::string reason;
-    const std::string temp = writeListTemporary(list, listText(stem), reason);
-    if (temp.empty()) {
+    // A pipe or a device in the list's place was never a list (loading refuses it unread): it
+    // gives way to the new one, which the writer would otherwise refuse to put over it.
+    struct stat inPlace {};
+    if (::lstat(list.c_str(), &inPlace) == 0 && !S_ISREG(inPlace.st_mode) &&
+        !S_ISLNK(inPlace.st_mode) && !S_ISDIR(inPlace.st_mode))
+        ::unlink(list.c_str());
+    msm::clearWriteFailure();
+    msm::AtomicFile listFile(list.c_str());
+    const std::string text = listText(stem);
+    errno = 0;
+    if (listFile.stream() == nullptr ||
+        !msm::writeAll(listFile.stream(), text.data(), text.size()) ||
+        std::fflush(listFile.stream()) != 0) {
+        const int error = errno;
         removeConstraintFiles(g.dir(), fresh);
-        return fail(ErrorKind::File, list + ": cannot be written (" + reason + ")");
+        const std::string why = msm::lastWriteFailure();
+        return fail(ErrorKind::File, !why.empty()
+                                         ? why
+                                         : list + ": cannot be written (" +
+                                               std::strerror(error != 0 ? error : ENOSPC) + ")");
     }
     // The new space is loaded as recognition will load it before the list names it: a space that
     // does not load never becomes current, and the old one stays.
@@ -163,23 +157,19 @@ Status Gallery::rebuildConstraint(int dimension) {
         std::optional<MemoryFile> placed;
         if (blanks) placed.emplace(listText(detail::engineFolder(*g.state) + "/" + fresh));
         auto loaded = core::ConstraintSpaces::load(
-            placed ? placed->path() : temp,
+            placed ? placed->path() : listFile.temporaryPath(),
             core::PatternShape{msm::kFacePatternDimension, msm::kFacePatternChannels});
         if (!loaded.ok()) {
-            ::unlink(temp.c_str());
             removeConstraintFiles(g.dir(), fresh);
             return fail(ErrorKind::File, g.dir() + "/" + fresh +
                                              ": the new constraint space does not load (" +
                                              loaded.message() + "); the old one stays");
         }
     }
-    if (::rename(temp.c_str(), list.c_str()) != 0) {
-        const std::string why = std::strerror(errno);
-        ::unlink(temp.c_str());
+    if (!listFile.Commit()) {
         removeConstraintFiles(g.dir(), fresh);
-        return fail(ErrorKind::File, list + ": cannot be written (" + why + ")");
+        return fail(ErrorKind::File, msm::lastWriteFailure());
     }
-    msm::syncDirectory(g.dir());
     // Only a space of ours is removed: a list written by hand may name any file.
     if (msm::isConstraintStem(old) && old != fresh && !listed(old))
         removeConstraintFiles(g.dir(), old);
