@@ -1,4 +1,4 @@
-#include "frame_list.h"
+#include "input/frame_list.h"
 
 #include <cerrno>
 #include <cmath>
