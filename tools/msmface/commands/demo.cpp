@@ -104,6 +104,54 @@ std::string drawPicture(const std::string& path,
     return writePicture(path, picture);
 }
 
+std::string enrolPersons(msmface::Gallery& g, const DemoOptions& o,
+                         std::vector<std::vector<unsigned char>>& enrolledFaces) {
+    enrolledFaces.assign(static_cast<std::size_t>(o.persons), {});
+    for (int i = 0; i < o.persons; ++i) {
+        const msmsynth::SynthPerson person = msmsynth::makePerson(o.seed, i);
+        const std::string name = "person" + std::to_string(i + 1);
+        const std::vector<Frame> frames = takeOf(person, o.seed * 1000u + i, kEnrolFrames);
+        const msmface::Status enrolled = g.enrol(i + 1, name, samplesOf(frames));
+        if (!enrolled.ok()) return enrolled.message();
+        enrolledFaces[i] = firstNormalisedFace(frames);
+    }
+    return {};
+}
+
+struct DemoTally {
+    int right = 0;
+    int wrong = 0;
+    int missed = 0;
+    bool strangerRejected = false;
+};
+
+// Probe i, a fresh take of person i or, for i == o.persons, of the stranger: one row of the
+// printed table, counted in tally.
+std::string probePerson(msmface::Gallery& g, const DemoOptions& o, int i,
+                        const std::vector<msmface::Person>& persons,
+                        std::vector<ProbeOutcome>& probes, DemoTally& tally) {
+    const bool stranger = i == o.persons;
+    const msmsynth::SynthPerson person = msmsynth::makePerson(o.seed, i);
+    const std::vector<Frame> frames = takeOf(person, o.seed * 1000u + 500u + i, kProbeFrames);
+    const auto r = g.recognise(samplesOf(frames), {msmface::Method::Msm, -1});
+    if (!r.ok()) return r.message();
+    ProbeOutcome p{stranger ? -1 : i + 1, r->matches.front(), r->identified.has_value(),
+                   firstNormalisedFace(frames)};
+    const std::string truth = stranger ? "stranger" : persons[i].name;
+    std::printf("%-11s %-10s %-10s %5d  %s\n", ("probe" + std::to_string(i + 1)).c_str(),
+                truth.c_str(), p.best.name.c_str(), p.best.score, p.accepted ? "yes" : "no");
+    if (stranger)
+        tally.strangerRejected = !p.accepted;
+    else if (!p.accepted)
+        ++tally.missed;
+    else if (p.best.id == i + 1)
+        ++tally.right;
+    else
+        ++tally.wrong;
+    probes.push_back(std::move(p));
+    return {};
+}
+
 }  // namespace
 
 int runDemo(const DemoOptions& o) {
@@ -118,46 +166,20 @@ int runDemo(const DemoOptions& o) {
 
     std::printf("enrolling %d synthetic persons from %d frames each into %s\n", o.persons,
                 kEnrolFrames, dictionary.c_str());
-    std::vector<std::vector<unsigned char>> enrolledFaces(o.persons);
-    for (int i = 0; i < o.persons; ++i) {
-        const msmsynth::SynthPerson person = msmsynth::makePerson(o.seed, i);
-        const std::string name = "person" + std::to_string(i + 1);
-        const std::vector<Frame> frames = takeOf(person, o.seed * 1000u + i, kEnrolFrames);
-        const msmface::Status enrolled = g.enrol(i + 1, name, samplesOf(frames));
-        if (!enrolled.ok()) return fail(enrolled.message());
-        enrolledFaces[i] = firstNormalisedFace(frames);
-    }
+    std::vector<std::vector<unsigned char>> enrolledFaces;
+    error = enrolPersons(g, o, enrolledFaces);
+    if (!error.empty()) return fail(error);
 
     std::printf("\nrecognising a fresh take of %d frames of each, and of one stranger (MSM)\n",
                 kProbeFrames);
     std::printf("probe       true       best       score  accepted\n");
     const std::vector<msmface::Person> persons = g.persons();
     std::vector<ProbeOutcome> probes;
-    int right = 0, wrong = 0, missed = 0;
-    bool strangerRejected = false;
-    for (int i = 0; i <= o.persons; ++i) {
-        const bool stranger = i == o.persons;
-        const msmsynth::SynthPerson person = msmsynth::makePerson(o.seed, i);
-        const std::vector<Frame> frames = takeOf(person, o.seed * 1000u + 500u + i, kProbeFrames);
-        const auto r = g.recognise(samplesOf(frames), {msmface::Method::Msm, -1});
-        if (!r.ok()) return fail(r.message());
-        ProbeOutcome p{stranger ? -1 : i + 1, r->matches.front(), r->identified.has_value(),
-                       firstNormalisedFace(frames)};
-        const std::string truth = stranger ? "stranger" : persons[i].name;
-        std::printf("%-11s %-10s %-10s %5d  %s\n", ("probe" + std::to_string(i + 1)).c_str(),
-                    truth.c_str(), p.best.name.c_str(), p.best.score, p.accepted ? "yes" : "no");
-        if (stranger)
-            strangerRejected = !p.accepted;
-        else if (!p.accepted)
-            ++missed;
-        else if (p.best.id == i + 1)
-            ++right;
-        else
-            ++wrong;
-        probes.push_back(std::move(p));
-    }
+    DemoTally tally;
+    for (int i = 0; i <= o.persons && error.empty(); ++i)
+        error = probePerson(g, o, i, persons, probes, tally);
     const std::string picture = o.out + "/demo.png";
-    error = drawPicture(picture, enrolledFaces, probes, persons);
+    if (error.empty()) error = drawPicture(picture, enrolledFaces, probes, persons);
     if (error.empty()) error = recordRunDictionary(o.out, "demo");
     if (!error.empty()) return fail(error);
     const double seconds =
@@ -165,7 +187,8 @@ int runDemo(const DemoOptions& o) {
     std::printf(
         "\nsummary: %d of %d enrolled persons identified, %d confused, %d rejected; "
         "the stranger was %s (threshold %d)\n",
-        right, o.persons, wrong, missed, strangerRejected ? "rejected" : "accepted", g.threshold());
+        tally.right, o.persons, tally.wrong, tally.missed,
+        tally.strangerRejected ? "rejected" : "accepted", g.threshold());
     std::printf("picture: %s; %.1f s\n", picture.c_str(), seconds);
     return 0;
 }
