@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/msmface/eval_metrics.h"
-#include "tools/msmface/frame_list.h"
+#include "tools/msmface/evaluation/eval_metrics.h"
+#include "tools/msmface/input/frame_list.h"
 
 namespace {
 

@@ -1,0 +1,206 @@
+// enrol, recognise, delete, list, constraint and inspect: the commands that work on a dictionary
+// directory or a file in it.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <numeric>
+
+#include <msmface/msmface.h>
+
+#include "commands/commands.h"
+#include "input/detected_frames.h"
+#include "input/frame_source.h"
+#include "input/frames.h"
+#include "io/folders.h"
+
+namespace msmcli {
+namespace {
+
+constexpr uint32_t kJitterSeed = 20240611u;
+
+std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::string& list) {
+    const bool fromManifest = !o.manifest.empty();
+    if (fromManifest == !o.points.empty())
+        return "frames: expected either --manifest FILE --identity NAME or --points FILE";
+    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
+    FrameList parsed;
+    if (!fromManifest) {
+        list = o.points;
+        std::string error = readPointsFile(o.points, parsed);
+        rows = std::move(parsed.rows);
+        return error;
+    }
+    if (o.identity.empty()) return "--identity: expected the identity to take from the manifest";
+    list = o.manifest;
+    std::string error = readManifest(o.manifest, parsed);
+    if (!error.empty()) return error;
+    for (FrameRow& r : parsed.rows)
+        if (r.identity == o.identity &&
+            (o.videos.empty() ||
+             std::find(o.videos.begin(), o.videos.end(), r.video) != o.videos.end()))
+            rows.push_back(std::move(r));
+    if (rows.empty())
+        return o.manifest + ": no rows of identity \"" + o.identity + "\"" +
+               (o.videos.empty() ? "" : " in the videos given");
+    return {};
+}
+
+// Frames of pictures, a video or a camera, with the points the detector finds.
+std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+    if (o.images.empty() && o.videos.empty() && o.camera == -1)
+        return "frames: expected either --manifest FILE --identity NAME or --points FILE, or "
+               "--images FILE..., --video FILE or --camera INDEX";
+    if (o.videos.size() > 1)
+        return "--video: expected one video file (several only as names of a --manifest)";
+    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
+    PictureSourceOptions source;
+    source.images = o.images;
+    source.video = o.videos.empty() ? std::string() : o.videos.front();
+    source.camera = o.camera;
+    source.frames = o.frames;
+    return gatherDetectedFrames(source, o.model, frames);
+}
+
+std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+    if (o.manifest.empty() && o.points.empty()) {
+        std::vector<Frame> found;
+        std::string error = gatherFoundFrames(o, found);
+        if (error.empty()) frames = jitterFrames(found, o.copies, o.jitter, kJitterSeed);
+        return error;
+    }
+    if (!o.images.empty() || o.camera != -1)
+        return "frames: expected one source, --points or --manifest or pictures, not both";
+    std::vector<FrameRow> rows;
+    std::string list;
+    std::string error = selectRows(o, rows, list);
+    if (!error.empty()) return error;
+    std::vector<Frame> plain;
+    error = loadFrames(list, rows, plain);
+    if (!error.empty()) return error;
+    frames = jitterFrames(plain, o.copies, o.jitter, kJitterSeed);
+    return {};
+}
+
+void warnAboutLeftOut(const msmface::Gallery& g) {
+    for (const msmface::LeftOut& left : g.leftOut())
+        std::fprintf(stderr, "msmface: warning: %s\n", left.reason.c_str());
+}
+
+}  // namespace
+
+msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create, bool noWait) {
+    msmface::OpenOptions options;
+    options.create = create;
+    options.lock.wait = !noWait;
+    // Said once, so that a user who started two commands knows why this one does not go on yet.
+    options.lock.notice = [](const std::string& m) {
+        std::fprintf(stderr, "msmface: %s\n", m.c_str());
+    };
+    msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, options);
+    if (g.ok()) warnAboutLeftOut(g.value());
+    return g;
+}
+
+int fail(const std::string& message) {
+    std::fprintf(stderr, "msmface: %s\n", message.c_str());
+    return kExitFailure;
+}
+
+int runEnrol(const EnrolOptions& o) {
+    // Everything a user can get wrong is checked before the first file is written.
+    std::vector<Frame> frames;
+    std::string error = gatherFrames(o.frames, frames);
+    if (!error.empty()) return fail(error);
+    auto g = openGallery(o.dir, true, o.noWait);
+    if (!g.ok()) return fail(g.message());
+    const msmface::Status enrolled = g->enrol(o.id, o.name, samplesOf(frames));
+    if (!enrolled.ok()) return fail(enrolled.message());
+    std::printf("enrolled %s as ID %d in %s (%zu persons)\n", o.name.c_str(), o.id, o.dir.c_str(),
+                g->persons().size());
+    return 0;
+}
+
+int runRecognise(const RecogniseOptions& o) {
+    if (o.method != 0 && o.method != 1 && o.method != 2 && o.method != 4)
+        return fail("--method " + std::to_string(o.method) +
+                    ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)");
+    if (o.threshold < -1 || o.threshold > 1000)
+        return fail("--threshold: expected 0 to 1000 (or -1 for the directory's stored one)");
+    if (o.top < 1) return fail("--top " + std::to_string(o.top) + ": expected 1 or more");
+    std::vector<Frame> frames;
+    std::string error = gatherFrames(o.frames, frames);
+    if (!error.empty()) return fail(error);
+    auto g = openGallery(o.dir);
+    if (!g.ok()) return fail(g.message());
+    const auto r =
+        g->recognise(samplesOf(frames), {static_cast<msmface::Method>(o.method), o.threshold});
+    if (!r.ok()) return fail(r.message());
+    std::printf("%d of %zu frames gave a face; method %d\n", r->framesUsed, frames.size(),
+                o.method);
+    std::printf("rank  id  name                 score\n");
+    const int shown = std::min<int>(o.top, static_cast<int>(r->matches.size()));
+    for (int k = 0; k < shown; ++k) {
+        const msmface::Match& m = r->matches[static_cast<std::size_t>(k)];
+        std::printf("%4d %4d  %-20s %5d\n", k + 1, m.id, m.name.c_str(), m.score);
+    }
+    const msmface::Match& best = r->matches.front();
+    if (r->identified)
+        std::printf("identified: %s (ID %d), score %d > %d\n", best.name.c_str(), best.id,
+                    best.score, r->threshold);
+    else
+        std::printf("not identified: best %s (ID %d), score %d <= %d\n", best.name.c_str(), best.id,
+                    best.score, r->threshold);
+    return 0;
+}
+
+int runDelete(const std::string& dir, int id, bool noWait) {
+    auto g = openGallery(dir, false, noWait);
+    if (!g.ok()) return fail(g.message());
+    const std::optional<msmface::Person> person = g->find(id);
+    const msmface::Status removed = g->remove(id);
+    if (!removed.ok()) return fail(removed.message());
+    std::printf("deleted ID %d%s%s from %s\n", id, person ? " " : "",
+                person ? person->name.c_str() : "", dir.c_str());
+    return 0;
+}
+
+int runList(const std::string& dir) {
+    auto g = openGallery(dir);
+    if (!g.ok()) return fail(g.message());
+    const std::vector<msmface::Person> persons = g->persons();
+    std::printf("%zu person%s in %s%s\n", persons.size(), persons.size() == 1 ? "" : "s",
+                dir.c_str(), g->hasConstraint() ? " (with a constraint space)" : "");
+    for (const msmface::Person& p : persons) std::printf("%6d  %s\n", p.id, p.name.c_str());
+    return 0;
+}
+
+int runConstraint(const std::string& dir, int dimension, bool noWait) {
+    auto g = openGallery(dir, false, noWait);
+    if (!g.ok()) return fail(g.message());
+    const msmface::Status built = g->rebuildConstraint(dimension);
+    if (!built.ok()) return fail(built.message());
+    std::printf(
+        "constraint space of %d dimensions from %zu persons: the files cmsm*.dck, .dckev, .mck "
+        "named by %s/%s\n",
+        dimension, g->persons().size(), dir.c_str(), msmface::kConstraintListFileName);
+    return 0;
+}
+
+int runInspect(const std::string& path) {
+    const int needed = msmface_describeFile(path.c_str(), nullptr, 0);
+    const int length = needed >= 0 ? needed : -needed - 1;
+    std::vector<char> text(static_cast<std::size_t>(length) + 1);
+    msmface_describeFile(path.c_str(), text.data(), length + 1);
+    if (needed < 0) return fail(text.data());
+    std::fputs(text.data(), stdout);
+    return 0;
+}
+
+}  // namespace msmcli

@@ -1,0 +1,61 @@
+#include "input/detected_frames.h"
+
+#include <memory>
+
+#include "input/face_finder.h"
+#include "input/image_io.h"
+
+namespace msmcli {
+namespace {
+
+std::string sourceArgument(const PictureSourceOptions& s) {
+    if (!s.images.empty()) return "--images";
+    if (!s.video.empty()) return "--video";
+    return "--camera";
+}
+
+}  // namespace
+
+std::string gatherDetectedFrames(const PictureSourceOptions& source, const std::string& modelPath,
+                                 std::vector<Frame>& out) {
+    std::unique_ptr<PictureSource> pictures;
+    std::string error = openPictureSource(source, pictures);
+    if (!error.empty()) return error;
+    std::unique_ptr<FaceFinder> finder;
+    error = makeFaceFinder(modelPath, source.images.empty(), sourceArgument(source), finder);
+    if (!error.empty()) return error;
+    cv::Mat picture;
+    while (pictures->next(picture)) {
+        FoundFace face;
+        if (!finder->find(picture, face)) continue;
+        Frame frame;
+        frame.image = std::make_shared<GreyImage>(greyOf(picture));
+        frame.points = face.points;
+        out.push_back(std::move(frame));
+    }
+    if (!pictures->error().empty()) return pictures->error();
+    if (out.empty()) {
+        const std::string what = source.images.empty() ? pictures->name() : "--images";
+        return what + ": no face found in any of the " + std::to_string(pictures->taken()) +
+               " frames; expected frames showing a face";
+    }
+    return {};
+}
+
+int replaceWithFoundPoints(FaceFinder& finder, std::vector<Frame>& frames) {
+    std::vector<Frame> kept;
+    for (Frame& frame : frames) {
+        if (!frame.image) continue;
+        const GreyImage& image = *frame.image;
+        const cv::Mat grey(image.height, image.width, CV_8UC1,
+                           const_cast<unsigned char*>(image.pixels.data()));
+        FoundFace face;
+        if (!finder.find(grey, face)) continue;
+        frame.points = face.points;
+        kept.push_back(std::move(frame));
+    }
+    frames = std::move(kept);
+    return static_cast<int>(frames.size());
+}
+
+}  // namespace msmcli
