@@ -112,8 +112,8 @@ bool Gallery::Impl::crop(const Sample& sample) {
     else if (!finder || !finder->findPoints(sample.frame, points))
         return false;
     if (!detail::toGrey(sample.frame, image)) return false;
-    PartsPosition parts = detail::toParts(points);
-    if (!detail::anyPointPresent(parts)) return false;
+    PartsPosition parts = toPartsPosition(points);
+    if (!anyPointPresent(parts)) return false;
     return engine->FaceCropping(&image, nullptr, &parts, &face) == 1;
 }
 
