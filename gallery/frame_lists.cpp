@@ -1,5 +1,7 @@
 #include <msmface/frame_lists.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -325,14 +327,29 @@ Result<std::vector<FrameRow>> resultOf(Parsed parsed, const std::string& path) {
     return std::move(parsed.rows);
 }
 
+// Why a list file could not be read, in the words the program has always used: a user sees the
+// same line from every host.
+std::string unreadable(const std::string& path, const std::string& why) {
+    const std::string expected = "; expected a list of frames";
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || why.empty())
+        return path + ": cannot be read (" + why + ")" + expected;
+    if (S_ISDIR(st.st_mode)) return path + ": is a folder" + expected;
+    if (!S_ISREG(st.st_mode))
+        return path + ": not a regular file (a pipe, a socket or a device)" + expected;
+    if (static_cast<unsigned long long>(st.st_size) > kMaxListFileBytes)
+        return path + ": larger than " + std::to_string(kMaxListFileBytes >> 20) + " MiB" +
+               expected;
+    return path + ": cannot be read (" + why + ")" + expected;
+}
+
 // The list file's text: a regular file (a pipe or a device would block or never end) of at most
 // kMaxListFileBytes.
 Result<std::string> listText(const std::string& path) {
     std::vector<unsigned char> bytes;
     std::string why;
     if (!msm::readWholeFile(path.c_str(), bytes, &why, kMaxListFileBytes))
-        return Status::failure(ErrorKind::File,
-                               path + ": cannot be read (" + why + "); expected a list of frames");
+        return Status::failure(ErrorKind::File, unreadable(path, why));
     return std::string(bytes.begin(), bytes.end());
 }
 

@@ -28,9 +28,8 @@ from ._msmface import (
     __version__,
     calibrate,
     normalised_face,
-    read_points_file,
 )
-from .frames import Manifest, jitter, offer_frames, read_image
+from .frames import Manifest, jitter, offer_frames, read_image, read_points_file
 from .estimator import MSMClassifier
 
 if HAVE_DETECT:

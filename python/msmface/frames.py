@@ -171,6 +171,19 @@ def offer_frames(samples: Iterable[Sample], wanted: int, pixels: float = 1.5,
     return _paired(samples, points)
 
 
+def read_points_file(path: "os.PathLike[str] | str") -> List[dict]:
+    """The rows of a points file ("image x0 y0 ... x13 y13" per line, as the program reads it):
+    dicts with image (relative to the file's folder unless absolute), line and points (a (14, 2)
+    float32 array). OSError when the file cannot be read; ValueError naming the file and the
+    line when a row does not parse."""
+    path = os.fspath(path)
+    data = _read_regular_file(path, MAX_MANIFEST_BYTES)
+    try:
+        return _msmface._parse_points_file(data)
+    except ValueError as e:
+        raise ValueError(f"{path}: {e}") from None
+
+
 class Manifest:
     """A face manifest: a CSV file with a header naming identity, video, image and x0, y0 ...
     x13, y13 (split, frame, width and height are kept when present); images are relative to

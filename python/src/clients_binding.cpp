@@ -59,7 +59,9 @@ py::list rowsOf(const std::vector<msmface::FrameRow>& rows) {
         row["identity"] = r.identity;
         row["video"] = r.video;
         row["split"] = r.split;
-        row["image"] = r.image;
+        // As os.fsdecode gives file names: bytes that are no UTF-8 survive the round trip.
+        row["image"] = py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(
+            r.image.data(), static_cast<Py_ssize_t>(r.image.size()), "surrogateescape"));
         row["width"] = r.width;
         row["height"] = r.height;
         row["line"] = r.line;
@@ -103,18 +105,11 @@ void bindClients(py::module_& m) {
         [](const std::string& text) { return rowsOrValueError(msmface::parseManifest(text)); },
         py::arg("text"), "The rows of a face manifest's text; ValueError \"line N: ...\".");
     m.def(
-        "read_points_file",
-        [](const py::handle& path) {
-            const std::string p = py::str(py::module_::import("os").attr("fspath")(path));
-            auto r = msmface::readPointsFile(p);
-            if (!r.ok() && r.message().find(": cannot be read (") != std::string::npos)
-                raise(r.status());  // the file itself: OSError
-            return rowsOrValueError(std::move(r));
+        "_parse_points_file",
+        [](const py::bytes& data) {
+            return rowsOrValueError(msmface::parsePointsFile(std::string(data)));
         },
-        py::arg("path"),
-        "The rows of a points file (\"image x0 y0 ... x13 y13\" per line), each a dict with\n"
-        "image, line and points (a (14, 2) float32 array). OSError when the file cannot be read,\n"
-        "ValueError naming the file and the line when a row does not parse.");
+        py::arg("data"), "The rows of a points file's bytes; ValueError \"line N: ...\".");
 
     py::class_<msmface::FalseAcceptPoint>(
         m, "FalseAcceptPoint", "The threshold that holds a false-accept rate, and its rates.")

@@ -197,12 +197,14 @@ TEST(FrameLists, ReadersNameTheFileAndTheLine) {
     ASSERT_FALSE(manifest.ok());
     EXPECT_THAT(manifest.message(),
                 HasSubstr(dir / "bad.txt" + ": line 1: the header lacks the column \"identity\""));
-    for (const std::string& path : {dir / "missing.csv", dir.path(), std::string("/dev/zero")}) {
+    const std::pair<std::string, std::string> unreadable[] = {
+        {dir / "missing.csv", "cannot be read (No such file or directory)"},
+        {dir.path(), "is a folder"},
+        {"/dev/zero", "not a regular file (a pipe, a socket or a device)"}};
+    for (const auto& [path, why] : unreadable) {
         const auto r = msmface::readManifest(path);
         ASSERT_FALSE(r.ok()) << path;
-        EXPECT_EQ(r.message().rfind(path + ": cannot be read (", 0), 0u) << r.message();
-        EXPECT_THAT(r.message(), HasSubstr("expected a list of frames"));
-        EXPECT_EQ(r.message().find('\n'), std::string::npos);
+        EXPECT_EQ(r.message(), path + ": " + why + "; expected a list of frames");
     }
 }
 
