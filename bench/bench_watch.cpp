@@ -26,8 +26,8 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "tools/msmface/face_finder.h"
-#include "tools/msmface/frame_list.h"
+#include "tools/msmface/input/face_finder.h"
+#include "tools/msmface/input/frame_list.h"
 #include "tools/synth/synth_face.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "picture_header.h"
+#include "input/picture_header.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of exactly size bytes, so that a read past the end is one the sanitizer sees.

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/msmface/eval_metrics.h"
-#include "tools/msmface/eval_summary.h"
-#include "tools/msmface/key_name.h"
-#include "tools/msmface/svg_plot.h"
+#include "tools/msmface/evaluation/eval_metrics.h"
+#include "tools/msmface/evaluation/eval_summary.h"
+#include "tools/msmface/evaluation/key_name.h"
+#include "tools/msmface/evaluation/svg_plot.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "browser_check.h"
 #include "cli_support.h"
 #include "json_flat.h"
-#include "tools/msmface/eval_summary.h"
-#include "tools/msmface/report_page.h"
+#include "tools/msmface/evaluation/eval_summary.h"
+#include "tools/msmface/evaluation/report_page.h"
 
 namespace {
 

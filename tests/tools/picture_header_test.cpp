@@ -10,7 +10,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
-#include "tools/msmface/picture_header.h"
+#include "tools/msmface/input/picture_header.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "cli_support.h"
-#include "tools/msmface/program_files.h"
+#include "tools/msmface/input/program_files.h"
 
 namespace {
 

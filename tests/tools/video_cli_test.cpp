@@ -16,7 +16,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "cli_support.h"
-#include "tools/msmface/frame_list.h"
+#include "tools/msmface/input/frame_list.h"
 
 namespace {
 

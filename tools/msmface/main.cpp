@@ -9,7 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <opencv2/core.hpp>
 
-#include "commands.h"
+#include "commands/commands.h"
 
 namespace {
 

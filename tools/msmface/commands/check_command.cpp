@@ -4,7 +4,7 @@
 
 #include <msmface/store.h>
 
-#include "commands.h"
+#include "commands/commands.h"
 
 namespace msmcli {
 

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "commands/commands.h"
+#include "input/program_files.h"
 #include "io/folders.h"
-#include "program_files.h"
 
 namespace msmcli {
 namespace {

@@ -1,6 +1,6 @@
-#include "frame_source.h"
+#include "input/frame_source.h"
 
-#include "program_files.h"
+#include "input/program_files.h"
 
 namespace msmcli {
 namespace {

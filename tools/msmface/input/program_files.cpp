@@ -1,4 +1,4 @@
-#include "program_files.h"
+#include "input/program_files.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

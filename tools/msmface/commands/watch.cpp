@@ -16,10 +16,10 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "commands.h"
-#include "face_finder.h"
-#include "picture_source.h"
-#include "program_files.h"
+#include "commands/commands.h"
+#include "input/face_finder.h"
+#include "input/picture_source.h"
+#include "input/program_files.h"
 
 namespace msmcli {
 namespace {

@@ -1,4 +1,4 @@
-#include "picture_source.h"
+#include "input/picture_source.h"
 
 #include <sys/stat.h>
 
@@ -10,7 +10,7 @@
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "image_io.h"
+#include "input/image_io.h"
 
 namespace msmcli {
 namespace {

@@ -12,10 +12,10 @@
 
 #include <msmface/msmface.h>
 
-#include "commands.h"
-#include "detected_frames.h"
-#include "frame_source.h"
-#include "frames.h"
+#include "commands/commands.h"
+#include "input/detected_frames.h"
+#include "input/frame_source.h"
+#include "input/frames.h"
 #include "io/folders.h"
 
 namespace msmcli {

@@ -14,14 +14,14 @@
 
 #include <msmface/gallery.h>
 
-#include "commands.h"
+#include "commands/commands.h"
+#include "evaluation/eval_metrics.h"
+#include "evaluation/key_name.h"
+#include "evaluation/progress.h"
+#include "input/frame_source.h"
+#include "input/frames.h"
+#include "input/program_files.h"
 #include "io/atomic_file.h"
-#include "eval_metrics.h"
-#include "frame_source.h"
-#include "frames.h"
-#include "key_name.h"
-#include "program_files.h"
-#include "progress.h"
 
 namespace msmcli {
 namespace {

@@ -11,7 +11,7 @@
 
 #include <msmface/gallery.h>
 
-#include "image_io.h"
+#include "input/image_io.h"
 
 namespace msmcli {
 

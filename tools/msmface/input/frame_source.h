@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "frame_list.h"
-#include "frames.h"
+#include "input/frame_list.h"
+#include "input/frames.h"
 
 namespace msmcli {
 

@@ -1,4 +1,4 @@
-#include "eval_metrics.h"
+#include "evaluation/eval_metrics.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "face_finder.h"
+#include "input/face_finder.h"
 
 #include <algorithm>
 #include <cmath>

@@ -10,9 +10,9 @@
 #include <msmface/msmface.h>
 #include <opencv2/imgproc.hpp>
 
-#include "commands.h"
-#include "frames.h"
-#include "image_io.h"
+#include "commands/commands.h"
+#include "input/frames.h"
+#include "input/image_io.h"
 #include "synth/synth_face.h"
 
 namespace msmcli {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "frames.h"
-#include "picture_source.h"
+#include "input/frames.h"
+#include "input/picture_source.h"
 
 namespace msmcli {
 

@@ -1,4 +1,4 @@
-#include "image_io.h"
+#include "input/image_io.h"
 
 #include <cstring>
 
@@ -6,8 +6,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "picture_header.h"
-#include "program_files.h"
+#include "input/picture_header.h"
+#include "input/program_files.h"
 
 namespace msmcli {
 namespace {

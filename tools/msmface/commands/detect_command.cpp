@@ -9,13 +9,13 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "commands.h"
-#include "face_finder.h"
-#include "frame_list.h"
-#include "image_io.h"
+#include "commands/commands.h"
+#include "input/face_finder.h"
+#include "input/frame_list.h"
+#include "input/image_io.h"
+#include "input/picture_source.h"
+#include "input/program_files.h"
 #include "io/folders.h"
-#include "picture_source.h"
-#include "program_files.h"
 
 namespace msmcli {
 namespace {

@@ -1,10 +1,10 @@
-#include "report_page.h"
+#include "evaluation/report_page.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
-#include "svg_plot.h"
+#include "evaluation/svg_plot.h"
 
 namespace msmcli {
 namespace {

@@ -1,9 +1,9 @@
-#include "detected_frames.h"
+#include "input/detected_frames.h"
 
 #include <memory>
 
-#include "face_finder.h"
-#include "image_io.h"
+#include "input/face_finder.h"
+#include "input/image_io.h"
 
 namespace msmcli {
 namespace {

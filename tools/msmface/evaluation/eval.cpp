@@ -13,19 +13,19 @@
 
 #include <msmface/msmface.h>
 
-#include "commands.h"
-#include "detected_frames.h"
+#include "commands/commands.h"
+#include "evaluation/eval_metrics.h"
+#include "evaluation/eval_summary.h"
+#include "evaluation/key_name.h"
+#include "evaluation/progress.h"
+#include "evaluation/report_page.h"
+#include "input/detected_frames.h"
+#include "input/face_finder.h"
+#include "input/frame_source.h"
+#include "input/frames.h"
+#include "input/image_io.h"
+#include "input/program_files.h"
 #include "io/atomic_file.h"
-#include "eval_metrics.h"
-#include "eval_summary.h"
-#include "face_finder.h"
-#include "frame_source.h"
-#include "frames.h"
-#include "image_io.h"
-#include "key_name.h"
-#include "program_files.h"
-#include "progress.h"
-#include "report_page.h"
 
 namespace msmcli {
 namespace {

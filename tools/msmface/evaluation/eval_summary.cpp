@@ -1,4 +1,4 @@
-#include "eval_summary.h"
+#include "evaluation/eval_summary.h"
 
 #include <cstdio>
 

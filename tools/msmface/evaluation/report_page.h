@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "eval_summary.h"
+#include "evaluation/eval_summary.h"
 
 namespace msmcli {
 

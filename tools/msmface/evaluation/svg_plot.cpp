@@ -1,4 +1,4 @@
-#include "svg_plot.h"
+#include "evaluation/svg_plot.h"
 
 #include <algorithm>
 #include <cmath>

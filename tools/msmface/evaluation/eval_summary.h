@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "eval_metrics.h"
+#include "evaluation/eval_metrics.h"
 
 namespace msmcli {
 

@@ -1,4 +1,4 @@
-#include "picture_header.h"
+#include "input/picture_header.h"
 
 #include <cctype>
 #include <cstdint>

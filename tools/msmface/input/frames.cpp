@@ -1,4 +1,4 @@
-#include "frames.h"
+#include "input/frames.h"
 
 #include <cmath>
 #include <cstring>
