@@ -21,13 +21,13 @@
 #include <vector>
 
 #include <msmface/detect.h>
+#include <msmface/frame_lists.h>
 #include <msmface/gallery.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "tools/msmface/input/face_finder.h"
-#include "tools/msmface/input/frame_list.h"
 #include "tools/synth/synth_face.h"
 
 namespace {
@@ -39,22 +39,13 @@ constexpr int kHold = 25;   // video frames per still of the person: one second 
 constexpr int kStills = 4;  // stills taken; a cut between two makes the follower detect afresh
 const char* const kIdentity = "Amy_Brenneman";
 
-std::string readText(const std::string& path) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return {};
-    std::string text;
-    char buf[65536];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) text.append(buf, n);
-    std::fclose(f);
-    return text;
-}
-
 std::vector<cv::Mat> makeVideo() {
     const std::string faces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-    const msmcli::FrameList list = msmcli::parseManifest(readText(faces + "/manifest.csv"));
+    const auto list = msmface::readManifest(faces + "/manifest.csv");
     std::vector<cv::Mat> video;
     int stills = 0;
-    for (const msmcli::FrameRow& row : list.rows) {
+    for (const msmface::FrameRow& row :
+         list.ok() ? list.value() : std::vector<msmface::FrameRow>{}) {
         if (row.identity != kIdentity || stills == kStills) continue;
         cv::Mat still = cv::imread(faces + "/" + row.image, cv::IMREAD_COLOR);
         if (still.empty()) continue;

@@ -12,10 +12,12 @@
 #include <string>
 #include <vector>
 
+#include <msmface/calibration.h>
+#include <msmface/frame_lists.h>
 #include <msmface/gallery.h>
+#include <msmface/jitter.h>
 
 #include "commands/commands.h"
-#include "evaluation/eval_metrics.h"
 #include "evaluation/key_name.h"
 #include "evaluation/progress.h"
 #include "input/frame_source.h"
@@ -71,9 +73,9 @@ int runCalibrate(const CalibrateOptions& o) {
     if (!(o.jitter >= 0 && o.jitter <= 20)) return fail("--jitter: expected 0 to 20 pixels");
     if (o.probeFrames < 1 || o.probeFrames > 2000)
         return fail("--probe-frames: expected 1 to 2000");
-    FrameList list;
-    std::string error = readManifest(o.manifest, list);
-    if (!error.empty()) return fail(error);
+    const auto list = msmface::readManifest(o.manifest);
+    if (!list.ok()) return fail(list.message());
+    std::string error;
     if (!isDirectory(o.dir)) return fail(o.dir + ": expected an existing dictionary directory");
     // Its threshold is written under the directory's lock like every other change.
     auto opened = openGallery(o.dir, false, o.noWait);
@@ -105,7 +107,7 @@ int runCalibrate(const CalibrateOptions& o) {
         if (scores == nullptr) return fail(msm::lastWriteFailure());
         std::fprintf(scores, "probe,video,candidate,score,genuine\n");
     }
-    const std::vector<Probe> probes = probesByVideo(list.rows);
+    const std::vector<Probe> probes = probesByVideo(list.value());
     std::vector<int> genuine, impostor;
     std::map<std::string, bool> identities;  // identity -> enrolled
     int unusable = 0;
@@ -119,12 +121,11 @@ int runCalibrate(const CalibrateOptions& o) {
             std::vector<Frame> frames;
             error = loadFrames(o.manifest, p.rows, frames);
             if (!error.empty()) return fail(error);
-            const int n = static_cast<int>(frames.size());
-            const int copies = std::max(1, (o.probeFrames + n - 1) / std::max(1, n));
-            const std::vector<Frame> jittered =
-                jitterFrames(frames, copies, o.jitter, 5000u + static_cast<uint32_t>(i));
+            const auto offered = msmface::offerFrames(samplesOf(frames), o.probeFrames, o.jitter,
+                                                      5000u + static_cast<uint32_t>(i));
+            if (!offered.ok()) return fail(offered.message());
             const auto r =
-                g.recognise(samplesOf(jittered), {static_cast<msmface::Method>(o.method), -1});
+                g.recognise(offered.value(), {static_cast<msmface::Method>(o.method), -1});
             if (!r.ok()) {
                 ++unusable;
                 continue;
@@ -146,7 +147,9 @@ int runCalibrate(const CalibrateOptions& o) {
                     " by key name (expected the identity's name, or eval's p<k>_<name>)");
     if (impostor.empty())
         return fail(o.manifest + ": no impostor scores; expected a second person or identity");
-    const FarPoint at = atFalseAcceptRate(genuine, impostor, o.far);
+    const auto calibrated = msmface::thresholdAtFalseAcceptRate(genuine, impostor, o.far);
+    if (!calibrated.ok()) return fail(calibrated.message());
+    const msmface::FalseAcceptPoint& at = calibrated.value();
 
     int enrolled = 0;
     for (const auto& [identity, isEnrolled] : identities) enrolled += isEnrolled ? 1 : 0;

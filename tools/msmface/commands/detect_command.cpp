@@ -7,11 +7,11 @@
 #include <memory>
 #include <string>
 
+#include <msmface/frame_lists.h>
 #include <opencv2/imgproc.hpp>
 
 #include "commands/commands.h"
 #include "input/face_finder.h"
-#include "input/frame_list.h"
 #include "input/image_io.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
@@ -125,8 +125,8 @@ int runDetect(const DetectOptions& o) {
             if (error.empty()) error = writePicture(picturePath, picture);
             if (!error.empty()) return fail(error);
         }
-        points += pointsFileRow(nameInList(picturePath, o.out.empty() ? "" : folderOf(o.out)),
-                                face.points);
+        points += msmface::pointsFileRow(
+            nameInList(picturePath, o.out.empty() ? "" : folderOf(o.out)), face.points);
     }
     if (!source->error().empty()) return fail(source->error());
     if (found == 0)

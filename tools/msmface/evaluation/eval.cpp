@@ -77,10 +77,6 @@ std::vector<EvalPerson> splitByVideo(const std::vector<FrameRow>& rows, int& ski
     return persons;
 }
 
-int copiesFor(int available, int wanted) {
-    return available <= 0 ? 1 : std::max(1, (wanted + available - 1) / available);
-}
-
 // The dimensions the CMSM sweep tries: a handful up to the span of the enrolled persons (a space
 // has no more meaningful directions than about 30 per person), and the chosen one.
 std::vector<int> sweepDimensions(const std::vector<int>& asked, int persons, int chosen) {
@@ -133,11 +129,11 @@ int runEval(const EvalOptions& o) {
     for (int d : o.sweep)
         if (d < 1 || d > 256)
             return fail("--sweep " + std::to_string(d) + ": expected dimensions of 1 to 256");
-    FrameList list;
-    std::string error = readManifest(o.manifest, list);
-    if (!error.empty()) return fail(error);
+    const auto list = msmface::readManifest(o.manifest);
+    if (!list.ok()) return fail(list.message());
+    std::string error;
     int skipped = 0;
-    std::vector<EvalPerson> persons = splitByVideo(list.rows, skipped);
+    std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
     if (persons.size() < 2)
         return fail(o.manifest + ": expected at least two persons with two or more videos each");
     const std::string dictionary = o.out + "/dictionary";
@@ -175,7 +171,9 @@ int runEval(const EvalOptions& o) {
         if (!error.empty()) return fail(error);
     }
     int framesRead = 0, framesFound = 0;
-    std::vector<std::vector<Frame>> probeFrames(persons.size());
+    // The probes' frames, kept for the pictures their samples view.
+    std::vector<std::vector<Frame>> probePictures(persons.size());
+    std::vector<std::vector<msmface::Sample>> probeSamples(persons.size());
     std::vector<int> enrolledIndex(persons.size(), -1);  // index in the gallery, or -1
     {
         Progress bar("enrolling", static_cast<int>(persons.size()));
@@ -191,11 +189,11 @@ int runEval(const EvalOptions& o) {
                 framesFound += replaceWithFoundPoints(*finder, probe);
             }
             const auto seed = static_cast<uint32_t>(1000 + i);
-            const std::vector<Frame> jittered = jitterFrames(
-                enrol, copiesFor(static_cast<int>(enrol.size()), o.enrolFrames), o.jitter, seed);
-            const msmface::Status enrolled =
-                g.enrol(static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)),
-                        samplesOf(jittered));
+            const auto offered =
+                msmface::offerFrames(samplesOf(enrol), o.enrolFrames, o.jitter, seed);
+            if (!offered.ok()) return fail(offered.message());
+            const msmface::Status enrolled = g.enrol(
+                static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), *offered);
             if (!enrolled.ok()) {
                 std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n",
                              p.identity.c_str(), enrolled.message().c_str());
@@ -205,9 +203,11 @@ int runEval(const EvalOptions& o) {
                 faces.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
                 faces.probe.push_back(pngOf(firstNormalisedFace(probe)));
             }
-            probeFrames[i] =
-                jitterFrames(probe, copiesFor(static_cast<int>(probe.size()), o.probeFrames),
-                             o.jitter, seed + 7777u);
+            auto probed =
+                msmface::offerFrames(samplesOf(probe), o.probeFrames, o.jitter, seed + 7777u);
+            if (!probed.ok()) return fail(probed.message());
+            probeSamples[i] = std::move(probed.value());
+            probePictures[i] = std::move(probe);
             bar.step(static_cast<int>(i) + 1);
         }
     }
@@ -236,8 +236,8 @@ int runEval(const EvalOptions& o) {
             bar.step(static_cast<int>(i) + 1);
             const int truth = enrolledIndex[i];
             if (truth < 0) continue;
-            const std::vector<int> scores = scoresOf(
-                g.recognise(samplesOf(probeFrames[i]), {method, o.threshold}), enrolledPersons);
+            const std::vector<int> scores =
+                scoresOf(g.recognise(probeSamples[i], {method, o.threshold}), enrolledPersons);
             all.push_back(ProbeScores{truth, scores});
             if (rows == nullptr) continue;
             for (std::size_t c = 0; c < scores.size(); ++c)

@@ -33,34 +33,6 @@ int rankOfTruth(const ProbeScores& p) {
     return rank;
 }
 
-int thresholdAtFar(const std::vector<int>& impostor, double far) {
-    if (impostor.empty()) return kLowestScore;
-    const std::vector<int> im = sorted(impostor);
-    // Counted in whole scores, so that 1 % of 300 impostors allows exactly 3 whatever the
-    // rounding of 0.01 * 300.
-    const double allowedShare = std::max(0.0, far) * static_cast<double>(im.size());
-    const auto allowed = static_cast<std::size_t>(std::floor(allowedShare + 1e-9));
-    // Accepted impostors only fall as the threshold rises: the first threshold that passes is
-    // either -1 or just below an impostor score.
-    if (countAbove(im, kLowestScore) <= allowed) return kLowestScore;
-    for (auto it = im.begin(); it != im.end(); ++it) {
-        const int t = *it;
-        if (t >= kHighestScore) return kHighestScore;
-        if (countAbove(im, t) <= allowed) return std::max(kLowestScore, t);
-    }
-    return kHighestScore;
-}
-
-FarPoint atFalseAcceptRate(const std::vector<int>& genuine, const std::vector<int>& impostor,
-                           double far) {
-    FarPoint p;
-    p.target = far;
-    p.threshold = thresholdAtFar(impostor, far);
-    p.falseAccept = shareAbove(sorted(impostor), p.threshold);
-    p.trueAccept = shareAbove(sorted(genuine), p.threshold);
-    return p;
-}
-
 Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold) {
     Figures f;
     int identified = 0;
@@ -86,10 +58,11 @@ Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold) {
     const std::vector<int> g = sorted(f.genuine), im = sorted(f.impostor);
     f.trueAcceptAt = shareAbove(g, threshold);
     f.falseAcceptAt = shareAbove(im, threshold);
-    f.atFar1 = atFalseAcceptRate(g, im, 0.01);
-    f.atFar01 = atFalseAcceptRate(g, im, 0.001);
+    // Both rates are within 0 .. 1: these never fail.
+    f.atFar1 = msmface::thresholdAtFalseAcceptRate(g, im, 0.01).value();
+    f.atFar01 = msmface::thresholdAtFalseAcceptRate(g, im, 0.001).value();
     double bestGap = 2.0;
-    for (int t = kLowestScore; t <= kHighestScore; ++t) {
+    for (int t = msmface::kLowestThreshold; t <= msmface::kHighestThreshold; ++t) {
         const double far = shareAbove(im, t);
         const double tar = shareAbove(g, t);
         f.roc.push_back(RocPoint{far, tar, t});
