@@ -3,37 +3,23 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
+#include <utility>
 
 namespace msmface {
 namespace {
 
-std::size_t countAbove(const std::vector<int>& sorted, int t) {
-    return static_cast<std::size_t>(sorted.end() -
-                                    std::upper_bound(sorted.begin(), sorted.end(), t));
-}
-
-double shareAbove(const std::vector<int>& sorted, int t) {
-    if (sorted.empty()) return 0.0;
-    return static_cast<double>(countAbove(sorted, t)) / static_cast<double>(sorted.size());
-}
-
-std::vector<int> sorted(std::vector<int> v) {
-    std::sort(v.begin(), v.end());
-    return v;
-}
-
-int lowestThreshold(const std::vector<int>& impostor, double rate) {
-    if (impostor.empty()) return kLowestThreshold;
+int lowestThreshold(const SortedScores& impostor, double rate) {
+    if (impostor.size() == 0) return kLowestThreshold;
     // Counted in whole scores, so that 1 % of 300 impostors allows exactly 3 whatever the
     // rounding of 0.01 * 300.
     const auto allowed =
         static_cast<std::size_t>(std::floor(rate * static_cast<double>(impostor.size()) + 1e-9));
     // Accepted impostors only fall as the threshold rises: the first threshold that passes is
     // either the lowest or an impostor score itself.
-    if (countAbove(impostor, kLowestThreshold) <= allowed) return kLowestThreshold;
-    for (const int t : impostor) {
+    if (impostor.countAbove(kLowestThreshold) <= allowed) return kLowestThreshold;
+    for (const int t : impostor.values()) {
         if (t >= kHighestThreshold) return kHighestThreshold;
-        if (countAbove(impostor, t) <= allowed) return std::max(kLowestThreshold, t);
+        if (impostor.countAbove(t) <= allowed) return std::max(kLowestThreshold, t);
     }
     return kHighestThreshold;
 }
@@ -46,17 +32,31 @@ std::string numberText(double v) {
 
 }  // namespace
 
+SortedScores::SortedScores(std::vector<int> scores) : sorted_(std::move(scores)) {
+    std::sort(sorted_.begin(), sorted_.end());
+}
+
+std::size_t SortedScores::countAbove(int threshold) const {
+    return static_cast<std::size_t>(sorted_.end() -
+                                    std::upper_bound(sorted_.begin(), sorted_.end(), threshold));
+}
+
+double SortedScores::shareAbove(int threshold) const {
+    if (sorted_.empty()) return 0.0;
+    return static_cast<double>(countAbove(threshold)) / static_cast<double>(sorted_.size());
+}
+
 Result<FalseAcceptPoint> thresholdAtFalseAcceptRate(const std::vector<int>& genuine,
                                                     const std::vector<int>& impostor, double rate) {
     if (!(rate >= 0.0 && rate <= 1.0))
         return Status::failure(ErrorKind::Argument,
                                "rate " + numberText(rate) + ": expected a share from 0 to 1");
-    const std::vector<int> im = sorted(impostor);
+    const SortedScores im(impostor);
     FalseAcceptPoint p;
     p.rate = rate;
     p.threshold = lowestThreshold(im, rate);
-    p.falseAccept = shareAbove(im, p.threshold);
-    p.trueAccept = shareAbove(sorted(genuine), p.threshold);
+    p.falseAccept = im.shareAbove(p.threshold);
+    p.trueAccept = SortedScores(genuine).shareAbove(p.threshold);
     return p;
 }
 

@@ -10,6 +10,7 @@ from . import detect as detect
 
 __version__: str
 HAVE_DETECT: bool
+MAX_JITTER_COPIES: int
 
 Frame = npt.NDArray[np.uint8]
 Points = npt.ArrayLike

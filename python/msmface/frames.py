@@ -19,7 +19,7 @@ from . import _msmface
 Sample = Tuple[np.ndarray, Optional[np.ndarray]]
 
 # As the program's --copies: beyond, a few frames would become a list larger than memory.
-MAX_COPIES = 1000
+MAX_COPIES = _msmface.MAX_JITTER_COPIES
 
 # What the program accepts of a picture: no camera or photo comes near these, and a file or header
 # beyond them is refused before its pixels cost memory.

@@ -80,6 +80,7 @@ py::list rowsOrValueError(msmface::Result<std::vector<msmface::FrameRow>>&& r) {
 }  // namespace
 
 void bindClients(py::module_& m) {
+    m.attr("MAX_JITTER_COPIES") = msmface::kMaxJitterCopies;
     m.def(
         "_jitter_points",
         [](const py::list& points, const py::handle& copies, const py::handle& pixels,

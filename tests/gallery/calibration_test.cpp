@@ -68,6 +68,9 @@ TEST(Calibration, TheThresholdHoldsTheRateAndIsTheLowestThatDoes) {
         EXPECT_DOUBLE_EQ(p->falseAccept,
                          static_cast<double>(Above(impostor, p->threshold)) / count);
         EXPECT_DOUBLE_EQ(p->trueAccept, static_cast<double>(Above(genuine, p->threshold)) / 10);
+        const msmface::SortedScores sorted(impostor);
+        for (int t : {-2, -1, 0, p->threshold, 500, 1000})
+            EXPECT_EQ(sorted.countAbove(t), Above(impostor, t)) << round << " " << t;
     }
 }
 

@@ -7,6 +7,7 @@
 #ifndef MSMFACE_CALIBRATION_H
 #define MSMFACE_CALIBRATION_H
 
+#include <cstddef>
 #include <vector>
 
 #include <msmface/export.h>
@@ -17,6 +18,22 @@ namespace msmface {
 // The range the threshold is searched in: -1 accepts every score, 1000 none.
 inline constexpr int kLowestThreshold = -1;
 inline constexpr int kHighestThreshold = 1000;
+
+// Scores kept sorted, so that how many lie above any threshold takes logarithmic time: what a
+// threshold search or a ROC curve asks thousands of times. Immutable once made.
+class MSMFACE_API SortedScores {
+  public:
+    explicit SortedScores(std::vector<int> scores);
+    std::size_t size() const noexcept { return sorted_.size(); }
+    const std::vector<int>& values() const noexcept { return sorted_; }  // ascending
+    // Scores strictly above the threshold.
+    std::size_t countAbove(int threshold) const;
+    // Their share of all scores; 0 when there are none.
+    double shareAbove(int threshold) const;
+
+  private:
+    std::vector<int> sorted_;
+};
 
 struct FalseAcceptPoint {
     double rate = 0.0;  // the false-accept rate asked for

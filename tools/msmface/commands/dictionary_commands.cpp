@@ -28,7 +28,7 @@ std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::
     const bool fromManifest = !o.manifest.empty();
     if (fromManifest == !o.points.empty())
         return "frames: expected either --manifest FILE --identity NAME or --points FILE";
-    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (o.copies < 1 || o.copies > msmface::kMaxJitterCopies) return "--copies: expected 1 to 1000";
     if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
     if (!fromManifest) {
         list = o.points;
@@ -59,7 +59,7 @@ std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames)
                "--images FILE..., --video FILE or --camera INDEX";
     if (o.videos.size() > 1)
         return "--video: expected one video file (several only as names of a --manifest)";
-    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (o.copies < 1 || o.copies > msmface::kMaxJitterCopies) return "--copies: expected 1 to 1000";
     if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
     PictureSourceOptions source;
     source.images = o.images;

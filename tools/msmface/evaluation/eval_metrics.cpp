@@ -4,26 +4,6 @@
 #include <cmath>
 
 namespace msmcli {
-namespace {
-
-std::size_t countAbove(const std::vector<int>& sorted, int t) {
-    return static_cast<std::size_t>(sorted.end() -
-                                    std::upper_bound(sorted.begin(), sorted.end(), t));
-}
-
-// Share of sorted values strictly above t.
-double shareAbove(const std::vector<int>& sorted, int t) {
-    if (sorted.empty()) return 0.0;
-    return static_cast<double>(countAbove(sorted, t)) / static_cast<double>(sorted.size());
-}
-
-std::vector<int> sorted(std::vector<int> v) {
-    std::sort(v.begin(), v.end());
-    return v;
-}
-
-}  // namespace
-
 int rankOfTruth(const ProbeScores& p) {
     if (p.truth < 0 || p.truth >= static_cast<int>(p.scores.size())) return 0;
     const int own = p.scores[p.truth];
@@ -55,19 +35,19 @@ Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold) {
     f.rank1 = f.cmc[0];
     f.rank5 = f.cmc[4];
     f.identifiedAt = static_cast<double>(identified) / f.probes;
-    const std::vector<int> g = sorted(f.genuine), im = sorted(f.impostor);
-    f.trueAcceptAt = shareAbove(g, threshold);
-    f.falseAcceptAt = shareAbove(im, threshold);
+    const msmface::SortedScores g(f.genuine), im(f.impostor);
+    f.trueAcceptAt = g.shareAbove(threshold);
+    f.falseAcceptAt = im.shareAbove(threshold);
     // Both rates are within 0 .. 1: these never fail.
-    f.atFar1 = msmface::thresholdAtFalseAcceptRate(g, im, 0.01).value();
-    f.atFar01 = msmface::thresholdAtFalseAcceptRate(g, im, 0.001).value();
+    f.atFar1 = msmface::thresholdAtFalseAcceptRate(f.genuine, f.impostor, 0.01).value();
+    f.atFar01 = msmface::thresholdAtFalseAcceptRate(f.genuine, f.impostor, 0.001).value();
     double bestGap = 2.0;
     for (int t = msmface::kLowestThreshold; t <= msmface::kHighestThreshold; ++t) {
-        const double far = shareAbove(im, t);
-        const double tar = shareAbove(g, t);
+        const double far = im.shareAbove(t);
+        const double tar = g.shareAbove(t);
         f.roc.push_back(RocPoint{far, tar, t});
         const double frr = 1.0 - tar;
-        if (!im.empty() && std::fabs(far - frr) < bestGap) {
+        if (im.size() > 0 && std::fabs(far - frr) < bestGap) {
             bestGap = std::fabs(far - frr);
             f.eer = (far + frr) / 2.0;
             f.eerThreshold = t;
