@@ -79,15 +79,12 @@ Result<std::vector<Sample>> offerFrames(const std::vector<Sample>& frames, int w
     const std::size_t n = frames.size();
     const std::size_t want = static_cast<std::size_t>(wanted);
     const std::size_t copies = (want + n - 1) / n;
-    // More copies than jitterFrames makes only when every frame is offered once anyway.
     if (copies > static_cast<std::size_t>(kMaxJitterCopies))
         return Status::failure(ErrorKind::Argument,
                                "wanted " + std::to_string(wanted) + ": expected at most " +
                                    std::to_string(kMaxJitterCopies) + " copies of the " +
                                    std::to_string(n) + " frames given");
-    Result<std::vector<Sample>> out = jitterFrames(frames, static_cast<int>(copies), pixels, seed);
-    if (out.ok()) out->resize(std::max(want, n));
-    return out;
+    return jitterFrames(frames, static_cast<int>(copies), pixels, seed);
 }
 
 }  // namespace msmface

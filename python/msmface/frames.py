@@ -162,8 +162,9 @@ def jitter(samples: Iterable[Sample], copies: int, pixels: float = 1.5,
 
 def offer_frames(samples: Iterable[Sample], wanted: int, pixels: float = 1.5,
                  seed: int = 0) -> List[Sample]:
-    """What is offered when `wanted` frames are asked of fewer: every sample once, then jittered
-    copies (as ``jitter``) up to `wanted` samples in all; never fewer than the samples given."""
+    """What is offered when `wanted` frames are asked of fewer: the fewest whole jittered copies
+    (as ``jitter``) that reach `wanted`, so that every sample is offered equally often; never
+    fewer than the samples given. The msmface program offers frames so too."""
     samples = _as_pairs(samples)
     if not samples:
         raise ValueError("frames: expected at least one frame")

@@ -56,10 +56,11 @@ class MSMFACE_API Jitter {
 MSMFACE_API Result<std::vector<Sample>> jitterFrames(const std::vector<Sample>& frames, int copies,
                                                      double pixels, uint32_t seed);
 
-// What a host offers when it wants `wanted` frames from frames: the jittered copies needed to
-// reach wanted (ceil(wanted / frames.size()) copies), cut to max(wanted, frames.size()) samples,
-// so that every frame the caller gave is offered once. Fails (Argument) for no frames
-// ("frames: ..."), wanted outside 1 .. kMaxOfferedFrames ("wanted 0: ...") or pixels as above.
+// What a host offers when it wants `wanted` frames from frames: as many whole jittered copies as
+// reach wanted, ceil(wanted / frames.size()) of them (jitterFrames), so that every frame is
+// offered equally often and weighs alike in the input; never fewer than the frames given. Fails
+// (Argument) for no frames ("frames: ..."), wanted outside 1 .. kMaxOfferedFrames or needing
+// more than kMaxJitterCopies copies ("wanted 0: ..."), or pixels as above.
 MSMFACE_API Result<std::vector<Sample>> offerFrames(const std::vector<Sample>& frames, int wanted,
                                                     double pixels, uint32_t seed);
 
