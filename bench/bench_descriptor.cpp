@@ -3,16 +3,17 @@
 #include <benchmark/benchmark.h>
 
 #include <msmface/descriptor.h>
+#include <msmface/detect.h>
 
-#include "detect/detect_support.h"
+#include "support/shared_faces.h"
 
 namespace {
 
-using namespace detecttest;
+using msmbench::FacePicture;
 
 struct Setup {
     std::vector<msmface::Descriptor> descriptor;
-    GreyFrame frame;
+    msmbench::GreyPicture frame;
     msmface::DetectedFace face;
     std::string error;
 };
@@ -28,22 +29,23 @@ const Setup& setup() {
             return s;
         }
         s.descriptor.push_back(std::move(loaded).value());
-        const msmface::Detector* detector = sharedDetector();
-        if (detector == nullptr) {
-            s.error = "no landmark model (libdlib-data)";
+        const msmface::Result<msmface::Detector> detector = msmface::Detector::create();
+        if (!detector) {
+            s.error = "no landmark model (libdlib-data): " + detector.message();
             return s;
         }
-        for (const RealFace& f : loadRealFaces(1)) {
-            if (f.eyeDistance() < 30) continue;
-            s.frame = canvas(640, 480);
-            paste(f.frame, 80 / f.eyeDistance(), 160, 60, s.frame);
+        std::string error;
+        for (const FacePicture& f : msmbench::readFacePictures(error)) {
+            if (f.row.eyeDistance() < 30) continue;
+            s.frame = msmbench::canvas(640, 480);
+            msmbench::paste(f.picture, 80 / f.row.eyeDistance(), 160, 60, s.frame);
             const auto found = detector->detect(s.frame.view());
             if (found.ok() && found->size() == 1) {
                 s.face = found->front();
                 return s;
             }
         }
-        s.error = "no real face found in " + facesFolder();
+        s.error = error.empty() ? "no real face found in " + msmbench::facesFolder() : error;
         return s;
     }();
     return s;

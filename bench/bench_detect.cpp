@@ -7,45 +7,53 @@
 #include <cmath>
 #include <random>
 
-#include "detect/detect_support.h"
+#include <msmface/detect.h>
+
+#include "support/shared_faces.h"
 
 namespace {
 
-using namespace detecttest;
+using msmbench::canvas;
+using msmbench::FacePicture;
+using msmbench::GreyPicture;
+using msmbench::paste;
 
+// The default detector, loaded once (it takes a second or more); null without the model.
 const msmface::Detector* detector() {
-    return sharedDetector();
+    static msmface::Result<msmface::Detector> loaded = msmface::Detector::create();
+    return loaded.ok() ? &loaded.value() : nullptr;
 }
 
 // A clear real face (one face, found at the original size, eyes 35 pixels apart or more).
-const RealFace* benchFace() {
-    static const std::vector<RealFace> faces = loadRealFaces(1);
-    static const RealFace* face = [] {
+const FacePicture* benchFace() {
+    static std::string error;
+    static const std::vector<FacePicture> faces = msmbench::readFacePictures(error);
+    static const FacePicture* face = [] {
         const msmface::Detector* d = detector();
-        if (d == nullptr) return static_cast<const RealFace*>(nullptr);
-        for (const RealFace& f : faces) {
-            if (f.eyeDistance() < 35) continue;
-            const auto found = d->detect(f.frame.view());
+        if (d == nullptr) return static_cast<const FacePicture*>(nullptr);
+        for (const FacePicture& f : faces) {
+            if (f.row.eyeDistance() < 35) continue;
+            const auto found = d->detect(f.picture.view());
             if (found.ok() && found->size() == 1 && found->front().score > 0.5) return &f;
         }
-        return static_cast<const RealFace*>(nullptr);
+        return static_cast<const FacePicture*>(nullptr);
     }();
     return face;
 }
 
 // Frames of a person in front of a camera: eyes an eighth of the frame width apart, moving by a
 // few pixels and a few per cent from frame to frame.
-std::vector<GreyFrame> video(int width, int count) {
-    const RealFace& face = *benchFace();
+std::vector<GreyPicture> video(int width, int count) {
+    const FacePicture& face = *benchFace();
     const int height = width * 3 / 4;
-    std::vector<GreyFrame> frames;
+    std::vector<GreyPicture> frames;
     for (int t = 0; t < count; ++t) {
-        const double scale = width / 8.0 / face.eyeDistance() * (1 + 0.1 * std::sin(t * 0.3));
+        const double scale = width / 8.0 / face.row.eyeDistance() * (1 + 0.1 * std::sin(t * 0.3));
         const double left =
-            width / 2.0 - scale * face.frame.width / 2 + width / 16.0 * std::sin(t * 0.2);
-        const double top = height / 2.0 - scale * face.frame.height / 2;
-        GreyFrame f = canvas(width, height);
-        paste(face.frame, scale, left, top, f);
+            width / 2.0 - scale * face.picture.width / 2 + width / 16.0 * std::sin(t * 0.2);
+        const double top = height / 2.0 - scale * face.picture.height / 2;
+        GreyPicture f = canvas(width, height);
+        paste(face.picture, scale, left, top, f);
         frames.push_back(std::move(f));
     }
     return frames;
@@ -93,7 +101,7 @@ BENCHMARK(BM_FitInBox)->Arg(320)->Arg(640)->Unit(benchmark::kMillisecond);
 void BM_DetectNoFace(benchmark::State& state) {
     if (!ready(state)) return;
     const int width = static_cast<int>(state.range(0));
-    GreyFrame noise = canvas(width, width * 3 / 4);
+    GreyPicture noise = canvas(width, width * 3 / 4);
     std::mt19937 rng(1);
     for (unsigned char& v : noise.pixels) v = static_cast<unsigned char>(96 + rng() % 32);
     for (auto _ : state) {

@@ -17,7 +17,7 @@
 #include <msmface/FaceRecognition.h>
 #include <msmface/gallery.h>
 
-#include "common/scratch_dir.h"
+#include "support/scratch_folder.h"
 #include "synth/synth_face.h"
 
 namespace {
@@ -59,14 +59,14 @@ class Fixture {
                     std::fprintf(stderr, "bench_gallery: enrolment failed\n");
             }
         }
-        std::ofstream registry(dir_.File("persons.txt"));
+        std::ofstream registry(dir_.file("persons.txt"));
         for (int i = 0; i < kPersons; ++i) {
             const std::string name = "p" + std::to_string(i);
             if (i >= kDistinct)
                 for (const char* ext : {".dck", ".mck"}) {
-                    std::ifstream in(dir_.File("p" + std::to_string(i % kDistinct) + ext),
+                    std::ifstream in(dir_.file("p" + std::to_string(i % kDistinct) + ext),
                                      std::ios::binary);
-                    std::ofstream(dir_.File(name + ext), std::ios::binary) << in.rdbuf();
+                    std::ofstream(dir_.file(name + ext), std::ios::binary) << in.rdbuf();
                 }
             registry << i + 1 << " " << name << "\n";
         }
@@ -82,7 +82,7 @@ class Fixture {
     const std::vector<msmsynth::SynthFrame>& enrolFrames() const { return enrolFrames_; }
 
   private:
-    msmtest::ScratchDir dir_;
+    msmbench::ScratchFolder dir_;
     std::vector<msmsynth::SynthFrame> frames_;
     std::vector<msmsynth::SynthFrame> enrolFrames_;
 };

@@ -21,14 +21,13 @@
 #include <vector>
 
 #include <msmface/detect.h>
-#include <msmface/frame_lists.h>
 #include <msmface/gallery.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "tools/msmface/input/face_finder.h"
-#include "tools/synth/synth_face.h"
+#include "support/shared_faces.h"
+#include "support/synth_frames.h"
 
 namespace {
 
@@ -39,15 +38,19 @@ constexpr int kHold = 25;   // video frames per still of the person: one second 
 constexpr int kStills = 4;  // stills taken; a cut between two makes the follower detect afresh
 const char* const kIdentity = "Amy_Brenneman";
 
+// A view of a video frame (8-bit BGR) for the library; valid while the frame is.
+msmface::FrameView viewOf(const cv::Mat& frame) {
+    return {frame.data, frame.cols, frame.rows, static_cast<int>(frame.step[0]),
+            msmface::PixelFormat::BGR};
+}
+
 std::vector<cv::Mat> makeVideo() {
-    const std::string faces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-    const auto list = msmface::readManifest(faces + "/manifest.csv");
+    std::string error;
     std::vector<cv::Mat> video;
     int stills = 0;
-    for (const msmface::FrameRow& row :
-         list.ok() ? list.value() : std::vector<msmface::FrameRow>{}) {
+    for (const msmbench::FaceRow& row : msmbench::readFaceManifest(error)) {
         if (row.identity != kIdentity || stills == kStills) continue;
-        cv::Mat still = cv::imread(faces + "/" + row.image, cv::IMREAD_COLOR);
+        cv::Mat still = cv::imread(msmbench::facesFolder() + "/" + row.image, cv::IMREAD_COLOR);
         if (still.empty()) continue;
         ++stills;
         // The face at about twice its size, as a webcam at arm's length shows it.
@@ -69,23 +72,9 @@ msmface::Result<msmface::Gallery> openGallery(const std::string& dir, int person
     msmface::Result<msmface::Gallery> g = msmface::Gallery::open(dir, msmface::OpenOptions{true});
     if (!g) return g;
     for (int i = static_cast<int>(g->persons().size()); i < persons; ++i) {
-        const msmsynth::SynthPerson person = msmsynth::makePerson(11, i);
-        std::vector<msmsynth::SynthFrame> rendered;
-        for (const msmsynth::SynthPose& pose : msmsynth::makeSequence(900 + i, 60, 320, 240))
-            rendered.push_back(msmsynth::renderFrame(person, pose, 320, 240));
-        std::vector<msmface::Sample> samples;
-        for (const msmsynth::SynthFrame& f : rendered) {
-            if (!f.valid()) continue;
-            msmface::Sample s;
-            s.frame.data = f.pixels.data();
-            s.frame.width = f.width;
-            s.frame.height = f.height;
-            msmface::FacePoints p;
-            for (int k = 0; k < 28; ++k) p.xy[k] = f.points[k];
-            s.points = p;
-            samples.push_back(s);
-        }
-        msmface::Status st = g->enrol(i + 1, "synth" + std::to_string(i + 1), samples);
+        const std::vector<msmsynth::SynthFrame> rendered = msmbench::takeOf(11, i, 900 + i, 60);
+        msmface::Status st =
+            g->enrol(i + 1, "synth" + std::to_string(i + 1), msmbench::samplesOf(rendered));
         if (!st) return st;
     }
     return g;
@@ -123,7 +112,7 @@ struct Fixture {
         msmface::Follower follower(*detector);
         for (const cv::Mat& f : video) {
             msmface::FacePoints p;
-            if (follower.findPoints(msmcli::viewOf(f), p)) points.push_back(p);
+            if (follower.findPoints(viewOf(f), p)) points.push_back(p);
         }
         if (points.empty()) error = "the detector finds no face in the video";
     }
@@ -161,7 +150,7 @@ void BM_WatchFrame(benchmark::State& state) {
     std::size_t k = 0;
     int faces = 0;
     for (auto _ : state) {
-        msmface::Result<msmface::StreamState> s = stream->push(msmcli::viewOf(fx.video[k]));
+        msmface::Result<msmface::StreamState> s = stream->push(viewOf(fx.video[k]));
         faces += s && s->face ? 1 : 0;
         benchmark::DoNotOptimize(s);
         k = (k + 1) % fx.video.size();
@@ -178,7 +167,7 @@ void BM_DetectFullFrame(benchmark::State& state) {
     Fixture& fx = fixture();
     std::size_t k = 0, found = 0;
     for (auto _ : state) {
-        auto faces = fx.detector->detect(msmcli::viewOf(fx.video[k]));
+        auto faces = fx.detector->detect(viewOf(fx.video[k]));
         found += faces && !faces->empty();
         k = (k + 1) % fx.video.size();
     }
@@ -197,7 +186,7 @@ void BM_FollowFrame(benchmark::State& state) {
     std::size_t k = 0;
     for (auto _ : state) {
         msmface::FacePoints p;
-        benchmark::DoNotOptimize(follower.findPoints(msmcli::viewOf(fx.video[k]), p));
+        benchmark::DoNotOptimize(follower.findPoints(viewOf(fx.video[k]), p));
         k = (k + 1) % fx.video.size();
     }
     setRate(state);
@@ -222,7 +211,7 @@ void BM_StreamPushPoints(benchmark::State& state) {
     std::size_t k = 0;
     for (auto _ : state) {
         const std::size_t i = k % fx.points.size();
-        benchmark::DoNotOptimize(stream->push(msmcli::viewOf(fx.video[i]), fx.points[i]));
+        benchmark::DoNotOptimize(stream->push(viewOf(fx.video[i]), fx.points[i]));
         ++k;
     }
     setRate(state);

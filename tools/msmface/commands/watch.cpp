@@ -70,130 +70,209 @@ struct Tally {
     double first = 0;
 };
 
-}  // namespace
-
-int runWatch(const WatchOptions& o) {
+// One line naming the flag and the values it takes, or empty. The annotated video is never
+// written over the video being read, the model or a file of the directory.
+std::string checkWatchOptions(const WatchOptions& o) {
     if (o.method != 0 && o.method != 1 && o.method != 2 && o.method != 4)
-        return fail("--method " + std::to_string(o.method) +
-                    ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)");
+        return "--method " + std::to_string(o.method) +
+               ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)";
     if (o.threshold < -1 || o.threshold > 1000)
-        return fail("--threshold: expected 0 to 1000 (or -1: the directory's stored one)");
+        return "--threshold: expected 0 to 1000 (or -1: the directory's stored one)";
     if (o.frames < 0)
-        return fail("--frames " + std::to_string(o.frames) +
-                    ": expected 1 or more (or 0: the whole video)");
+        return "--frames " + std::to_string(o.frames) +
+               ": expected 1 or more (or 0: the whole video)";
     if (o.video.empty() == (o.camera < 0) && o.camera >= -1)
-        return fail("watch: expected --video FILE or --camera INDEX (one of the two)");
-    if (!o.annotate.empty() && fourccFor(o.annotate) == 0)
-        return fail("--annotate " + o.annotate + ": expected a video name ending in .mp4 or .avi");
+        return "watch: expected --video FILE or --camera INDEX (one of the two)";
+    if (o.annotate.empty()) return {};
+    if (fourccFor(o.annotate) == 0)
+        return "--annotate " + o.annotate + ": expected a video name ending in .mp4 or .avi";
+    InputFiles inputs;
+    inputs.add(o.video);
+    inputs.add(o.model);
+    inputs.addFolder(o.dir);
+    return inputs.refuseOverwrite("--annotate", o.annotate);
+}
 
-    // The annotated video is written aside and renamed at the end: never over the video being
-    // read, the model or a file of the directory, and never left half-written in place.
-    std::unique_ptr<OutputBeside> annotated;
-    if (!o.annotate.empty()) {
-        InputFiles inputs;
-        inputs.add(o.video);
-        inputs.add(o.model);
-        inputs.addFolder(o.dir);
-        const std::string refused = inputs.refuseOverwrite("--annotate", o.annotate);
-        if (!refused.empty()) return fail(refused);
-    }
+std::string openSource(const WatchOptions& o, std::unique_ptr<PictureSource>& source) {
     PictureSourceOptions sourceOptions;
     sourceOptions.video = o.video;
     sourceOptions.camera = o.camera;
     // A camera runs until interrupted unless told otherwise.
     sourceOptions.frames = o.frames > 0 ? o.frames : o.camera >= 0 ? INT_MAX : 0;
-    std::unique_ptr<PictureSource> source;
-    std::string error = openPictureSource(sourceOptions, source);
-    if (!error.empty()) return fail(error);
-    msmface::Result<msmface::Gallery> gallery = msmface::Gallery::open(o.dir);
-    if (!gallery) return fail(gallery.message());
-    // Persons left out are said once each, also those whose files go bad while the video runs.
-    std::set<std::string> warned;
-    auto warnAboutLeftOut = [&] {
-        for (const msmface::LeftOut& left : gallery->leftOut())
-            if (warned.insert(left.reason).second)
-                std::fprintf(stderr, "msmface: warning: %s\n", left.reason.c_str());
-    };
-    warnAboutLeftOut();
-    if (gallery->persons().empty())
-        return fail(o.dir + ": no person enrolled; expected one or more");
-    std::unique_ptr<FaceFinder> finder;
-    error = makeFaceFinder(o.model, true, o.video.empty() ? "--camera" : "--video", finder);
-    if (!error.empty()) return fail(error);
+    return openPictureSource(sourceOptions, source);
+}
 
+msmface::StreamOptions streamOptionsOf(const WatchOptions& o, FaceFinder& finder) {
     msmface::StreamOptions streamOptions;
     streamOptions.method = o.method == 0   ? msmface::Method::SinglePattern
                            : o.method == 1 ? msmface::Method::Msm
                                            : msmface::Method::Cmsm;
     streamOptions.threshold = o.threshold;
-    streamOptions.finder = finder->pointFinder();
-    msmface::Result<msmface::Stream> stream = msmface::Stream::create(*gallery, streamOptions);
+    streamOptions.finder = finder.pointFinder();
+    return streamOptions;
+}
+
+// Persons left out are said once each, also those whose files go bad while the video runs.
+class LeftOutWarnings {
+  public:
+    void sayNew(const msmface::Gallery& g) {
+        for (const msmface::LeftOut& left : g.leftOut())
+            if (warned_.insert(left.reason).second)
+                std::fprintf(stderr, "msmface: warning: %s\n", left.reason.c_str());
+    }
+
+  private:
+    std::set<std::string> warned_;
+};
+
+// The annotated video, written aside and renamed over its target by commit(); it is opened at the
+// first frame, whose size it takes. Dropped uncommitted, nothing is left of it.
+class AnnotatedVideo {
+  public:
+    explicit AnnotatedVideo(std::string path) : path_(std::move(path)) {}
+
+    std::string write(const cv::Mat& frame, const FoundFace* face,
+                      const msmface::StreamState& state, double rate) {
+        cv::Mat bgr = colourCopy(frame);
+        annotate(bgr, face, state);
+        if (!writer_.isOpened()) {
+            file_ = std::make_unique<OutputBeside>(path_);
+            if (file_->temporary().empty()) return file_->error();
+            writer_.open(file_->temporary(), cv::CAP_FFMPEG, fourccFor(path_), rate, bgr.size());
+            if (!writer_.isOpened()) return path_ + ": cannot be written as a video";
+        }
+        writer_.write(bgr);
+        return {};
+    }
+
+    std::string commit() {
+        writer_.release();
+        return file_ ? file_->commit() : std::string();
+    }
+
+  private:
+    std::string path_;
+    std::unique_ptr<OutputBeside> file_;  // released after the writer that fills it
+    cv::VideoWriter writer_;
+};
+
+// The frame cycle of an opened source and stream until the source ends or the program is
+// interrupted: identifications said as they happen, and counted for the summary.
+class WatchLoop {
+  public:
+    WatchLoop(const WatchOptions& o, PictureSource& source, const msmface::Gallery& g,
+              FaceFinder& finder, msmface::Stream& stream, LeftOutWarnings& leftOut)
+        : source_(source), g_(g), finder_(finder), stream_(stream), leftOut_(leftOut) {
+        if (!o.annotate.empty()) annotated_ = std::make_unique<AnnotatedVideo>(o.annotate);
+    }
+
+    std::string run();
+    void printSummary(int threshold) const;
+
+  private:
+    std::string take(const cv::Mat& frame);
+    void noteIdentification(const msmface::StreamState& state);
+
+    PictureSource& source_;
+    const msmface::Gallery& g_;
+    FaceFinder& finder_;
+    msmface::Stream& stream_;
+    LeftOutWarnings& leftOut_;
+    std::unique_ptr<AnnotatedVideo> annotated_;
+    std::map<int, Tally> tallies_;  // by ID
+    std::map<int, std::string> names_;
+    int faces_ = 0;
+    int current_ = 0;  // the ID identified in the current input, 0: none
+    double seconds_ = 0;
+};
+
+std::string WatchLoop::run() {
+    const auto start = std::chrono::steady_clock::now();
+    cv::Mat frame;
+    while (!interrupted && source_.next(frame)) {
+        const std::string error = take(frame);
+        if (!error.empty()) return error;
+    }
+    if (!source_.error().empty()) return source_.error();
+    if (annotated_) {
+        const std::string error = annotated_->commit();
+        if (!error.empty()) return error;
+    }
+    seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return {};
+}
+
+std::string WatchLoop::take(const cv::Mat& frame) {
+    msmface::Result<msmface::StreamState> state = stream_.push(viewOf(frame));
+    if (!state) return state.message();
+    leftOut_.sayNew(g_);
+    FoundFace face;
+    const bool hasFace = finder_.lastFace(face) && state->face;
+    faces_ += hasFace ? 1 : 0;
+    noteIdentification(*state);
+    if (!annotated_) return {};
+    return annotated_->write(frame, hasFace ? &face : nullptr, *state, source_.rate());
+}
+
+void WatchLoop::noteIdentification(const msmface::StreamState& state) {
+    if (state.frames == 0) current_ = 0;  // the input was cleared: a new recognition
+    const auto& identified = state.ranking.identified;
+    if (identified && identified->id != current_) {
+        current_ = identified->id;
+        Tally& t = tallies_[current_];
+        if (t.events++ == 0) t.first = source_.seconds();
+        names_[current_] = identified->name;
+        std::printf("%s  identified %s (ID %d), score %d\n", clock(source_.seconds()).c_str(),
+                    identified->name.c_str(), identified->id, identified->score);
+        std::fflush(stdout);
+    }
+    if (identified && identified->id == current_)
+        tallies_[current_].best = std::max(tallies_[current_].best, identified->score);
+}
+
+void WatchLoop::printSummary(int threshold) const {
+    std::printf("\nsummary: %d frames (%s of video), a face in %d; %.1f frames per second\n",
+                source_.taken(), clock(source_.taken() / std::max(1.0, source_.rate())).c_str(),
+                faces_, seconds_ > 0 ? source_.taken() / seconds_ : 0.0);
+    if (tallies_.empty()) std::printf("no one identified (threshold %d)\n", threshold);
+    for (const auto& [id, t] : tallies_)
+        std::printf("identified %s (ID %d): %d time%s, first at %s, best score %d\n",
+                    names_.at(id).c_str(), id, t.events, t.events == 1 ? "" : "s",
+                    clock(t.first).c_str(), t.best);
+}
+
+}  // namespace
+
+int runWatch(const WatchOptions& o) {
+    std::string error = checkWatchOptions(o);
+    if (!error.empty()) return fail(error);
+    std::unique_ptr<PictureSource> source;
+    error = openSource(o, source);
+    if (!error.empty()) return fail(error);
+    msmface::Result<msmface::Gallery> gallery = msmface::Gallery::open(o.dir);
+    if (!gallery) return fail(gallery.message());
+    LeftOutWarnings leftOut;
+    leftOut.sayNew(*gallery);
+    if (gallery->persons().empty())
+        return fail(o.dir + ": no person enrolled; expected one or more");
+    std::unique_ptr<FaceFinder> finder;
+    error = makeFaceFinder(o.model, true, o.video.empty() ? "--camera" : "--video", finder);
+    if (!error.empty()) return fail(error);
+    msmface::Result<msmface::Stream> stream =
+        msmface::Stream::create(*gallery, streamOptionsOf(o, *finder));
     if (!stream) return fail(stream.message());
     const int threshold = o.threshold >= 0 ? o.threshold : gallery->threshold();
 
-    cv::VideoWriter writer;
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
     std::printf("watching %s against %zu persons of %s; method %d, threshold %d\n",
                 source->name().c_str(), gallery->persons().size(), o.dir.c_str(), o.method,
                 threshold);
     std::fflush(stdout);
-
-    std::map<int, Tally> tallies;  // by ID
-    std::map<int, std::string> names;
-    int faces = 0;
-    int current = 0;  // the ID identified in the current input, 0: none
-    const auto start = std::chrono::steady_clock::now();
-    cv::Mat frame;
-    while (!interrupted && source->next(frame)) {
-        msmface::Result<msmface::StreamState> state = stream->push(viewOf(frame));
-        if (!state) return fail(state.message());
-        warnAboutLeftOut();
-        FoundFace face;
-        const bool hasFace = finder->lastFace(face) && state->face;
-        faces += hasFace ? 1 : 0;
-        if (state->frames == 0) current = 0;  // the input was cleared: a new recognition
-        const auto& identified = state->ranking.identified;
-        if (identified && identified->id != current) {
-            current = identified->id;
-            Tally& t = tallies[current];
-            if (t.events++ == 0) t.first = source->seconds();
-            names[current] = identified->name;
-            std::printf("%s  identified %s (ID %d), score %d\n", clock(source->seconds()).c_str(),
-                        identified->name.c_str(), identified->id, identified->score);
-            std::fflush(stdout);
-        }
-        if (identified && identified->id == current)
-            tallies[current].best = std::max(tallies[current].best, identified->score);
-        if (!o.annotate.empty()) {
-            cv::Mat bgr = colourCopy(frame);
-            annotate(bgr, hasFace ? &face : nullptr, *state);
-            if (!writer.isOpened()) {
-                annotated = std::make_unique<OutputBeside>(o.annotate);
-                if (annotated->temporary().empty()) return fail(annotated->error());
-                writer.open(annotated->temporary(), cv::CAP_FFMPEG, fourccFor(o.annotate),
-                            source->rate(), bgr.size());
-                if (!writer.isOpened()) return fail(o.annotate + ": cannot be written as a video");
-            }
-            writer.write(bgr);
-        }
-    }
-    if (!source->error().empty()) return fail(source->error());
-    writer.release();
-    if (annotated) {
-        error = annotated->commit();
-        if (!error.empty()) return fail(error);
-    }
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("\nsummary: %d frames (%s of video), a face in %d; %.1f frames per second\n",
-                source->taken(), clock(source->taken() / std::max(1.0, source->rate())).c_str(),
-                faces, seconds > 0 ? source->taken() / seconds : 0.0);
-    if (tallies.empty()) std::printf("no one identified (threshold %d)\n", threshold);
-    for (const auto& [id, t] : tallies)
-        std::printf("identified %s (ID %d): %d time%s, first at %s, best score %d\n",
-                    names[id].c_str(), id, t.events, t.events == 1 ? "" : "s",
-                    clock(t.first).c_str(), t.best);
+    WatchLoop loop(o, *source, *gallery, *finder, *stream, leftOut);
+    error = loop.run();
+    if (!error.empty()) return fail(error);
+    loop.printSummary(threshold);
     if (!o.annotate.empty()) std::printf("annotated video: %s\n", o.annotate.c_str());
     return 0;
 }

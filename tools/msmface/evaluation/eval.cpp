@@ -114,139 +114,192 @@ class Stopwatch {
     std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
-}  // namespace
-
-int runEval(const EvalOptions& o) {
-    const auto start = std::chrono::steady_clock::now();
-    Stopwatch watch;
-    if (!(o.jitter >= 0 && o.jitter <= 20)) return fail("--jitter: expected 0 to 20 pixels");
-    if (o.enrolFrames < 50 || o.enrolFrames > 2000)
-        return fail("--enrol-frames: expected 50 to 2000");
-    if (o.probeFrames < 1 || o.probeFrames > 2000)
-        return fail("--probe-frames: expected 1 to 2000");
-    if (o.threshold < 0 || o.threshold > 1000) return fail("--threshold: expected 0 to 1000");
-    if (o.dimension < 1 || o.dimension > 256) return fail("--dimension: expected 1 to 256");
+// One line naming the flag and the values it takes, or empty.
+std::string checkEvalOptions(const EvalOptions& o) {
+    if (!(o.jitter >= 0 && o.jitter <= 20)) return "--jitter: expected 0 to 20 pixels";
+    if (o.enrolFrames < 50 || o.enrolFrames > 2000) return "--enrol-frames: expected 50 to 2000";
+    if (o.probeFrames < 1 || o.probeFrames > 2000) return "--probe-frames: expected 1 to 2000";
+    if (o.threshold < 0 || o.threshold > 1000) return "--threshold: expected 0 to 1000";
+    if (o.dimension < 1 || o.dimension > 256) return "--dimension: expected 1 to 256";
     for (int d : o.sweep)
         if (d < 1 || d > 256)
-            return fail("--sweep " + std::to_string(d) + ": expected dimensions of 1 to 256");
-    const auto list = msmface::readManifest(o.manifest);
-    if (!list.ok()) return fail(list.message());
-    std::string error;
-    int skipped = 0;
-    std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
-    if (persons.size() < 2)
-        return fail(o.manifest + ": expected at least two persons with two or more videos each");
-    const std::string dictionary = o.out + "/dictionary";
-    const std::string csvPath = o.out + "/scores.csv";
-    const std::string jsonPath = o.out + "/summary.json";
-    const std::string pagePath = o.out + "/report.html";
+            return "--sweep " + std::to_string(d) + ": expected dimensions of 1 to 256";
+    return {};
+}
+
+struct EvalPaths {
+    std::string dictionary;
+    std::string csv;
+    std::string json;
+    std::string page;
+};
+
+EvalPaths evalPathsIn(const std::string& out) {
+    return {out + "/dictionary", out + "/scores.csv", out + "/summary.json", out + "/report.html"};
+}
+
+// Checked before any work: no output may replace the manifest, and the dictionary folder holds
+// nothing but an earlier run's files.
+std::string prepareEvalOutputs(const EvalOptions& o, const EvalPaths& paths) {
     InputFiles inputs;
     inputs.add(o.manifest);
-    for (const std::string& output : {csvPath, jsonPath, pagePath}) {
-        error = inputs.refuseOverwrite("--out", output);
-        if (!error.empty()) return fail(error);
+    for (const std::string& output : {paths.csv, paths.json, paths.page}) {
+        const std::string error = inputs.refuseOverwrite("--out", output);
+        if (!error.empty()) return error;
     }
-    error = prepareRunDictionary(o.out, "eval");
-    if (!error.empty()) return fail(error);
-    auto opened = msmface::Gallery::open(dictionary);
-    if (!opened.ok()) return fail(opened.message());
-    msmface::Gallery& g = opened.value();
+    return prepareRunDictionary(o.out, "eval");
+}
 
-    EvalSummary summary;
-    summary.version = msmface_versionString();
-    summary.settings = {o.manifest,    o.jitter,    o.enrolFrames,
-                        o.probeFrames, o.dimension, o.threshold};
-    summary.personsWithVideos = static_cast<int>(persons.size());
-    summary.leftOut = skipped;
-    ReportFaces faces;
+// One evaluation over an opened gallery, step by step; each step returns an empty string or the
+// one line that ends the run.
+class EvalRun {
+  public:
+    EvalRun(const EvalOptions& o, const EvalPaths& paths, std::vector<EvalPerson> persons,
+            int leftOut, msmface::Gallery& g, const Stopwatch& watch)
+        : o_(o),
+          paths_(paths),
+          persons_(std::move(persons)),
+          g_(g),
+          watch_(watch),
+          probePictures_(persons_.size()),
+          probeSamples_(persons_.size()),
+          enrolledIndex_(persons_.size(), -1) {
+        summary_.version = msmface_versionString();
+        summary_.settings = {o.manifest,    o.jitter,    o.enrolFrames,
+                             o.probeFrames, o.dimension, o.threshold};
+        summary_.personsWithVideos = static_cast<int>(persons_.size());
+        summary_.leftOut = leftOut;
+    }
 
+    std::string enrolAll();
+    std::string buildConstraint();
+    std::string probeByEveryMethod();
+    std::string sweepConstraintDimensions();
+    // summary.json, report.html and the run's record; pageBytes is the report's size.
+    std::string writeReport(std::size_t& pageBytes);
+
+    const EvalSummary& summary() const { return summary_; }
+
+  private:
+    std::string enrolPerson(std::size_t i, FaceFinder* finder, int& framesRead, int& framesFound);
+    std::vector<ProbeScores> probeAll(msmface::Method method, const std::string& stage,
+                                      std::FILE* rows);
+    bool cmsmFiguresAt(int dimension, Figures& f);
+
+    const EvalOptions& o_;
+    const EvalPaths& paths_;
+    const std::vector<EvalPerson> persons_;
+    msmface::Gallery& g_;
+    Stopwatch watch_;
+    EvalSummary summary_;
+    ReportFaces faces_;
+    // The probes' frames, kept for the pictures their offered samples view.
+    std::vector<std::vector<Frame>> probePictures_;
+    std::vector<std::vector<msmface::Sample>> probeSamples_;
+    std::vector<int> enrolledIndex_;  // index in the gallery, or -1
+    std::vector<msmface::Person> enrolledPersons_;
+};
+
+std::string EvalRun::enrolAll() {
     std::printf(
         "%zu persons with two or more videos (%d with one video left out); enrolling from "
         "all but the last video, probing with the last\n",
-        persons.size(), skipped);
+        persons_.size(), summary_.leftOut);
     // With --detect the manifest gives only the pictures; each is a still of its own.
     std::unique_ptr<FaceFinder> finder;
-    if (o.detect) {
-        error = makeFaceFinder("", false, "--detect", finder);
-        if (!error.empty()) return fail(error);
+    if (o_.detect) {
+        const std::string error = makeFaceFinder("", false, "--detect", finder);
+        if (!error.empty()) return error;
     }
     int framesRead = 0, framesFound = 0;
-    // The probes' frames, kept for the pictures their samples view.
-    std::vector<std::vector<Frame>> probePictures(persons.size());
-    std::vector<std::vector<msmface::Sample>> probeSamples(persons.size());
-    std::vector<int> enrolledIndex(persons.size(), -1);  // index in the gallery, or -1
     {
-        Progress bar("enrolling", static_cast<int>(persons.size()));
-        for (std::size_t i = 0; i < persons.size(); ++i) {
-            const EvalPerson& p = persons[i];
-            std::vector<Frame> enrol, probe;
-            error = loadFrames(o.manifest, p.enrolRows, enrol);
-            if (error.empty()) error = loadFrames(o.manifest, p.probeRows, probe);
-            if (!error.empty()) return fail(error);
-            if (finder) {
-                framesRead += static_cast<int>(enrol.size() + probe.size());
-                framesFound += replaceWithFoundPoints(*finder, enrol);
-                framesFound += replaceWithFoundPoints(*finder, probe);
-            }
-            const auto seed = static_cast<uint32_t>(1000 + i);
-            const auto offered =
-                msmface::offerFrames(samplesOf(enrol), o.enrolFrames, o.jitter, seed);
-            if (!offered.ok()) return fail(offered.message());
-            const msmface::Status enrolled = g.enrol(
-                static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), *offered);
-            if (!enrolled.ok()) {
-                std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n",
-                             p.identity.c_str(), enrolled.message().c_str());
-            } else {
-                enrolledIndex[i] = static_cast<int>(g.persons().size()) - 1;
-                summary.enrolled.push_back(p.identity);
-                faces.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
-                faces.probe.push_back(pngOf(firstNormalisedFace(probe)));
-            }
-            auto probed =
-                msmface::offerFrames(samplesOf(probe), o.probeFrames, o.jitter, seed + 7777u);
-            if (!probed.ok()) return fail(probed.message());
-            probeSamples[i] = std::move(probed.value());
-            probePictures[i] = std::move(probe);
+        Progress bar("enrolling", static_cast<int>(persons_.size()));
+        for (std::size_t i = 0; i < persons_.size(); ++i) {
+            const std::string error = enrolPerson(i, finder.get(), framesRead, framesFound);
+            if (!error.empty()) return error;
             bar.step(static_cast<int>(i) + 1);
         }
     }
     if (finder)
         std::printf("the detector found a face in %d of %d frames\n", framesFound, framesRead);
-    summary.stages.push_back(
-        {o.detect ? "reading frames, finding faces and enrolling" : "reading frames and enrolling",
-         watch.lap()});
-    const msmface::Status built = g.rebuildConstraint(o.dimension);
-    if (!built.ok()) return fail(built.message());
-    summary.stages.push_back({"constraint space", watch.lap()});
-    const std::vector<msmface::Person> enrolledPersons = g.persons();
+    summary_.stages.push_back(
+        {o_.detect ? "reading frames, finding faces and enrolling" : "reading frames and enrolling",
+         watch_.lap()});
+    return {};
+}
 
+// Enrols the i-th person from the jittered enrolment frames and keeps the person's jittered probe
+// frames. A person the gallery refuses is a warning: the others are still evaluated.
+std::string EvalRun::enrolPerson(std::size_t i, FaceFinder* finder, int& framesRead,
+                                 int& framesFound) {
+    const EvalPerson& p = persons_[i];
+    std::vector<Frame> enrol, probe;
+    std::string error = loadFrames(o_.manifest, p.enrolRows, enrol);
+    if (error.empty()) error = loadFrames(o_.manifest, p.probeRows, probe);
+    if (!error.empty()) return error;
+    if (finder) {
+        framesRead += static_cast<int>(enrol.size() + probe.size());
+        framesFound += replaceWithFoundPoints(*finder, enrol);
+        framesFound += replaceWithFoundPoints(*finder, probe);
+    }
+    const auto seed = static_cast<uint32_t>(1000 + i);
+    const auto offered = msmface::offerFrames(samplesOf(enrol), o_.enrolFrames, o_.jitter, seed);
+    if (!offered.ok()) return offered.message();
+    const msmface::Status enrolled =
+        g_.enrol(static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), *offered);
+    if (!enrolled.ok()) {
+        std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n", p.identity.c_str(),
+                     enrolled.message().c_str());
+    } else {
+        enrolledIndex_[i] = static_cast<int>(g_.persons().size()) - 1;
+        summary_.enrolled.push_back(p.identity);
+        faces_.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
+        faces_.probe.push_back(pngOf(firstNormalisedFace(probe)));
+    }
+    auto probed = msmface::offerFrames(samplesOf(probe), o_.probeFrames, o_.jitter, seed + 7777u);
+    if (!probed.ok()) return probed.message();
+    probeSamples_[i] = std::move(probed.value());
+    probePictures_[i] = std::move(probe);
+    return {};
+}
+
+std::string EvalRun::buildConstraint() {
+    const msmface::Status built = g_.rebuildConstraint(o_.dimension);
+    if (!built.ok()) return built.message();
+    summary_.stages.push_back({"constraint space", watch_.lap()});
+    enrolledPersons_ = g_.persons();
+    return {};
+}
+
+// Every enrolled person's probe by one method: its scores, and the scores file's rows when rows is
+// given.
+std::vector<ProbeScores> EvalRun::probeAll(msmface::Method method, const std::string& stage,
+                                           std::FILE* rows) {
+    std::vector<ProbeScores> all;
+    Progress bar(stage, static_cast<int>(persons_.size()));
+    for (std::size_t i = 0; i < persons_.size(); ++i) {
+        bar.step(static_cast<int>(i) + 1);
+        const int truth = enrolledIndex_[i];
+        if (truth < 0) continue;
+        const std::vector<int> scores =
+            scoresOf(g_.recognise(probeSamples_[i], {method, o_.threshold}), enrolledPersons_);
+        all.push_back(ProbeScores{truth, scores});
+        if (rows == nullptr) continue;
+        for (std::size_t c = 0; c < scores.size(); ++c)
+            std::fprintf(rows, "%d,%s,%s,%d,%d\n", static_cast<int>(method),
+                         persons_[i].identity.c_str(), enrolledPersons_[c].name.c_str(), scores[c],
+                         static_cast<int>(c) == truth ? 1 : 0);
+    }
+    return all;
+}
+
+std::string EvalRun::probeByEveryMethod() {
     // Streamed into a temporary beside the target (all persons' scores by three methods can be
     // large) and renamed over it only when complete.
     msm::clearWriteFailure();
-    msm::AtomicFile csv(csvPath.c_str());
-    if (csv.stream() == nullptr) return fail(msm::lastWriteFailure());
+    msm::AtomicFile csv(paths_.csv.c_str());
+    if (csv.stream() == nullptr) return msm::lastWriteFailure();
     std::fprintf(csv.stream(), "method,probe,candidate,score,genuine\n");
-    // Every enrolled person's probe by one method: its scores, and the scores file's rows when
-    // csv is given.
-    auto probeAll = [&](msmface::Method method, const std::string& stage, std::FILE* rows) {
-        std::vector<ProbeScores> all;
-        Progress bar(stage, static_cast<int>(persons.size()));
-        for (std::size_t i = 0; i < persons.size(); ++i) {
-            bar.step(static_cast<int>(i) + 1);
-            const int truth = enrolledIndex[i];
-            if (truth < 0) continue;
-            const std::vector<int> scores =
-                scoresOf(g.recognise(probeSamples[i], {method, o.threshold}), enrolledPersons);
-            all.push_back(ProbeScores{truth, scores});
-            if (rows == nullptr) continue;
-            for (std::size_t c = 0; c < scores.size(); ++c)
-                std::fprintf(rows, "%d,%s,%s,%d,%d\n", static_cast<int>(method),
-                             persons[i].identity.c_str(), enrolledPersons[c].name.c_str(),
-                             scores[c], static_cast<int>(c) == truth ? 1 : 0);
-        }
-        return all;
-    };
     const std::pair<msmface::Method, const char*> methods[] = {
         {msmface::Method::SinglePattern, "SINGLE PATTERN"},
         {msmface::Method::Msm, "MSM"},
@@ -256,50 +309,91 @@ int runEval(const EvalOptions& o) {
         m.method = static_cast<int>(method);
         m.name = name;
         m.scores = probeAll(method, std::string("probing ") + name, csv.stream());
-        m.figures = computeFigures(m.scores, o.threshold);
-        summary.methods.push_back(std::move(m));
-        summary.stages.push_back({std::string("probing by ") + name, watch.lap()});
+        m.figures = computeFigures(m.scores, o_.threshold);
+        summary_.methods.push_back(std::move(m));
+        summary_.stages.push_back({std::string("probing by ") + name, watch_.lap()});
     }
-    if (!csv.Commit()) return fail(msm::lastWriteFailure());
+    if (!csv.Commit()) return msm::lastWriteFailure();
+    return {};
+}
 
-    if (!o.noSweep) {
-        for (int d :
-             sweepDimensions(o.sweep, static_cast<int>(summary.enrolled.size()), o.dimension)) {
-            Figures f;
-            if (d == o.dimension) {
-                f = summary.methods.back().figures;
-            } else {
-                const msmface::Status rebuilt = g.rebuildConstraint(d);
-                if (!rebuilt.ok()) {
-                    // One dimension the space cannot take does not spoil the others.
-                    std::fprintf(stderr, "\nmsmface: warning: sweep left out %d: %s\n", d,
-                                 rebuilt.message().c_str());
-                    continue;
-                }
-                f = computeFigures(
-                    probeAll(msmface::Method::Cmsm, "CMSM at " + std::to_string(d), nullptr),
-                    o.threshold);
-            }
-            summary.sweep.push_back({d, f.rank1, f.eer, f.eerThreshold});
-        }
-        summary.bestDimension = bestSweepDimension(summary.sweep);
-        // The dictionary is left with the space this run was asked for.
-        const msmface::Status rebuilt = g.rebuildConstraint(o.dimension);
-        if (!rebuilt.ok()) return fail(rebuilt.message());
-        summary.stages.push_back({"CMSM dimension sweep", watch.lap()});
+// CMSM's figures with a constraint space of the given dimension; false (said as a warning) when
+// the space cannot take it.
+bool EvalRun::cmsmFiguresAt(int dimension, Figures& f) {
+    if (dimension == o_.dimension) {
+        f = summary_.methods.back().figures;
+        return true;
     }
+    const msmface::Status rebuilt = g_.rebuildConstraint(dimension);
+    if (!rebuilt.ok()) {
+        // One dimension the space cannot take does not spoil the others.
+        std::fprintf(stderr, "\nmsmface: warning: sweep left out %d: %s\n", dimension,
+                     rebuilt.message().c_str());
+        return false;
+    }
+    f = computeFigures(
+        probeAll(msmface::Method::Cmsm, "CMSM at " + std::to_string(dimension), nullptr),
+        o_.threshold);
+    return true;
+}
 
-    const std::string page = reportPage(summary, faces);
-    error = writeOutputFile(jsonPath, summaryJson(summary));
-    if (error.empty()) error = writeOutputFile(pagePath, page);
-    if (error.empty()) error = recordRunDictionary(o.out, "eval");
+std::string EvalRun::sweepConstraintDimensions() {
+    if (o_.noSweep) return {};
+    for (int d :
+         sweepDimensions(o_.sweep, static_cast<int>(summary_.enrolled.size()), o_.dimension)) {
+        Figures f;
+        if (cmsmFiguresAt(d, f)) summary_.sweep.push_back({d, f.rank1, f.eer, f.eerThreshold});
+    }
+    summary_.bestDimension = bestSweepDimension(summary_.sweep);
+    // The dictionary is left with the space this run was asked for.
+    const msmface::Status rebuilt = g_.rebuildConstraint(o_.dimension);
+    if (!rebuilt.ok()) return rebuilt.message();
+    summary_.stages.push_back({"CMSM dimension sweep", watch_.lap()});
+    return {};
+}
+
+std::string EvalRun::writeReport(std::size_t& pageBytes) {
+    const std::string page = reportPage(summary_, faces_);
+    pageBytes = page.size();
+    std::string error = writeOutputFile(paths_.json, summaryJson(summary_));
+    if (error.empty()) error = writeOutputFile(paths_.page, page);
+    if (error.empty()) error = recordRunDictionary(o_.out, "eval");
+    return error;
+}
+
+}  // namespace
+
+int runEval(const EvalOptions& o) {
+    const auto start = std::chrono::steady_clock::now();
+    const Stopwatch watch;
+    std::string error = checkEvalOptions(o);
+    if (!error.empty()) return fail(error);
+    const auto list = msmface::readManifest(o.manifest);
+    if (!list.ok()) return fail(list.message());
+    int skipped = 0;
+    std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
+    if (persons.size() < 2)
+        return fail(o.manifest + ": expected at least two persons with two or more videos each");
+    const EvalPaths paths = evalPathsIn(o.out);
+    error = prepareEvalOutputs(o, paths);
+    if (!error.empty()) return fail(error);
+    auto opened = msmface::Gallery::open(paths.dictionary);
+    if (!opened.ok()) return fail(opened.message());
+
+    EvalRun run(o, paths, std::move(persons), skipped, opened.value(), watch);
+    error = run.enrolAll();
+    if (error.empty()) error = run.buildConstraint();
+    if (error.empty()) error = run.probeByEveryMethod();
+    if (error.empty()) error = run.sweepConstraintDimensions();
+    std::size_t pageBytes = 0;
+    if (error.empty()) error = run.writeReport(pageBytes);
     if (!error.empty()) return fail(error);
 
-    std::fputs(summaryTable(summary).c_str(), stdout);
+    std::fputs(summaryTable(run.summary()).c_str(), stdout);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("scores: %s; summary: %s; report: %s (%zu kB); %.1f s\n", csvPath.c_str(),
-                jsonPath.c_str(), pagePath.c_str(), (page.size() + 512) / 1024, seconds);
+    std::printf("scores: %s; summary: %s; report: %s (%zu kB); %.1f s\n", paths.csv.c_str(),
+                paths.json.c_str(), paths.page.c_str(), (pageBytes + 512) / 1024, seconds);
     return 0;
 }
 
