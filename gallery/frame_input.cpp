@@ -6,8 +6,6 @@
 namespace msmface::detail {
 namespace {
 
-constexpr int32_t kAbsent = 9999;
-
 bool knownFormat(PixelFormat f) {
     return f == PixelFormat::Grey || f == PixelFormat::BGR || f == PixelFormat::RGB;
 }
@@ -54,23 +52,6 @@ bool toGrey(const FrameView& frame, BasicImageFile& out) {
         }
     }
     return true;
-}
-
-int32_t toPixel(float v) {
-    if (!(v >= 0.0f && v < 1.0e6f)) return kAbsent;
-    return static_cast<int32_t>(std::lround(v));
-}
-
-PartsPosition toParts(const FacePoints& points) {
-    PartsPosition parts{};
-    for (int k = 0; k < 2 * kFacePointCount; ++k) parts.points[k] = toPixel(points.xy[k]);
-    return parts;
-}
-
-bool anyPointPresent(const PartsPosition& parts) {
-    for (int k = 0; k < kFacePointCount; ++k)
-        if (parts.points[2 * k] != kAbsent && parts.points[2 * k + 1] != kAbsent) return true;
-    return false;
 }
 
 }  // namespace msmface::detail

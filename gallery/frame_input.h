@@ -1,13 +1,12 @@
-// Frames and points of the modern interface turned into what the engine reads: an 8-bit grey
-// BasicImageFile and a PartsPosition of whole pixels.
+// Frames of the modern interface turned into what the engine reads: an 8-bit grey
+// BasicImageFile (the points: toPartsPosition of <msmface/face_input.h>).
 #ifndef MSMFACE_GALLERY_FRAME_INPUT_H
 #define MSMFACE_GALLERY_FRAME_INPUT_H
 
-#include <cstdint>
 #include <string>
 
 #include <msmface/BasicImage.h>
-#include <msmface/PartsPosition.h>
+#include <msmface/face_input.h>
 #include <msmface/frame.h>
 
 namespace msmface::detail {
@@ -24,14 +23,6 @@ std::string checkFrame(const FrameView& frame);
 // The view mixed down to grey into out, which is reallocated only when its size differs.
 // requires: checkFrame(frame) is empty. False only when out cannot be allocated.
 bool toGrey(const FrameView& frame, BasicImageFile& out);
-
-// The engine's whole pixel, or 9999 ("absent") for a coordinate that is not finite, negative or
-// beyond any frame.
-int32_t toPixel(float v);
-PartsPosition toParts(const FacePoints& points);
-// False when every point is absent: the engine would normalise such a frame into a blank face,
-// which is no face at all.
-bool anyPointPresent(const PartsPosition& parts);
 
 }  // namespace msmface::detail
 

@@ -112,8 +112,8 @@ std::optional<PartsPosition> Gallery::Impl::greyFrame(const Sample& sample) {
     else if (!finder || !finder->findPoints(sample.frame, points))
         return std::nullopt;
     if (!detail::toGrey(sample.frame, image)) return std::nullopt;
-    PartsPosition parts = detail::toParts(points);
-    if (!detail::anyPointPresent(parts)) return std::nullopt;
+    PartsPosition parts = toPartsPosition(points);
+    if (!anyPointPresent(parts)) return std::nullopt;
     return parts;
 }
 

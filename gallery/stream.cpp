@@ -184,8 +184,8 @@ Result<StreamState> Stream::Impl::faceFrame(const FrameView& frame, const FacePo
     if (!detail::toGrey(frame, image))
         return fail(ErrorKind::Internal, "frame: no memory for " + std::to_string(frame.width) +
                                              " x " + std::to_string(frame.height) + " pixels");
-    PartsPosition parts = detail::toParts(points);
-    if (!detail::anyPointPresent(parts) ||
+    PartsPosition parts = toPartsPosition(points);
+    if (!anyPointPresent(parts) ||
         engine->FaceCropping(&image, nullptr, &parts, &face) != 1)
         return facelessFrame();
     StreamState s;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include <msmface/PartsPosition.h>
+#include <msmface/frame.h>
 
 // The fitted pose of one engine. Holds the last fit; one thread at a time.
 class FaceShapeModel {
@@ -28,7 +29,7 @@ class FaceShapeModel {
 
 namespace msm {
 
-inline constexpr int32_t kAbsentCoordinate = 9999;
+inline constexpr int32_t kAbsentCoordinate = msmface::kAbsentCoordinate;
 
 // True when neither coordinate, read as unsigned, exceeds 9998 (negatives are absent).
 inline bool IsPointPresent(int32_t x, int32_t y) {

@@ -3,22 +3,15 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <sstream>
+#include <utility>
+
+#include <msmface/face_input.h>
+#include <msmface/frame_lists.h>
 
 #include "io/byte_reader.h"
 
 namespace msmbench {
 namespace {
-
-constexpr std::size_t kMaxManifestBytes = 64u << 20;
-constexpr int kManifestFields = 7 + 28;
-
-std::vector<std::string> fieldsOf(const std::string& line) {
-    std::vector<std::string> fields;
-    std::stringstream in(line);
-    for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
-    return fields;
-}
 
 // The grey value at (x, y) of src between its pixel centres; positions outside are clamped to the
 // border pixels.
@@ -43,31 +36,19 @@ std::string facesFolder() {
 }
 
 std::vector<FaceRow> readFaceManifest(std::string& error) {
-    const std::string path = facesFolder() + "/manifest.csv";
-    std::vector<unsigned char> bytes;
-    std::string why;
-    if (!msm::readWholeFile(path.c_str(), bytes, &why, kMaxManifestBytes)) {
-        error = path + ": cannot be read (" + why + ")";
+    // The library's own reader: the benchmarks read the manifest as every host does.
+    const auto list = msmface::readManifest(facesFolder() + "/manifest.csv");
+    if (!list.ok()) {
+        error = list.message();
         return {};
     }
-    std::stringstream text(std::string(bytes.begin(), bytes.end()));
     std::vector<FaceRow> rows;
-    std::string line;
-    std::getline(text, line);  // the header
-    for (int number = 2; std::getline(text, line); ++number) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.empty()) continue;
-        const std::vector<std::string> f = fieldsOf(line);
-        if (f.size() != kManifestFields) {
-            error = path + " line " + std::to_string(number) + ": expected " +
-                    std::to_string(kManifestFields) + " fields, found " + std::to_string(f.size());
-            return {};
-        }
+    for (const msmface::FrameRow& r : list.value()) {
         FaceRow row;
-        row.identity = f[0];
-        row.video = f[1];
-        row.image = f[4];
-        for (int k = 0; k < 28; ++k) row.points[k] = std::strtof(f[7 + k].c_str(), nullptr);
+        row.identity = r.identity;
+        row.video = r.video;
+        row.image = r.image;
+        row.points = msmface::toFacePoints(r.points).xy;
         rows.push_back(std::move(row));
     }
     return rows;

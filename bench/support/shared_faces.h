@@ -1,6 +1,6 @@
 // The shared real faces (MSMFACE_SHARED_DIR/faces) for the benchmarks: the manifest's rows, their
 // 8-bit PGM pictures, and camera-sized frames composed from them. The benchmarks measure the
-// library on these; a reader of their own keeps them apart from the program's parsers.
+// library on these, reading the manifest with the library's reader.
 #ifndef MSMFACE_BENCH_SUPPORT_SHARED_FACES_H
 #define MSMFACE_BENCH_SUPPORT_SHARED_FACES_H
 
@@ -25,8 +25,7 @@ struct FaceRow {
 };
 
 // Every row of the manifest, in its order. Empty with error saying why (in one line naming the
-// file) when the manifest is absent or a row is not "identity,video,frame,split,image,width,
-// height" and fourteen points.
+// file and the line) when the manifest is absent or does not parse.
 std::vector<FaceRow> readFaceManifest(std::string& error);
 
 struct GreyPicture {

@@ -34,6 +34,10 @@ struct FrameView {
 
 inline constexpr int kFacePointCount = 14;
 
+// The engine's value of a coordinate that was not found (<msmface/PartsPosition.h>): every whole
+// pixel above 9998 and every negative one read as absent, and this is the one the library writes.
+inline constexpr int32_t kAbsentCoordinate = 9999;
+
 // The fourteen feature points in frame pixels, in the order of <msmface/PartsPosition.h>:
 // xy[2k] is x (column) and xy[2k+1] is y (row) of point k. A point whose x or y is not a finite
 // number or is negative is absent. The engine works in whole pixels: each coordinate is rounded

@@ -15,6 +15,10 @@
 #include <msmface/result.h>
 #include <msmface/frame.h>
 #include <msmface/gallery.h>
+#include <msmface/face_input.h>
+#include <msmface/frame_lists.h>
+#include <msmface/jitter.h>
+#include <msmface/calibration.h>
 #include <msmface/store.h>
 
 #endif  // MSMFACE_MSMFACE_H

@@ -4,6 +4,8 @@ A ``Gallery`` keeps persons in a dictionary directory; ``Stream`` recognises one
 frames against it; ``Engine`` is the engine's own frame cycle for studying the method;
 ``msmface.detect`` (where the detector library was built, ``HAVE_DETECT``) finds faces and
 their fourteen points; ``MSMClassifier`` compares the methods with scikit-learn's conventions.
+``jitter``, ``offer_frames``, ``Manifest``, ``read_points_file``, ``calibrate`` and
+``normalised_face`` are the library's own, as the msmface program uses them.
 
 Frames are NumPy uint8 arrays, (H, W) grey or (H, W, 3) colour in BGR order (pass
 ``format="rgb"`` for red first); points are (14, 2) arrays (x, y) in the order of
@@ -14,6 +16,7 @@ Frames are NumPy uint8 arrays, (H, W) grey or (H, W, 3) colour in BGR order (pas
 from ._msmface import (
     HAVE_DETECT,
     Engine,
+    FalseAcceptPoint,
     Gallery,
     Match,
     Method,
@@ -23,8 +26,10 @@ from ._msmface import (
     Stream,
     StreamState,
     __version__,
+    calibrate,
+    normalised_face,
 )
-from .frames import Manifest, jitter, read_image
+from .frames import Manifest, jitter, offer_frames, read_image, read_points_file
 from .estimator import MSMClassifier
 
 if HAVE_DETECT:
@@ -38,6 +43,7 @@ if HAVE_DETECT:
 __all__ = [
     "HAVE_DETECT",
     "Engine",
+    "FalseAcceptPoint",
     "Gallery",
     "Manifest",
     "Match",
@@ -49,8 +55,12 @@ __all__ = [
     "Stream",
     "StreamState",
     "__version__",
+    "calibrate",
     "jitter",
+    "normalised_face",
+    "offer_frames",
     "read_image",
+    "read_points_file",
 ]
 if HAVE_DETECT:
     __all__.append("detect")

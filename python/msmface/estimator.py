@@ -7,7 +7,6 @@ installed, without importing it: the conventions are followed, not inherited.
 from __future__ import annotations
 
 import inspect
-import math
 import shutil
 import tempfile
 import weakref
@@ -16,7 +15,7 @@ from typing import Any, Dict, List, Optional, Sequence
 import numpy as np
 
 from ._msmface import HAVE_DETECT, Gallery
-from .frames import MAX_COPIES, jitter
+from .frames import MAX_COPIES, offer_frames
 
 _METHODS = ("single", "msm", "cmsm")
 
@@ -101,10 +100,6 @@ class MSMClassifier:
                     not 1 <= value <= most:
                 raise ValueError(f"{name}: expected an integer from 1 to {most}, got {value!r}")
 
-    def _offer(self, samples: list, frames: int, seed: int) -> list:
-        copies = max(1, math.ceil(frames / len(samples)))
-        return jitter(samples, copies, self.jitter, seed)[:max(frames, len(samples))]
-
     def fit(self, X: Sequence[Any], y: Sequence[Any]) -> "MSMClassifier":
         """Enrols one person per distinct label of y from its frame sets in X."""
         self._check_params()
@@ -124,8 +119,8 @@ class MSMClassifier:
         gallery = Gallery(folder + "/gallery", create=True)
         for k, label in enumerate(classes):
             samples = [x for s, l in zip(sets, labels) if l == label for x in s]
-            gallery.enrol(k + 1, f"class{k + 1}", self._offer(samples, self.enrol_frames,
-                                                                self.seed + k))
+            gallery.enrol(k + 1, f"class{k + 1}", offer_frames(samples, self.enrol_frames,
+                                                               self.jitter, self.seed + k))
         if self.method == "cmsm":
             gallery.rebuild_constraint(self.constraint_dimension)
         self.classes_ = classes
@@ -170,8 +165,8 @@ class MSMClassifier:
                                         required=False)
             if not samples:
                 continue  # no face in the set: no class scores above 0
-            ranking = self.gallery_.recognise(self._offer(samples, self.probe_frames,
-                                                          self.seed + 7919 + i),
+            ranking = self.gallery_.recognise(offer_frames(samples, self.probe_frames,
+                                                           self.jitter, self.seed + 7919 + i),
                                               method=self.method)
             for match in ranking.matches:
                 out[i, match.id - 1] = match.score

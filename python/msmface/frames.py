@@ -6,7 +6,6 @@ with the points moved by a pixel or two (``jitter``), the small variation a live
 
 from __future__ import annotations
 
-import csv
 import io
 import os
 import stat
@@ -15,12 +14,12 @@ from typing import Dict, Iterable, List, Optional, Sequence, Tuple
 
 import numpy as np
 
+from . import _msmface
+
 Sample = Tuple[np.ndarray, Optional[np.ndarray]]
 
 # As the program's --copies: beyond, a few frames would become a list larger than memory.
-MAX_COPIES = 1000
-
-_POINT_COLUMNS = [f"{axis}{k}" for k in range(14) for axis in ("x", "y")]
+MAX_COPIES = _msmface.MAX_JITTER_COPIES
 
 # What the program accepts of a picture: no camera or photo comes near these, and a file or header
 # beyond them is refused before its pixels cost memory.
@@ -140,27 +139,50 @@ def _check_picture_size(path: str, width: int, height: int) -> None:
                       f"{MAX_PICTURE_PIXELS} in all, found {width} x {height}")
 
 
+def _as_pairs(samples: Iterable[Sample]) -> List[Sample]:
+    return [s if isinstance(s, tuple) else (s, None) for s in samples]
+
+
+def _paired(samples: List[Sample], points: list) -> List[Sample]:
+    """The library's points paired again with the frames they came from (in order, repeated)."""
+    n = len(samples)
+    return [(samples[i % n][0], p) for i, p in enumerate(points)]
+
+
 def jitter(samples: Iterable[Sample], copies: int, pixels: float = 1.5,
            seed: int = 0) -> List[Sample]:
     """`copies` times the samples: copy 0 as they are, every further copy with each point
-    moved by up to `pixels` in x and y (uniformly, deterministic in seed). Frames are shared,
-    not copied. Samples without points are repeated unchanged."""
-    if isinstance(copies, bool) or not isinstance(copies, (int, np.integer)) or \
-            not 1 <= copies <= MAX_COPIES:
-        raise ValueError(f"copies: expected an integer from 1 to {MAX_COPIES}, got {copies!r}")
-    if not pixels >= 0:
-        raise ValueError(f"pixels: expected 0 or more, got {pixels}")
-    samples = [s if isinstance(s, tuple) else (s, None) for s in samples]
-    rng = np.random.default_rng(seed)
-    out: List[Sample] = list(samples)
-    for _ in range(copies - 1):
-        for frame, points in samples:
-            if points is None:
-                out.append((frame, None))
-                continue
-            p = np.asarray(points, np.float32).reshape(14, 2)
-            out.append((frame, p + rng.uniform(-pixels, pixels, p.shape).astype(np.float32)))
-    return out
+    moved by up to `pixels` in x and y (uniformly, deterministic in seed: the library's generator,
+    so the msmface program gives the same points for the same seed). Frames are shared, not
+    copied. Samples without points are repeated unchanged; absent points stay absent."""
+    samples = _as_pairs(samples)
+    points = _msmface._jitter_points([p for _, p in samples], copies, pixels, seed)
+    return _paired(samples, points)
+
+
+def offer_frames(samples: Iterable[Sample], wanted: int, pixels: float = 1.5,
+                 seed: int = 0) -> List[Sample]:
+    """What is offered when `wanted` frames are asked of fewer: the fewest whole jittered copies
+    (as ``jitter``) that reach `wanted`, so that every sample is offered equally often; never
+    fewer than the samples given. The msmface program offers frames so too."""
+    samples = _as_pairs(samples)
+    if not samples:
+        raise ValueError("frames: expected at least one frame")
+    points = _msmface._offer_points([p for _, p in samples], wanted, pixels, seed)
+    return _paired(samples, points)
+
+
+def read_points_file(path: "os.PathLike[str] | str") -> List[dict]:
+    """The rows of a points file ("image x0 y0 ... x13 y13" per line, as the program reads it):
+    dicts with image (relative to the file's folder unless absolute), line and points (a (14, 2)
+    float32 array). OSError when the file cannot be read; ValueError naming the file and the
+    line when a row does not parse."""
+    path = os.fspath(path)
+    data = _read_regular_file(path, MAX_MANIFEST_BYTES)
+    try:
+        return _msmface._parse_points_file(data)
+    except ValueError as e:
+        raise ValueError(f"{path}: {e}") from None
 
 
 class Manifest:
@@ -179,23 +201,10 @@ class Manifest:
         except UnicodeDecodeError as e:
             raise ValueError(f"{self.path}: expected UTF-8 text, found byte 0x{data[e.start]:02x} "
                              f"at offset {e.start}") from None
-        reader = csv.DictReader(io.StringIO(text, newline=""))
-        self.rows = []
         try:
-            missing = [c for c in ["identity", "video", "image"] + _POINT_COLUMNS
-                       if c not in (reader.fieldnames or [])]
-            if missing:
-                raise ValueError(f"{self.path}: the header lacks {', '.join(missing[:3])}")
-            for line, row in enumerate(reader, start=2):
-                try:
-                    points = np.array([float(row[c]) for c in _POINT_COLUMNS],
-                                      np.float32).reshape(14, 2)
-                except (TypeError, ValueError):
-                    raise ValueError(f"{self.path}: line {line}: expected 28 numbers "
-                                     "x0, y0 ... x13, y13") from None
-                self.rows.append(dict(row, points=points))
-        except csv.Error as e:
-            raise ValueError(f"{self.path}: line {reader.line_num}: {e}") from None
+            self.rows = _msmface._parse_manifest(text)
+        except ValueError as e:
+            raise ValueError(f"{self.path}: {e}") from None
 
     def identities(self) -> List[str]:
         """The identities in order of first appearance."""
@@ -215,7 +224,7 @@ class Manifest:
                 continue
             if wanted is not None and r["video"] not in wanted:
                 continue
-            if split is not None and r.get("split") != split:
+            if split is not None and r["split"] != split:
                 continue
             out.append((self._image(r["image"]), r["points"]))
         if not out:

@@ -1,7 +1,6 @@
 // msmface.Engine: the legacy frame cycle for those who study the method. One FaceRecognition,
 // the normalised face and the pattern vectors of each frame, the ranked inside numbers.
 #include <algorithm>
-#include <cmath>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -11,25 +10,19 @@
 #include <pybind11/stl.h>
 
 #include <msmface/FaceRecognition.h>
+#include <msmface/face_input.h>
 
 #include "arrays.h"
 #include "bindings.h"
-#include "store/registry.h"
-#include "io/small_text_file.h"
 #include "engine/RecognitionEngine.h"
+#include "io/small_text_file.h"
+#include "store/registry.h"
 
 namespace msmpy {
 
 namespace {
 
 constexpr int kFaceSide = 64;
-constexpr int32_t kAbsent = 9999;
-
-// The library's rounding of a point (halves away from zero); absent points become 9999.
-int32_t enginePoint(float v) {
-    if (!std::isfinite(v) || v < 0.0f || v > 9998.0f) return kAbsent;
-    return static_cast<int32_t>(std::lround(v));
-}
 
 // A grey BasicImageFile over pixels it does not own: the pointer is handed back before the
 // image's destructor runs, which would otherwise free the caller's memory.
@@ -93,9 +86,7 @@ class Engine {
     py::object crop(const py::handle& frame, const py::handle& points, const std::string& colour) {
         FrameArg f = frameFromArray(frame, colour);
         const msmface::FacePoints p = pointsFromArray(points);
-        PartsPosition parts{};
-        for (int i = 0; i < 2 * msmface::kFacePointCount; ++i)
-            parts.points[i] = enginePoint(p.xy[i]);
+        PartsPosition parts = msmface::toPartsPosition(p);
         int rc = 0;
         std::vector<unsigned char> face;
         std::vector<float> patterns;

@@ -18,5 +18,6 @@ PYBIND11_MODULE(_msmface, m) {
         m, "PointFinder", "Finds the fourteen points of a face; msmface.detect.Follower is one.");
     msmpy::bindEngine(m);
     msmpy::bindGallery(m);
+    msmpy::bindClients(m);
     m.attr("HAVE_DETECT") = msmpy::bindDetect(m);
 }

@@ -135,20 +135,20 @@ TEST(FrameInput, ColourIsMixedToGreyAndTheStrideIsHonoured) {
 }
 
 TEST(FrameInput, PointsRoundHalvesAwayFromZeroAndAbsentStaysAbsent) {
-    EXPECT_EQ(d::toPixel(2.5f), 3);
-    EXPECT_EQ(d::toPixel(2.49f), 2);
-    EXPECT_EQ(d::toPixel(0.0f), 0);
-    EXPECT_EQ(d::toPixel(319.5f), 320);
+    EXPECT_EQ(msmface::toEnginePixel(2.5f), 3);
+    EXPECT_EQ(msmface::toEnginePixel(2.49f), 2);
+    EXPECT_EQ(msmface::toEnginePixel(0.0f), 0);
+    EXPECT_EQ(msmface::toEnginePixel(319.5f), 320);
     for (float absent : {-0.1f, -1.0f, std::numeric_limits<float>::quiet_NaN(),
                          std::numeric_limits<float>::infinity(), 2.0e6f})
-        EXPECT_EQ(d::toPixel(absent), 9999) << absent;
+        EXPECT_EQ(msmface::toEnginePixel(absent), 9999) << absent;
     msmface::FacePoints p;
     p.xy.fill(-1.0f);
-    EXPECT_FALSE(d::anyPointPresent(d::toParts(p)));
+    EXPECT_FALSE(msmface::anyPointPresent(msmface::toPartsPosition(p)));
     p.xy[26] = 10.0f;  // x of point 13 alone: the point still lacks its y
-    EXPECT_FALSE(d::anyPointPresent(d::toParts(p)));
+    EXPECT_FALSE(msmface::anyPointPresent(msmface::toPartsPosition(p)));
     p.xy[27] = 12.0f;
-    EXPECT_TRUE(d::anyPointPresent(d::toParts(p)));
+    EXPECT_TRUE(msmface::anyPointPresent(msmface::toPartsPosition(p)));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The evaluation's figures on small score sets worked out by hand: ties, a perfect separation,
-// impostors all above the genuine scores, the threshold that holds a false-accept rate, the CMC
-// and the ROC / DET points.
+// impostors all above the genuine scores, the CMC and the ROC / DET points.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -14,11 +13,9 @@
 
 namespace {
 
-using msmcli::atFalseAcceptRate;
 using msmcli::computeFigures;
 using msmcli::Figures;
 using msmcli::ProbeScores;
-using msmcli::thresholdAtFar;
 
 // The ROC point of threshold t (the curve starts at -1).
 const msmcli::RocPoint& At(const Figures& f, int t) {
@@ -85,24 +82,46 @@ TEST(EvalMetrics, ImpostorsAllAboveTheGenuineScoresGiveTheWorstFigures) {
     EXPECT_DOUBLE_EQ(f.falseAcceptAt, 0.5);  // 900 is above 850
 }
 
-TEST(EvalMetrics, ThresholdAtFarIsTheSmallestThatHoldsTheRate) {
-    const std::vector<int> tied = {500, 100, 500, 500};
-    EXPECT_EQ(thresholdAtFar(tied, 0.75), 100);  // 3 of 4 above 100
-    EXPECT_EQ(thresholdAtFar(tied, 0.5), 500);   // above 100 are 3: too many; above 500 none
-    EXPECT_EQ(thresholdAtFar(tied, 0.0), 500);
-    EXPECT_EQ(thresholdAtFar(tied, 1.0), -1);  // everything may pass
-    EXPECT_EQ(thresholdAtFar({}, 0.01), -1);
-    EXPECT_EQ(thresholdAtFar({1000, 1000}, 0.0), 1000);
-    // 1 % of 300 is exactly 3 scores, whatever the binary rounding of 0.01 * 300.
-    std::vector<int> ramp;
-    for (int i = 0; i < 300; ++i) ramp.push_back(i);
-    EXPECT_EQ(thresholdAtFar(ramp, 0.01), 296);  // 297, 298, 299 above
-    EXPECT_EQ(thresholdAtFar(ramp, 0.001), 299);
-    const auto p = atFalseAcceptRate({298, 100, 299, 50}, ramp, 0.01);
-    EXPECT_EQ(p.threshold, 296);
-    EXPECT_DOUBLE_EQ(p.falseAccept, 0.01);
-    EXPECT_DOUBLE_EQ(p.trueAccept, 0.5);
-    EXPECT_DOUBLE_EQ(p.target, 0.01);
+TEST(EvalFigures, TiesRankAgainstTheTruePerson) {
+    EXPECT_EQ(msmcli::rankOfTruth({1, {500, 700, 600}}), 1);
+    EXPECT_EQ(msmcli::rankOfTruth({0, {500, 700, 600}}), 3);
+    EXPECT_EQ(msmcli::rankOfTruth({2, {600, 100, 600}}), 2);
+    EXPECT_EQ(msmcli::rankOfTruth({-1, {1}}), 0);
+    EXPECT_EQ(msmcli::rankOfTruth({3, {1}}), 0);
+}
+
+TEST(EvalFigures, ExactRatesOnASmallSet) {
+    // Three probes of three persons. Genuine scores 900, 800, 400; impostors 100..850.
+    const std::vector<ProbeScores> probes = {
+        {0, {900, 100, 200}}, {1, {850, 800, 300}}, {2, {500, 100, 400}}};
+    const auto f = computeFigures(probes, 850);
+    EXPECT_EQ(f.probes, 3);
+    EXPECT_DOUBLE_EQ(f.rank1, 1.0 / 3);
+    EXPECT_DOUBLE_EQ(f.rank5, 1.0);
+    EXPECT_DOUBLE_EQ(f.trueAcceptAt, 1.0 / 3);  // only 900 is above 850
+    EXPECT_DOUBLE_EQ(f.falseAcceptAt, 0.0);     // 850 equals the threshold: rejected
+    EXPECT_DOUBLE_EQ(f.identifiedAt, 1.0 / 3);
+    // From 400 to 499 one of three genuine scores is rejected (400) and two of six impostor
+    // scores are accepted (500, 850): both rates are 1/3, first met at 400.
+    EXPECT_NEAR(f.eer, 1.0 / 3, 1e-12);
+    EXPECT_EQ(f.eerThreshold, 400);
+    EXPECT_EQ(f.genuine.size(), 3u);
+    EXPECT_EQ(f.impostor.size(), 6u);
+    ASSERT_EQ(f.roc.size(), 1002u);
+    EXPECT_DOUBLE_EQ(f.roc.front().trueAccept, 1.0);  // threshold -1 accepts everything
+    EXPECT_DOUBLE_EQ(f.roc.front().falseAccept, 1.0);
+    EXPECT_DOUBLE_EQ(f.roc.back().trueAccept, 0.0);
+    for (std::size_t i = 1; i < f.roc.size(); ++i) {  // a rising threshold never accepts more
+        EXPECT_LE(f.roc[i].trueAccept, f.roc[i - 1].trueAccept);
+        EXPECT_LE(f.roc[i].falseAccept, f.roc[i - 1].falseAccept);
+    }
+}
+
+TEST(EvalFigures, SeparatedScoresHaveNoErrorAndNoProbesGiveNothing) {
+    const auto f = computeFigures({{0, {900, 100}}, {1, {200, 950}}}, 850);
+    EXPECT_DOUBLE_EQ(f.eer, 0.0);
+    EXPECT_DOUBLE_EQ(f.rank1, 1.0);
+    EXPECT_EQ(computeFigures({}, 850).probes, 0);
 }
 
 }  // namespace

@@ -11,12 +11,12 @@
 #include <map>
 #include <memory>
 
+#include <msmface/frame_lists.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "cli_support.h"
-#include "tools/msmface/input/frame_list.h"
 
 namespace {
 
@@ -165,8 +165,9 @@ class RealFaces : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         if (!Exists(kFaces + "/manifest.csv")) return;
-        const msmcli::FrameList list = msmcli::parseManifest(ReadText(kFaces + "/manifest.csv"));
-        for (const msmcli::FrameRow& row : list.rows) rows_[row.identity].push_back(row);
+        const auto list = msmface::readManifest(kFaces + "/manifest.csv");
+        if (!list.ok()) return;
+        for (const msmface::FrameRow& row : list.value()) rows_[row.identity].push_back(row);
     }
     void SetUp() override {
         if (!kDetector) GTEST_SKIP() << "built without the detector";
@@ -179,7 +180,7 @@ class RealFaces : public ::testing::Test {
         std::vector<cv::Mat> frames;
         cv::Size size;
         for (int r = 0; r < rounds; ++r)
-            for (const msmcli::FrameRow& row : rows_.at(identity)) {
+            for (const msmface::FrameRow& row : rows_.at(identity)) {
                 cv::Mat f = cv::imread(kFaces + "/" + row.image, cv::IMREAD_COLOR);
                 if (f.empty()) continue;
                 if (size.area() == 0) size = f.size();
@@ -190,10 +191,10 @@ class RealFaces : public ::testing::Test {
         return WriteVideo(path, frames) ? path : std::string();
     }
 
-    static std::map<std::string, std::vector<msmcli::FrameRow>> rows_;
+    static std::map<std::string, std::vector<msmface::FrameRow>> rows_;
 };
 
-std::map<std::string, std::vector<msmcli::FrameRow>> RealFaces::rows_;
+std::map<std::string, std::vector<msmface::FrameRow>> RealFaces::rows_;
 
 constexpr const char* kPerson = "Amy_Brenneman";
 constexpr const char* kStranger = "Angela_Bassett";
@@ -240,15 +241,15 @@ TEST_F(RealFaces, APersonEnrolledFromAVideoIsWatchedAndAStrangerIsNot) {
 TEST_F(RealFaces, DetectWritesPointsThatPointsReadsBack) {
     Scratch work;
     std::string images;
-    for (const msmcli::FrameRow& row : rows_.at(kPerson))
+    for (const msmface::FrameRow& row : rows_.at(kPerson))
         images += " '" + kFaces + "/" + row.image + "'";
     const std::string points = work / "found/points.txt";
     CliRun r =
         RunCli("detect" + images + " --out '" + points + "' --overlay '" + work / "drawn" + "'");
     ASSERT_EQ(r.status, 0) << r.err;
-    const msmcli::FrameList list = msmcli::parsePointsFile(ReadText(points));
-    ASSERT_TRUE(list.ok()) << list.error;
-    EXPECT_GE(list.rows.size(), rows_.at(kPerson).size() - 2);
+    const auto list = msmface::parsePointsFile(ReadText(points));
+    ASSERT_TRUE(list.ok()) << list.message();
+    EXPECT_GE(list->size(), rows_.at(kPerson).size() - 2);
     EXPECT_EQ(Entries(work / "drawn").size(), rows_.at(kPerson).size());
     r = RunCli("enrol '" + work / "dict" + "' --id 1 --name amy --points '" + points +
                "' --copies 5 --jitter 1");
@@ -258,10 +259,10 @@ TEST_F(RealFaces, DetectWritesPointsThatPointsReadsBack) {
     const std::string video = PersonVideo(work, kPerson, 1);
     r = RunCli("detect --video '" + video + "' --out '" + work / "clip.txt" + "'");
     ASSERT_EQ(r.status, 0) << r.err;
-    const msmcli::FrameList clip = msmcli::parsePointsFile(ReadText(work / "clip.txt"));
-    ASSERT_TRUE(clip.ok()) << clip.error;
-    ASSERT_FALSE(clip.rows.empty());
-    EXPECT_THAT(clip.rows.front().image, StartsWith("clip-frames/"));
+    const auto clip = msmface::parsePointsFile(ReadText(work / "clip.txt"));
+    ASSERT_TRUE(clip.ok()) << clip.message();
+    ASSERT_FALSE(clip->empty());
+    EXPECT_THAT(clip->front().image, StartsWith("clip-frames/"));
     r = RunCli("recognise '" + work / "dict" + "' --points '" + work / "clip.txt" + "'");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("   1    1  amy ")) << r.out;
@@ -312,7 +313,7 @@ TEST_F(RealFaces, DetectWritesHostileNamesThatPointsReadsBack) {
     const std::vector<std::string> names = {
         "two words.png", "new\nline.png", "quote\".png", "back\\slash.png",
         "#hash.png",     "comma,.png",    "image"};
-    const std::vector<msmcli::FrameRow>& rows = rows_.at(kPerson);
+    const std::vector<msmface::FrameRow>& rows = rows_.at(kPerson);
     std::string arguments;
     std::vector<std::string> paths;
     for (std::size_t i = 0; i < names.size() && i < rows.size(); ++i) {
@@ -327,10 +328,10 @@ TEST_F(RealFaces, DetectWritesHostileNamesThatPointsReadsBack) {
     const std::string points = work / "points.txt";
     CliRun r = RunCli("detect" + arguments + " --out '" + points + "'");
     ASSERT_EQ(r.status, 0) << r.err;
-    const msmcli::FrameList list = msmcli::parsePointsFile(ReadText(points));
-    ASSERT_TRUE(list.ok()) << list.error;
+    const auto list = msmface::parsePointsFile(ReadText(points));
+    ASSERT_TRUE(list.ok()) << list.message();
     std::vector<std::string> read;
-    for (const msmcli::FrameRow& row : list.rows) read.push_back(row.image);
+    for (const msmface::FrameRow& row : *list) read.push_back(row.image);
     // Every row names one of the pictures; a face is found in most of them.
     for (const std::string& name : read)
         EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;

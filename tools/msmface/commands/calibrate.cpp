@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <msmface/calibration.h>
+#include <msmface/frame_lists.h>
 #include <msmface/gallery.h>
 
 #include "commands/commands.h"
 #include "evaluation/calibration_scores.h"
-#include "evaluation/eval_metrics.h"
 #include "input/frame_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -70,7 +71,8 @@ std::string refuseOneSided(const CalibrateOptions& o, const CalibrationScores& s
     return {};
 }
 
-void printCalibration(const CalibrateOptions& o, const CalibrationScores& s, const FarPoint& at) {
+void printCalibration(const CalibrateOptions& o, const CalibrationScores& s,
+                      const msmface::FalseAcceptPoint& at) {
     int enrolled = 0;
     for (const auto& [identity, isEnrolled] : s.identities) enrolled += isEnrolled ? 1 : 0;
     std::printf(
@@ -94,9 +96,8 @@ void printCalibration(const CalibrateOptions& o, const CalibrationScores& s, con
 int runCalibrate(const CalibrateOptions& o) {
     std::string error = checkCalibrateOptions(o);
     if (!error.empty()) return fail(error);
-    FrameList list;
-    error = readManifest(o.manifest, list);
-    if (!error.empty()) return fail(error);
+    const auto list = msmface::readManifest(o.manifest);
+    if (!list.ok()) return fail(list.message());
     if (!isDirectory(o.dir)) return fail(o.dir + ": expected an existing dictionary directory");
     // Its threshold is written under the directory's lock like every other change.
     auto opened = openGallery(o.dir, false, o.noWait);
@@ -109,13 +110,16 @@ int runCalibrate(const CalibrateOptions& o) {
     error = prepareCalibrateOutputs(o, scoresFile);
     if (!error.empty()) return fail(error);
     CalibrationScores scores;
-    error = gatherCalibrationScores(g, persons, o, list,
+    error = gatherCalibrationScores(g, persons, o, list.value(),
                                     scoresFile ? scoresFile->stream() : nullptr, scores);
     if (!error.empty()) return fail(error);
     if (scoresFile && !scoresFile->Commit()) return fail(msm::lastWriteFailure());
     error = refuseOneSided(o, scores);
     if (!error.empty()) return fail(error);
-    const FarPoint at = atFalseAcceptRate(scores.genuine, scores.impostor, o.far);
+    const auto calibrated =
+        msmface::thresholdAtFalseAcceptRate(scores.genuine, scores.impostor, o.far);
+    if (!calibrated.ok()) return fail(calibrated.message());
+    const msmface::FalseAcceptPoint& at = calibrated.value();
     printCalibration(o, scores, at);
 
     const msmface::Status stored = g.setThreshold(at.threshold);

@@ -14,6 +14,8 @@ namespace msmcli {
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 
+// Prints "msmface: message" (a library message with the flag of the argument it names, see
+// withFlagNames) on standard error; returns kExitFailure.
 int fail(const std::string& message);
 
 // Where the frames of one person come from.

@@ -7,11 +7,11 @@
 #include <memory>
 #include <string>
 
+#include <msmface/frame_lists.h>
 #include <opencv2/imgproc.hpp>
 
 #include "commands/commands.h"
 #include "input/face_finder.h"
-#include "input/frame_list.h"
 #include "input/image_io.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
@@ -167,7 +167,7 @@ std::string DetectLoop::take(const cv::Mat& picture) {
     if (!o_.video.empty()) error = writeVideoFrame(picture, number, picturePath);
     if (!error.empty()) return error;
     points_ +=
-        pointsFileRow(nameInList(picturePath, o_.out.empty() ? "" : folderOf(o_.out)), face.points);
+        msmface::pointsFileRow(nameInList(picturePath, o_.out.empty() ? "" : folderOf(o_.out)), face.points);
     return {};
 }
 

@@ -13,6 +13,7 @@
 #include <msmface/msmface.h>
 
 #include "commands/commands.h"
+#include "commands/flag_names.h"
 #include "input/detected_frames.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
@@ -27,20 +28,20 @@ std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::
     const bool fromManifest = !o.manifest.empty();
     if (fromManifest == !o.points.empty())
         return "frames: expected either --manifest FILE --identity NAME or --points FILE";
-    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (o.copies < 1 || o.copies > msmface::kMaxJitterCopies) return "--copies: expected 1 to 1000";
     if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
-    FrameList parsed;
     if (!fromManifest) {
         list = o.points;
-        std::string error = readPointsFile(o.points, parsed);
-        rows = std::move(parsed.rows);
-        return error;
+        auto parsed = msmface::readPointsFile(o.points);
+        if (!parsed.ok()) return parsed.message();
+        rows = std::move(parsed.value());
+        return {};
     }
     if (o.identity.empty()) return "--identity: expected the identity to take from the manifest";
     list = o.manifest;
-    std::string error = readManifest(o.manifest, parsed);
-    if (!error.empty()) return error;
-    for (FrameRow& r : parsed.rows)
+    auto parsed = msmface::readManifest(o.manifest);
+    if (!parsed.ok()) return parsed.message();
+    for (FrameRow& r : parsed.value())
         if (r.identity == o.identity &&
             (o.videos.empty() ||
              std::find(o.videos.begin(), o.videos.end(), r.video) != o.videos.end()))
@@ -58,7 +59,7 @@ std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames)
                "--images FILE..., --video FILE or --camera INDEX";
     if (o.videos.size() > 1)
         return "--video: expected one video file (several only as names of a --manifest)";
-    if (o.copies < 1 || o.copies > 1000) return "--copies: expected 1 to 1000";
+    if (o.copies < 1 || o.copies > msmface::kMaxJitterCopies) return "--copies: expected 1 to 1000";
     if (!(o.jitter >= 0.0 && o.jitter <= 20.0)) return "--jitter: expected 0 to 20 pixels";
     PictureSourceOptions source;
     source.images = o.images;
@@ -68,23 +69,26 @@ std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames)
     return gatherDetectedFrames(source, o.model, frames);
 }
 
-std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames) {
-    if (o.manifest.empty() && o.points.empty()) {
-        std::vector<Frame> found;
-        std::string error = gatherFoundFrames(o, found);
-        if (error.empty()) frames = jitterFrames(found, o.copies, o.jitter, kJitterSeed);
-        return error;
-    }
+std::string readFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+    if (o.manifest.empty() && o.points.empty()) return gatherFoundFrames(o, frames);
     if (!o.images.empty() || o.camera != -1)
         return "frames: expected one source, --points or --manifest or pictures, not both";
     std::vector<FrameRow> rows;
     std::string list;
     std::string error = selectRows(o, rows, list);
     if (!error.empty()) return error;
-    std::vector<Frame> plain;
-    error = loadFrames(list, rows, plain);
+    return loadFrames(list, rows, frames);
+}
+
+// The frames of the options and the samples offered from them: --copies of them, jittered. The
+// samples view the frames' pictures.
+std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames,
+                         std::vector<msmface::Sample>& samples) {
+    std::string error = readFrames(o, frames);
     if (!error.empty()) return error;
-    frames = jitterFrames(plain, o.copies, o.jitter, kJitterSeed);
+    auto jittered = msmface::jitterFrames(samplesOf(frames), o.copies, o.jitter, kJitterSeed);
+    if (!jittered.ok()) return jittered.message();
+    samples = std::move(jittered.value());
     return {};
 }
 
@@ -109,18 +113,19 @@ msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool creat
 }
 
 int fail(const std::string& message) {
-    std::fprintf(stderr, "msmface: %s\n", message.c_str());
+    std::fprintf(stderr, "msmface: %s\n", withFlagNames(message).c_str());
     return kExitFailure;
 }
 
 int runEnrol(const EnrolOptions& o) {
     // Everything a user can get wrong is checked before the first file is written.
     std::vector<Frame> frames;
-    std::string error = gatherFrames(o.frames, frames);
+    std::vector<msmface::Sample> samples;
+    std::string error = gatherFrames(o.frames, frames, samples);
     if (!error.empty()) return fail(error);
     auto g = openGallery(o.dir, true, o.noWait);
     if (!g.ok()) return fail(g.message());
-    const msmface::Status enrolled = g->enrol(o.id, o.name, samplesOf(frames));
+    const msmface::Status enrolled = g->enrol(o.id, o.name, samples);
     if (!enrolled.ok()) return fail(enrolled.message());
     std::printf("enrolled %s as ID %d in %s (%zu persons)\n", o.name.c_str(), o.id, o.dir.c_str(),
                 g->persons().size());
@@ -135,14 +140,14 @@ int runRecognise(const RecogniseOptions& o) {
         return fail("--threshold: expected 0 to 1000 (or -1 for the directory's stored one)");
     if (o.top < 1) return fail("--top " + std::to_string(o.top) + ": expected 1 or more");
     std::vector<Frame> frames;
-    std::string error = gatherFrames(o.frames, frames);
+    std::vector<msmface::Sample> samples;
+    std::string error = gatherFrames(o.frames, frames, samples);
     if (!error.empty()) return fail(error);
     auto g = openGallery(o.dir);
     if (!g.ok()) return fail(g.message());
-    const auto r =
-        g->recognise(samplesOf(frames), {static_cast<msmface::Method>(o.method), o.threshold});
+    const auto r = g->recognise(samples, {static_cast<msmface::Method>(o.method), o.threshold});
     if (!r.ok()) return fail(r.message());
-    std::printf("%d of %zu frames gave a face; method %d\n", r->framesUsed, frames.size(),
+    std::printf("%d of %zu frames gave a face; method %d\n", r->framesUsed, samples.size(),
                 o.method);
     std::printf("rank  id  name                 score\n");
     const int shown = std::min<int>(o.top, static_cast<int>(r->matches.size()));

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <utility>
 
+#include <msmface/jitter.h>
+
 #include "evaluation/key_name.h"
 #include "evaluation/progress.h"
 #include "input/frame_source.h"
@@ -41,14 +43,6 @@ int personOf(const std::vector<msmface::Person>& persons, const std::string& ide
     return -1;
 }
 
-// A video's frames repeated, jittered after the first copy, until there are probeFrames of them.
-std::vector<Frame> probeFramesOf(const std::vector<Frame>& frames, const CalibrateOptions& o,
-                                 std::size_t video) {
-    const int n = static_cast<int>(frames.size());
-    const int copies = std::max(1, (o.probeFrames + n - 1) / std::max(1, n));
-    return jitterFrames(frames, copies, o.jitter, 5000u + static_cast<uint32_t>(video));
-}
-
 void addScores(const Probe& p, int own, const std::vector<int>& all,
                const std::vector<msmface::Person>& persons, std::FILE* rows,
                CalibrationScores& out) {
@@ -66,9 +60,10 @@ void addScores(const Probe& p, int own, const std::vector<int>& all,
 
 std::string gatherCalibrationScores(msmface::Gallery& g,
                                     const std::vector<msmface::Person>& persons,
-                                    const CalibrateOptions& o, const FrameList& list,
-                                    std::FILE* rows, CalibrationScores& out) {
-    const std::vector<Probe> probes = probesByVideo(list.rows);
+                                    const CalibrateOptions& o,
+                                    const std::vector<msmface::FrameRow>& list, std::FILE* rows,
+                                    CalibrationScores& out) {
+    const std::vector<Probe> probes = probesByVideo(list);
     out.videos = probes.size();
     Progress bar("calibrating", static_cast<int>(probes.size()));
     for (std::size_t i = 0; i < probes.size(); ++i) {
@@ -79,9 +74,11 @@ std::string gatherCalibrationScores(msmface::Gallery& g,
         std::vector<Frame> frames;
         const std::string error = loadFrames(o.manifest, p.rows, frames);
         if (!error.empty()) return error;
-        const std::vector<Frame> jittered = probeFramesOf(frames, o, i);
-        const auto r =
-            g.recognise(samplesOf(jittered), {static_cast<msmface::Method>(o.method), -1});
+        // The video's frames offered until there are probeFrames of them.
+        const auto offered = msmface::offerFrames(samplesOf(frames), o.probeFrames, o.jitter,
+                                                  5000u + static_cast<uint32_t>(i));
+        if (!offered.ok()) return offered.message();
+        const auto r = g.recognise(offered.value(), {static_cast<msmface::Method>(o.method), -1});
         if (!r.ok()) {
             ++out.unusable;
             continue;

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
+#include <msmface/frame_lists.h>
 #include <msmface/gallery.h>
 
 #include "commands/commands.h"
-#include "input/frame_list.h"
 
 namespace msmcli {
 
@@ -33,8 +33,9 @@ struct CalibrationScores {
 // calibration (a frame that cannot be read).
 std::string gatherCalibrationScores(msmface::Gallery& g,
                                     const std::vector<msmface::Person>& persons,
-                                    const CalibrateOptions& o, const FrameList& list,
-                                    std::FILE* rows, CalibrationScores& out);
+                                    const CalibrateOptions& o,
+                                    const std::vector<msmface::FrameRow>& list, std::FILE* rows,
+                                    CalibrationScores& out);
 
 }  // namespace msmcli
 

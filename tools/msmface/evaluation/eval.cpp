@@ -77,10 +77,6 @@ std::vector<EvalPerson> splitByVideo(const std::vector<FrameRow>& rows, int& ski
     return persons;
 }
 
-int copiesFor(int available, int wanted) {
-    return available <= 0 ? 1 : std::max(1, (wanted + available - 1) / available);
-}
-
 // The dimensions the CMSM sweep tries: a handful up to the span of the enrolled persons (a space
 // has no more meaningful directions than about 30 per person), and the chosen one.
 std::vector<int> sweepDimensions(const std::vector<int>& asked, int persons, int chosen) {
@@ -165,7 +161,8 @@ class EvalRun {
           persons_(std::move(persons)),
           g_(g),
           watch_(watch),
-          probeFrames_(persons_.size()),
+          probePictures_(persons_.size()),
+          probeSamples_(persons_.size()),
           enrolledIndex_(persons_.size(), -1) {
         summary_.version = msmface_versionString();
         summary_.settings = {o.manifest,    o.jitter,    o.enrolFrames,
@@ -196,7 +193,9 @@ class EvalRun {
     Stopwatch watch_;
     EvalSummary summary_;
     ReportFaces faces_;
-    std::vector<std::vector<Frame>> probeFrames_;
+    // The probes' frames, kept for the pictures their offered samples view.
+    std::vector<std::vector<Frame>> probePictures_;
+    std::vector<std::vector<msmface::Sample>> probeSamples_;
     std::vector<int> enrolledIndex_;  // index in the gallery, or -1
     std::vector<msmface::Person> enrolledPersons_;
 };
@@ -244,10 +243,10 @@ std::string EvalRun::enrolPerson(std::size_t i, FaceFinder* finder, int& framesR
         framesFound += replaceWithFoundPoints(*finder, probe);
     }
     const auto seed = static_cast<uint32_t>(1000 + i);
-    const std::vector<Frame> jittered = jitterFrames(
-        enrol, copiesFor(static_cast<int>(enrol.size()), o_.enrolFrames), o_.jitter, seed);
-    const msmface::Status enrolled = g_.enrol(
-        static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), samplesOf(jittered));
+    const auto offered = msmface::offerFrames(samplesOf(enrol), o_.enrolFrames, o_.jitter, seed);
+    if (!offered.ok()) return offered.message();
+    const msmface::Status enrolled =
+        g_.enrol(static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), *offered);
     if (!enrolled.ok()) {
         std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n", p.identity.c_str(),
                      enrolled.message().c_str());
@@ -257,8 +256,10 @@ std::string EvalRun::enrolPerson(std::size_t i, FaceFinder* finder, int& framesR
         faces_.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
         faces_.probe.push_back(pngOf(firstNormalisedFace(probe)));
     }
-    probeFrames_[i] = jitterFrames(probe, copiesFor(static_cast<int>(probe.size()), o_.probeFrames),
-                                   o_.jitter, seed + 7777u);
+    auto probed = msmface::offerFrames(samplesOf(probe), o_.probeFrames, o_.jitter, seed + 7777u);
+    if (!probed.ok()) return probed.message();
+    probeSamples_[i] = std::move(probed.value());
+    probePictures_[i] = std::move(probe);
     return {};
 }
 
@@ -280,8 +281,8 @@ std::vector<ProbeScores> EvalRun::probeAll(msmface::Method method, const std::st
         bar.step(static_cast<int>(i) + 1);
         const int truth = enrolledIndex_[i];
         if (truth < 0) continue;
-        const std::vector<int> scores = scoresOf(
-            g_.recognise(samplesOf(probeFrames_[i]), {method, o_.threshold}), enrolledPersons_);
+        const std::vector<int> scores =
+            scoresOf(g_.recognise(probeSamples_[i], {method, o_.threshold}), enrolledPersons_);
         all.push_back(ProbeScores{truth, scores});
         if (rows == nullptr) continue;
         for (std::size_t c = 0; c < scores.size(); ++c)
@@ -367,11 +368,10 @@ int runEval(const EvalOptions& o) {
     const Stopwatch watch;
     std::string error = checkEvalOptions(o);
     if (!error.empty()) return fail(error);
-    FrameList list;
-    error = readManifest(o.manifest, list);
-    if (!error.empty()) return fail(error);
+    const auto list = msmface::readManifest(o.manifest);
+    if (!list.ok()) return fail(list.message());
     int skipped = 0;
-    std::vector<EvalPerson> persons = splitByVideo(list.rows, skipped);
+    std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
     if (persons.size() < 2)
         return fail(o.manifest + ": expected at least two persons with two or more videos each");
     const EvalPaths paths = evalPathsIn(o.out);

@@ -6,6 +6,8 @@
 
 #include <vector>
 
+#include <msmface/calibration.h>
+
 namespace msmcli {
 
 // One probe: its true person (index among the enrolled) and every enrolled person's score
@@ -21,17 +23,7 @@ struct RocPoint {
     int threshold;
 };
 
-// Where a threshold holds a false-accept rate (see thresholdAtFar).
-struct FarPoint {
-    double target = 0.0;  // the false-accept rate asked for
-    int threshold = 0;
-    double falseAccept = 0.0;  // what the threshold gives on the impostor scores
-    double trueAccept = 0.0;   // ... and on the genuine scores
-};
-
 inline constexpr int kCmcRanks = 20;
-inline constexpr int kLowestScore = -1;  // the ROC starts here: every score is accepted
-inline constexpr int kHighestScore = 1000;
 
 struct Figures {
     int probes = 0;
@@ -44,24 +36,16 @@ struct Figures {
     double trueAcceptAt = 0.0;   // genuine scores above the threshold
     double falseAcceptAt = 0.0;  // impostor scores above the threshold
     double identifiedAt = 0.0;   // probes whose best is the true person and above the threshold
-    FarPoint atFar1;             // 1 % false accepts
-    FarPoint atFar01;            // 0.1 % false accepts
-    std::vector<RocPoint> roc;   // one point per threshold -1 ... 1000
-    std::vector<int> genuine;    // the scores, for histograms
+    msmface::FalseAcceptPoint atFar1;   // 1 % false accepts
+    msmface::FalseAcceptPoint atFar01;  // 0.1 % false accepts
+    std::vector<RocPoint> roc;  // one point per threshold -1 (every score accepted) ... 1000
+    std::vector<int> genuine;   // the scores, for histograms
     std::vector<int> impostor;
 };
 
 // Rank of the true person: 1 + the number of others scoring at least as high (so a tie ranks
 // against the true person). 0 when the probe has no true person.
 int rankOfTruth(const ProbeScores& p);
-
-// The smallest integer threshold in -1 .. 1000 whose share of impostor scores strictly above it
-// is at most far. No impostor scores: -1. Scores never exceed 1000, so one always exists.
-int thresholdAtFar(const std::vector<int>& impostor, double far);
-
-// thresholdAtFar and the rates it gives.
-FarPoint atFalseAcceptRate(const std::vector<int>& genuine, const std::vector<int>& impostor,
-                           double far);
 
 // "accepted" means a score strictly above the threshold, as the engine identifies.
 Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold);

@@ -11,8 +11,8 @@ std::string number(double v) {
     return buf;
 }
 
-std::string farPointJson(const FarPoint& p) {
-    return "{\"far\": " + number(p.target) + ", \"threshold\": " + std::to_string(p.threshold) +
+std::string farPointJson(const msmface::FalseAcceptPoint& p) {
+    return "{\"far\": " + number(p.rate) + ", \"threshold\": " + std::to_string(p.threshold) +
            ", \"true_accept\": " + number(p.trueAccept) +
            ", \"false_accept\": " + number(p.falseAccept) + "}";
 }

@@ -5,37 +5,12 @@
 namespace msmcli {
 namespace {
 
-constexpr std::size_t kMaxListBytes = 256u * 1024 * 1024;
-
-std::string readText(const std::string& path, std::string& text) {
-    std::vector<unsigned char> bytes;
-    std::string error = readInputFile(path, kMaxListBytes, "a list of frames", bytes);
-    text.assign(bytes.begin(), bytes.end());
-    return error;
-}
-
 std::string folderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
 }  // namespace
-
-std::string readManifest(const std::string& path, FrameList& out) {
-    std::string text;
-    std::string error = readText(path, text);
-    if (!error.empty()) return error;
-    out = parseManifest(text);
-    return out.ok() ? std::string() : path + ": " + out.error;
-}
-
-std::string readPointsFile(const std::string& path, FrameList& out) {
-    std::string text;
-    std::string error = readText(path, text);
-    if (!error.empty()) return error;
-    out = parsePointsFile(text);
-    return out.ok() ? std::string() : path + ": " + out.error;
-}
 
 std::string loadFrames(const std::string& listPath, const std::vector<FrameRow>& rows,
                        std::vector<Frame>& out) {

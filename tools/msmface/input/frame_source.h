@@ -8,15 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "input/frame_list.h"
+#include <msmface/frame_lists.h>
+
 #include "input/frames.h"
 
 namespace msmcli {
 
-// Reads a list file (at most 256 MiB) and parses it as a manifest or a points file. Returns an
-// empty string, or a reason naming the file and the line.
-std::string readManifest(const std::string& path, FrameList& out);
-std::string readPointsFile(const std::string& path, FrameList& out);
+using msmface::FrameRow;
 
 // Decodes the images of rows (relative names resolved against listPath's folder; each image once)
 // and pairs them with their points. A row that states width and height must match the image.

@@ -1,29 +1,10 @@
 #include "input/frames.h"
 
-#include <cmath>
-#include <cstring>
-#include <random>
+#include <utility>
 
-#include <msmface/FaceRecognition.h>
+#include <msmface/face_input.h>
 
 namespace msmcli {
-
-std::vector<Frame> jitterFrames(const std::vector<Frame>& frames, int copies, double pixels,
-                                uint32_t seed) {
-    std::vector<Frame> out;
-    if (copies < 1) copies = 1;
-    out.reserve(frames.size() * static_cast<std::size_t>(copies));
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> shift(-pixels, pixels);
-    for (int c = 0; c < copies; ++c)
-        for (const Frame& f : frames) {
-            Frame j = f;
-            if (c > 0 && pixels > 0)
-                for (double& v : j.points) v += shift(rng);
-            out.push_back(std::move(j));
-        }
-    return out;
-}
 
 std::vector<msmface::Sample> samplesOf(const std::vector<Frame>& frames) {
     std::vector<msmface::Sample> samples;
@@ -35,9 +16,7 @@ std::vector<msmface::Sample> samplesOf(const std::vector<Frame>& frames) {
             s.frame.width = f.image->width;
             s.frame.height = f.image->height;
         }
-        msmface::FacePoints points;
-        for (int k = 0; k < 28; ++k) points.xy[k] = static_cast<float>(f.points[k]);
-        s.points = points;
+        s.points = msmface::toFacePoints(f.points);
         samples.push_back(s);
     }
     return samples;
@@ -54,22 +33,10 @@ std::vector<int> scoresOf(const msmface::Result<msmface::Ranking>& r,
 }
 
 std::vector<unsigned char> firstNormalisedFace(const std::vector<Frame>& frames) {
-    constexpr int kSide = 64;
-    // The camera size only sizes a registration's picture; cropping reads each frame's own.
-    FaceRecognition engine(320, 240);
-    for (const Frame& f : frames) {
-        if (!f.image || f.image->pixels.empty()) continue;
-        BasicImageFile image(f.image->width, f.image->height, 8);
-        BasicImageFile face(kSide, kSide, 8);
-        if (image.pixels == nullptr || face.pixels == nullptr) return {};
-        std::memcpy(image.pixels, f.image->pixels.data(), f.image->pixels.size());
-        PartsPosition parts{};
-        for (int k = 0; k < 28; ++k) {
-            const double v = f.points[k];
-            parts.points[k] = v >= 0 && v < 1.0e6 ? static_cast<int32_t>(std::lround(v)) : 9999;
-        }
-        if (engine.FaceCropping(&image, nullptr, &parts, &face) == 1)
-            return std::vector<unsigned char>(face.pixels, face.pixels + kSide * kSide);
+    for (const msmface::Sample& s : samplesOf(frames)) {
+        if (s.frame.data == nullptr) continue;
+        auto face = msmface::normalisedFace(s.frame, *s.points);
+        if (face.ok()) return std::move(face.value());
     }
     return {};
 }

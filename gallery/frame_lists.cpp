@@ -1,13 +1,25 @@
-#include "input/frame_list.h"
+#include <msmface/frame_lists.h>
+
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <utility>
 
-namespace msmcli {
+#include "io/byte_reader.h"
+
+namespace msmface {
 namespace {
+
+// What a parser found: the rows read, or why it stopped.
+struct Parsed {
+    std::vector<FrameRow> rows;
+    std::string error;  // empty when the whole text parsed; else "line N: ..."
+    bool ok() const { return error.empty(); }
+};
 
 std::string_view trim(std::string_view s) {
     while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r'))
@@ -63,7 +75,8 @@ bool parseNumber(std::string_view field, double& value) {
 
 bool parseSide(std::string_view field, int& value) {
     double v = 0.0;
-    if (!parseNumber(field, v) || v != std::floor(v) || v < 1 || v > kMaxImageSide) return false;
+    if (!parseNumber(field, v) || v != std::floor(v) || v < 1 || v > kMaxListImageSide)
+        return false;
     value = static_cast<int>(v);
     return true;
 }
@@ -75,7 +88,7 @@ std::string lineError(int line, const std::string& what) {
 // Reads the 28 coordinates starting at fields[first]; an error text, or empty.
 std::string readPoints(const std::vector<std::string_view>& fields, std::size_t first,
                        const std::string* names, FrameRow& row) {
-    for (int k = 0; k < 2 * kPointCount; ++k) {
+    for (int k = 0; k < 2 * kFacePointCount; ++k) {
         const std::string_view f = fields[first + k];
         double v = 0.0;
         const std::string name = names != nullptr
@@ -84,7 +97,7 @@ std::string readPoints(const std::vector<std::string_view>& fields, std::size_t 
         if (!parseNumber(f, v))
             return lineError(row.line, "expected a number for " + name + ", found \"" +
                                            std::string(f.substr(0, 40)) + "\"");
-        if (std::fabs(v) > kMaxCoordinate)
+        if (std::fabs(v) > kMaxListCoordinate)
             return lineError(row.line, name + " = " + std::string(f.substr(0, 40)) +
                                            " is far outside any image");
         row.points[k] = v;
@@ -162,8 +175,7 @@ bool readQuotedName(std::string_view line, std::string& name, std::string_view& 
 
 }  // namespace
 
-std::string pointsFileRow(std::string_view image,
-                          const std::array<double, 2 * kPointCount>& points) {
+std::string pointsFileRow(std::string_view image, const ListPoints& points) {
     std::string line;
     if (!needsQuotes(image)) {
         line = image;
@@ -198,8 +210,10 @@ std::string pointsFileRow(std::string_view image,
     return line + "\n";
 }
 
-FrameList parseManifest(std::string_view text) {
-    FrameList list;
+namespace {
+
+Parsed manifestRows(std::string_view text) {
+    Parsed list;
     const std::vector<std::string_view> lines = splitLines(text);
     std::size_t l = 0;
     while (l < lines.size() && trim(lines[l]).empty()) ++l;
@@ -210,10 +224,10 @@ FrameList parseManifest(std::string_view text) {
     const std::vector<std::string_view> header = splitFields(lines[l], false);
     std::map<std::string, std::size_t, std::less<>> column;
     for (std::size_t i = 0; i < header.size(); ++i) column.emplace(std::string(header[i]), i);
-    std::string pointNames[2 * kPointCount];
+    std::string pointNames[2 * kFacePointCount];
     std::vector<std::size_t> pointColumns;
     std::vector<std::string> required = {"identity", "video", "image"};
-    for (int k = 0; k < kPointCount; ++k) {
+    for (int k = 0; k < kFacePointCount; ++k) {
         pointNames[2 * k] = "x" + std::to_string(k);
         pointNames[2 * k + 1] = "y" + std::to_string(k);
         required.push_back(pointNames[2 * k]);
@@ -271,8 +285,8 @@ FrameList parseManifest(std::string_view text) {
     return list;
 }
 
-FrameList parsePointsFile(std::string_view text) {
-    FrameList list;
+Parsed pointsFileRows(std::string_view text) {
+    Parsed list;
     const std::vector<std::string_view> lines = splitLines(text);
     bool first = true;
     for (std::size_t l = 0; l < lines.size(); ++l) {
@@ -288,7 +302,7 @@ FrameList parsePointsFile(std::string_view text) {
         const bool header = first && !quoted && !fields.empty() && fields[0] == "image";
         first = false;
         if (header) continue;
-        if (fields.size() != 1 + 2 * kPointCount) {
+        if (fields.size() != 1 + 2 * kFacePointCount) {
             list.error = lineError(row.line, "expected an image name and 28 coordinates, found " +
                                                  std::to_string(fields.size()) + " fields");
             return list;
@@ -306,4 +320,59 @@ FrameList parsePointsFile(std::string_view text) {
     return list;
 }
 
-}  // namespace msmcli
+Result<std::vector<FrameRow>> resultOf(Parsed parsed, const std::string& path) {
+    if (!parsed.ok())
+        return Status::failure(ErrorKind::File,
+                               path.empty() ? parsed.error : path + ": " + parsed.error);
+    return std::move(parsed.rows);
+}
+
+// Why a list file could not be read, in the words the program has always used: a user sees the
+// same line from every host.
+std::string unreadable(const std::string& path, const std::string& why) {
+    const std::string expected = "; expected a list of frames";
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || why.empty())
+        return path + ": cannot be read (" + why + ")" + expected;
+    if (S_ISDIR(st.st_mode)) return path + ": is a folder" + expected;
+    if (!S_ISREG(st.st_mode))
+        return path + ": not a regular file (a pipe, a socket or a device)" + expected;
+    if (static_cast<unsigned long long>(st.st_size) > kMaxListFileBytes)
+        return path + ": larger than " + std::to_string(kMaxListFileBytes >> 20) + " MiB" +
+               expected;
+    return path + ": cannot be read (" + why + ")" + expected;
+}
+
+// The list file's text: a regular file (a pipe or a device would block or never end) of at most
+// kMaxListFileBytes.
+Result<std::string> listText(const std::string& path) {
+    std::vector<unsigned char> bytes;
+    std::string why;
+    if (!msm::readWholeFile(path.c_str(), bytes, &why, kMaxListFileBytes))
+        return Status::failure(ErrorKind::File, unreadable(path, why));
+    return std::string(bytes.begin(), bytes.end());
+}
+
+}  // namespace
+
+Result<std::vector<FrameRow>> parseManifest(std::string_view text) {
+    return resultOf(manifestRows(text), {});
+}
+
+Result<std::vector<FrameRow>> parsePointsFile(std::string_view text) {
+    return resultOf(pointsFileRows(text), {});
+}
+
+Result<std::vector<FrameRow>> readManifest(const std::string& path) {
+    Result<std::string> text = listText(path);
+    if (!text.ok()) return text.status();
+    return resultOf(manifestRows(*text), path);
+}
+
+Result<std::vector<FrameRow>> readPointsFile(const std::string& path) {
+    Result<std::string> text = listText(path);
+    if (!text.ok()) return text.status();
+    return resultOf(pointsFileRows(*text), path);
+}
+
+}  // namespace msmface
