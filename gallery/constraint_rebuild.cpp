@@ -113,6 +113,11 @@ Status Gallery::rebuildConstraint(int dimension) {
         return fail(ErrorKind::File,
                     list + ": cannot be written (" + std::strerror(writeError) + ")");
     }
+    status = g.fillEngine();
+    if (!status.ok()) {
+        ::unlink(temp.c_str());
+        return status;
+    }
     FaceRecognition& e = *g.engine;
     e.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
     int generated = 0;
@@ -155,7 +160,7 @@ Status Gallery::rebuildConstraint(int dimension) {
     g.finishWrite();
     g.constraintLoaded = false;
     status = g.loadConstraint();
-    ++g.state->constraintRevision;
+    if (status.ok()) status = g.constraintRebuilt();
     g.state->generation.fetch_add(1);
     return status;
 }

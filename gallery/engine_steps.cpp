@@ -1,4 +1,4 @@
-// The steps that fill a legacy engine with a directory's persons and read its results.
+// The steps that fill a legacy engine with a directory's persons, and that read the core's results.
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -26,8 +26,8 @@ std::string loadPersons(FaceRecognition& engine, const std::string& dir,
     table.clear();
     db.SetDicPath(dir.c_str());
     if (db.InitIdDictionary(static_cast<int>(persons.size())) != 1)
-        return dir + ": more persons than the engine holds (" + std::to_string(kMaxLoadedPersons) +
-               ")";
+        return dir + ": " + std::to_string(persons.size()) +
+               " persons, more than a legacy engine holds";
     for (const Person& p : persons) db.PushIdDictionary(table.add(p));
     if (persons.empty()) return {};
     int read = 0;
@@ -57,15 +57,25 @@ int engineMethod(Method m) {
     return -1;
 }
 
-std::vector<int> currentScores(FaceRecognition& engine, int persons) {
-    std::vector<int> scores(static_cast<std::size_t>(std::max(persons, 0)), -1);
-    const RECOGRESULT* r = engine.Get_ResultRecog();
-    const int length = std::max(persons, 10);
-    for (int i = 0; r != nullptr && i < length; ++i) {
-        const int who = r[i].id;
-        if (who < 0 || who >= persons || r[i].similarity < 0) continue;
-        scores[static_cast<std::size_t>(who)] = r[i].similarity;
+core::Method coreMethod(Method m) {
+    switch (m) {
+        case Method::SinglePattern:
+            return core::Method::SinglePattern;
+        case Method::Msm:
+            break;
+        case Method::CmsmFirstSpace:
+            return core::Method::Cmsm;
+        case Method::Cmsm:
+            return core::Method::CmsmAllSpaces;
     }
+    return core::Method::Msm;
+}
+
+std::vector<int> scoresOf(const core::Input& input, int persons) {
+    std::vector<int> scores(static_cast<std::size_t>(std::max(persons, 0)), -1);
+    for (const core::RankedPerson& r : input.ranking())
+        if (r.person >= 0 && r.person < persons && r.score >= 0)
+            scores[static_cast<std::size_t>(r.person)] = r.score;
     return scores;
 }
 

@@ -88,13 +88,6 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
                                 : " is listed but not loaded (" + left.reason + ")") +
                         "; delete it first");
     }
-    // Every host of the directory loads every listed person: one more than an engine holds would
-    // make the directory unusable to them.
-    if (g.state->listed.size() >= static_cast<std::size_t>(kMaxLoadedPersons))
-        return fail(ErrorKind::Argument,
-                    g.dir() + ": already lists " + std::to_string(g.state->listed.size()) +
-                        " persons, as many as an engine holds (" +
-                        std::to_string(kMaxLoadedPersons) + "); delete one first");
     // A file of this name that no entry lists is the user's (a person taken out of the registry
     // by hand, a picture put there): the enrolment would replace it, and a failed one remove it.
     const std::string foreign = g.existingPersonFile(name);
@@ -164,7 +157,6 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     g.finishWrite();
     g.state->persons.push_back(Person{id, name});
     g.state->listed.push_back(Person{id, name});
-    g.state->serials.push_back(g.state->newSerial());
     g.loadedPersons.push_back(Person{id, name});
     e.idDatabase->AddNewDictionary(g.table.add(Person{id, name}));
     e.idDatabase->ReadIdDictionaries();
@@ -174,8 +166,9 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         e.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
         e.DicConvert();
     }
+    status = g.personAdded(Person{id, name});
     g.state->generation.fetch_add(1);
-    return {};
+    return status;
 }
 
 Status Gallery::remove(int id) {
@@ -202,10 +195,6 @@ Status Gallery::remove(int id) {
     for (const Person& p : g.state->listed)
         if (p.id != id) next.push_back(p);
     std::string error = detail::saveRegistry(g.dir(), next);
-    if (index >= 0) {
-        msm::DiagnosticCapture quiet;
-        g.engine->Deletion(index, true);
-    }
     if (!error.empty()) {
         // The registry's replacement needs room for its temporary, which on a full disk only the
         // person's own files can give: they go first, and the entry is written again. Should that
@@ -220,17 +209,16 @@ Status Gallery::remove(int id) {
     g.table.clear();
     g.constraintLoaded = false;
     if (!error.empty()) {
-        g.load(true);
+        g.load();
         g.finishWrite();
         g.state->generation.fetch_add(1);
         return fail(ErrorKind::File, error);
     }
-    status = g.load(true);
+    status = g.load();
     if (!status.ok()) {
         // The person is gone from the registry and the disk whatever else does not load now.
         if (index >= 0) {
             g.state->persons.erase(g.state->persons.begin() + index);
-            g.state->serials.erase(g.state->serials.begin() + index);
         }
         g.loadedPersons = g.state->persons;
         auto& orphans = g.state->orphans;

@@ -18,6 +18,10 @@
 #include <msmface/frame.h>
 #include <msmface/gallery.h>
 
+#include "core/constraint_spaces.h"
+#include "core/input.h"
+#include "core/snapshot.h"
+#include "gallery/face_reader.h"
 #include "store/store_files.h"
 #include "store/store_lock.h"
 
@@ -45,6 +49,25 @@ inline constexpr int kDefaultFrameWidth = 320;
 inline constexpr int kDefaultFrameHeight = 240;
 inline constexpr int kFaceSide = 64;
 
+// The pattern every existing directory holds: the legacy frame cycle's five 256-value channels.
+core::PatternShape directoryShape();
+
+// What recognitions score against: the persons with one snapshot of their dictionaries (projected
+// into the directory's constraint spaces when it has a list that loads). Never changed once
+// published: a change of the directory publishes a new one, and a stream keeps the one it
+// scores against alive while it uses it.
+struct GalleryView {
+    std::vector<Person> persons;  // snapshot order
+    std::shared_ptr<const core::Snapshot> snapshot;
+    // The loaded spaces, kept so that a person added later is projected into the same ones.
+    std::shared_ptr<const core::ConstraintSpaces> spaces;
+    // Why the constraint-space methods cannot be used (empty when the snapshot holds spaces).
+    std::string spaceError;
+    ErrorKind spaceErrorKind = ErrorKind::NotFound;
+    // Raised whenever the persons change: a stream's ranking may name persons who are gone.
+    uint64_t personsRevision = 0;
+};
+
 // The directory's persons as this process knows them, shared by the gallery (the one writer)
 // and its streams (readers, each on its own thread).
 struct GalleryState {
@@ -52,16 +75,13 @@ struct GalleryState {
     // Held exclusively by the gallery while it changes the directory's files and the fields
     // below, shared by a stream while it copies them and reads the files they name.
     mutable std::shared_mutex mutex;
-    std::vector<Person> persons;  // with a dictionary file, registry order = the engine's order
-    // One per person: a number that changes whenever the person's files may have changed, so
-    // that a stream reloads only the persons who are new to it.
-    std::vector<uint64_t> serials;
+    std::vector<Person> persons;   // with a valid dictionary, registry order = the view's order
     std::vector<Person> orphans;   // listed without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, orphans included
     std::vector<Person> listed;    // the registry as read, in its order
     int threshold = kDefaultIdentifyThreshold;
-    uint64_t constraintRevision = 0;  // raised when the constraint space was rebuilt
-    uint64_t nextSerial = 1;
+    std::shared_ptr<const GalleryView> view;  // replaced whole, under the lock
+    uint64_t nextRevision = 1;
     // Raised after every change under the lock; a stream whose copy is older reloads.
     std::atomic<uint64_t> generation{0};
     // The directory's files as the fields above were read from them.
@@ -69,30 +89,44 @@ struct GalleryState {
     // The directory, open for as long as any engine of this state may name its files through it.
     msm::FileDescriptor folder;
 
-    uint64_t newSerial() { return nextSerial++; }
+    uint64_t newRevision() { return nextRevision++; }
 };
 
 // The registry and the stored threshold, with the listed persons split into those an engine can
 // load and the others.
 struct Listing {
     std::vector<Person> listed;    // registry order
-    std::vector<Person> persons;   // a valid dictionary each, at most kMaxLoadedPersons
+    std::vector<Person> persons;   // a valid dictionary each
     std::vector<Person> orphans;   // without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, with the reason
     int threshold = kDefaultIdentifyThreshold;
+    std::shared_ptr<GalleryView> view;  // the persons' snapshot
 };
 
-// Reads the registry and the threshold and checks every listed person's dictionary. requires: the
-// caller holds the directory's lock (shared or exclusive) or accepts a view that a writer may
-// change meanwhile.
-std::string readListed(const std::string& dir, Listing& out);
+// Reads the registry and the threshold, and every listed person's dictionary once, checked and
+// laid into the listing's view (with the directory's constraint spaces). requires: the caller
+// holds the directory's lock (shared or exclusive) or accepts a view that a writer may change
+// meanwhile.
+std::string readListed(const GalleryState& state, Listing& out);
+
+// A view of the persons of `previous` with `added` appended (its dictionary read and checked
+// from the directory), or without the person of `removedId`; the other persons' rows are copied
+// from the previous snapshot, their files are not read again.
+Result<std::shared_ptr<GalleryView>> viewWith(const GalleryState& state,
+                                              const GalleryView& previous, const Person& added);
+Result<std::shared_ptr<GalleryView>> viewWithout(const GalleryView& previous, int removedId);
+// The view of the same persons with the directory's constraint spaces loaded again.
+Result<std::shared_ptr<GalleryView>> viewWithSpaces(const GalleryState& state,
+                                                    const GalleryView& previous);
+// Makes the view the state's current one; a view of other persons gets a new revision.
+// requires: the state's lock held exclusively.
+void publishView(GalleryState& state, std::shared_ptr<GalleryView> view, bool personsChanged);
 
 // NotFound, naming the directory, when it is no longer there.
 Status checkDirectoryPresent(const std::string& dir);
 
-// Brings the shared list up to the directory when another process changed it since the list was
-// read: persons keep their serial only where the list already matched the directory, so a stream
-// reads again every person whose files may have changed. requires: the directory's lock (shared
+// Brings the shared list and view up to the directory when another process changed it since the
+// list was read: once for the gallery and all its streams. requires: the directory's lock (shared
 // or exclusive) and the state's lock exclusively. Returns the error of the directory's files.
 std::string refreshFromDisk(GalleryState& state);
 
@@ -121,7 +155,7 @@ class PersonTable {
 
 // Empties the engine's database and enters persons (inside number = index), reading their
 // dictionaries from dir. Returns an empty string or a one-line reason naming the file that does
-// not load.
+// not load. Only the enrolment's and the rebuild's engine is filled so.
 std::string loadPersons(FaceRecognition& engine, const std::string& dir,
                         const std::vector<Person>& persons, PersonTable& table);
 
@@ -134,6 +168,13 @@ std::string engineFolder(const GalleryState& state);
 // A list of bare names (that of a folder whose path holds blanks) is placed in the directory
 // through engineFolder: the engine names the files through the state's folder from then on.
 std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state);
+// The directory's constraint spaces for a snapshot, checked and placed as for an engine; null
+// with the reason (and its kind: NotFound without a list, else File) when they do not load.
+std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& state,
+                                                         std::string& error, ErrorKind& kind);
+
+// What a legacy engine's input takes: the core's defaults are the engine's.
+inline const core::InputOptions kLegacyInputOptions{};
 
 // The engine's method number; -1 for a value outside the enumeration.
 int engineMethod(Method m);
@@ -145,8 +186,10 @@ std::string checkThresholdOption(int threshold);
 // scores: per inside number, -1 where none was computed.
 Ranking rankingOf(const std::vector<Person>& persons, const std::vector<int>& scores,
                   int threshold);
-// The engine's current list as scores per inside number.
-std::vector<int> currentScores(FaceRecognition& engine, int persons);
+// The core's method of a gallery method.
+core::Method coreMethod(Method m);
+// The input's last ranking as scores per person of the snapshot.
+std::vector<int> scoresOf(const core::Input& input, int persons);
 
 }  // namespace msmface::detail
 
@@ -168,10 +211,10 @@ class Gallery::Impl {
 
     const std::string& dir() const { return state->dir; }
 
-    // Reads the registry and the threshold and loads the listed persons that have a dictionary.
-    // Called with the state's lock held exclusively, or before any stream exists. keepSerials:
-    // persons already known keep their serial (their files did not change).
-    Status load(bool keepSerials = false);
+    // Reads the registry and the threshold and publishes a view of the listed persons that have
+    // a valid dictionary. Called with the state's lock held exclusively, or before any stream
+    // exists.
+    Status load();
     // Starts a change: takes the directory's lock exclusively (kept in lock until the change is
     // done), removes the temporaries of killed writers, and reads the directory again when another
     // process changed it. The change ends with finishWrite, under the same lock.
@@ -190,6 +233,16 @@ class Gallery::Impl {
     // dangling link included), or empty.
     std::string existingPersonFile(const std::string& name) const;
     Status loadConstraint();
+    // The engine's database filled with the persons, for the rebuild of the constraint space.
+    Status fillEngine();
+
+    // The directory changed under the gallery's write lock (the state's lock held exclusively):
+    // a new view is published. personAdded: the person's files and registry entry are written;
+    // personRemoved: its entry and files are gone (reads no file, cannot fail);
+    // constraintRebuilt: the list names a new space.
+    Status personAdded(const Person& p);
+    void personRemoved(int id);
+    Status constraintRebuilt();
 
     std::shared_ptr<detail::GalleryState> state;
     std::unique_ptr<FaceRecognition> engine;
@@ -200,9 +253,11 @@ class Gallery::Impl {
     std::vector<Person> loadedPersons;
     msm::DirectoryStamp loadedStamp;
     bool constraintLoaded = false;
+    bool engineFilled = false;
     std::shared_ptr<PointFinder> finder;
     LockOptions lockOptions;
     std::function<bool()> interrupted;                             // OpenOptions::interrupted
+    std::unique_ptr<detail::FaceReader> reader;                    // the recognitions' faces
     BasicImageFile image;                                          // the current frame in grey
     BasicImageFile face{detail::kFaceSide, detail::kFaceSide, 8};  // its normalised face
 };

@@ -36,10 +36,6 @@
 
 namespace msmface {
 
-// The persons an engine holds: a directory lists at most this many (enrol refuses more), and of a
-// registry that lists more the first ones are loaded.
-inline constexpr int kMaxLoadedPersons = 2000;
-
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
 // point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
 // frame whose fourteen points are all absent has no face either.
@@ -49,10 +45,10 @@ struct Sample {
 };
 
 // A listed person the gallery does not recognise, and why: the dictionary file is missing, does
-// not read, does not hold a valid dictionary, or the person is beyond what an engine holds.
+// not read, or does not hold a valid dictionary.
 struct LeftOut {
     Person person;
-    std::string reason;  // one line naming the file (or the limit) and what is wrong
+    std::string reason;  // one line naming the file and what is wrong
 };
 
 struct Match {
@@ -100,9 +96,9 @@ class MSMFACE_API Gallery {
     // threshold. A listed person whose dictionary file is missing or listed under a key name the
     // directory keeps for its constraint space (both: orphans()), whose dictionary does not read,
     // or does not hold an orthonormal dictionary of the directory's shape is left out of
-    // persons() and reported by leftOut(), as are the persons beyond the first kMaxLoadedPersons;
-    // the others are recognised. Fails (File) on a registry or threshold file that does not
-    // parse, naming it; (NotFound) on a missing directory unless options.create.
+    // persons() and reported by leftOut(); the others are recognised, as many as memory holds.
+    // Fails (File) on a registry or threshold file that does not parse, naming it; (NotFound) on a
+    // missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
@@ -130,10 +126,9 @@ class MSMFACE_API Gallery {
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
     // beyond are not used). Writes the person's files first and the registry last. requires:
     // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case); fewer
-    // than kMaxLoadedPersons listed persons. Fails (File) while a file of that name that no entry
-    // lists is in the directory: an enrolment neither replaces nor removes a file it did not
-    // create.
+    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case). Fails
+    // (File) while a file of that name that no entry lists is in the directory: an enrolment
+    // neither replaces nor removes a file it did not create.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
     // Removes a person: the registry entry first, then the files (the files first where the
     // registry's replacement finds no room on the disk).
@@ -181,9 +176,9 @@ struct StreamState {
 class MSMFACE_API Stream {
   public:
     // A stream over the gallery's current persons (and its constraint space for the Cmsm
-    // methods: NotFound without one). Reads every person's dictionary once; later changes of
-    // the gallery are loaded at the next push, only as far as they go (a new threshold loads
-    // nothing, an enrolment the new person's files).
+    // methods: NotFound without one). Reads no file and copies no dictionary: every stream
+    // scores against the gallery's one snapshot of its persons, and picks up a newer one at its
+    // next push (the face being gathered is kept).
     static Result<Stream> create(Gallery& gallery, const StreamOptions& options = {});
 
     Stream(Stream&&) noexcept;
