@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -286,6 +287,19 @@ TEST(LegacyRegression, SyntheticPersonsScoreAsTheLegacyEngineFrameForFrame) {
         takes.push_back(population.probe[i].samples());
     }
     ASSERT_TRUE(g->rebuildConstraint(60).ok());
+    CompareEverything(*g, takes, true);
+    // The list of a host that keeps three spaces (the rebuilt one, no constraint, and the
+    // rebuilt one's first 40 directions): the first space and all spaces now differ.
+    const std::string list = dir.path() + "/" + msmface::kConstraintListFileName;
+    const std::string text = gallerytest::ReadText(list);
+    const std::size_t at = text.find("CMSML ");
+    ASSERT_NE(at, std::string::npos) << text;
+    const std::string learned = text.substr(at, text.find('\n', at) - at);
+    std::istringstream fields(learned);
+    std::string kind, stem;
+    fields >> kind >> stem;
+    gallerytest::WriteText(list, "3\n1\n" + learned + "\nMSM\nCMSMF " + stem + " 40\n");
+    ASSERT_TRUE(g->refresh().ok());
     CompareEverything(*g, takes, true);
 }
 
