@@ -5,7 +5,6 @@
 #include <fstream>
 #include <map>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -332,16 +331,8 @@ TEST(LegacyRegression, RealFacesScoreAsTheLegacyEngineFrameForFrame) {
     std::mt19937 rng(2026);
     std::vector<std::vector<Sample>> takes;
     for (const auto& [name, frames] : people) {
-        std::set<int> videos;
-        for (const msmtest::RealFrame& f : frames) videos.insert(f.video);
-        if (videos.size() < 3) continue;
-        auto v = videos.begin();
-        const int a = *v++, b = *v++, c = *v;
         std::vector<const msmtest::RealFrame*> enrol, probe;
-        for (const msmtest::RealFrame& f : frames) {
-            if (f.video == a || f.video == b) enrol.push_back(&f);
-            if (f.video == c) probe.push_back(&f);
-        }
+        if (!msmtest::SplitThreeVideos(frames, enrol, probe)) continue;
         const int id = static_cast<int>(takes.size()) + 1;
         const msmface::Status enrolled =
             g->enrol(id, "person" + std::to_string(id), Jittered(enrol, 80, rng));

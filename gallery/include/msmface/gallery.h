@@ -4,18 +4,18 @@
 // key name) kept in step with the engine's files, the enrolment sequence, the mapping of ID
 // numbers to the engine's inside numbers, and the frame cycle.
 //
-// Ownership and lifetime. A Gallery owns its engine and loaded dictionaries; it is movable, not
-// copyable (a moved-from Gallery or Stream may only be assigned to or destroyed). A Stream shares
-// the gallery's list of persons (not the Gallery object): it may outlive the Gallery, and then
-// keeps recognising the persons it last loaded. Frames and points are read during a call and never
-// kept.
+// Ownership and lifetime. A Gallery owns one snapshot of its persons' dictionaries, shared by its
+// streams; it is movable, not copyable (a moved-from Gallery or Stream may only be assigned to or
+// destroyed). A Stream shares the gallery's list of persons and its snapshot (not the Gallery
+// object): it may outlive the Gallery, and then keeps recognising the persons it last saw. Frames
+// and points are read during a call and never kept.
 //
 // Threads. One thread at a time per Gallery and per Stream. Streams of one gallery may run on
-// different threads at once (each has an engine of its own, with its own copy of the persons'
-// dictionaries), also while the gallery changes (enrol, remove, rebuildConstraint,
+// different threads at once (each has its own input; none copies the persons' dictionaries),
+// also while the gallery changes (enrol, remove, rebuildConstraint,
 // setThreshold): a stream picks such a change up at its next frame, keeping the face it is
-// gathering. A change waits while a stream reloads, and a stream's reload waits for a change to
-// finish; frames themselves never wait.
+// gathering. A change waits while a stream takes the new snapshot, and a stream waits for a change
+// to finish; frames themselves never wait.
 //
 // Errors. Every call that can fail returns a Status or a Result carrying one line of text
 // (<msmface/result.h>); nothing is thrown. A call that fails leaves the directory as it was.
