@@ -20,6 +20,7 @@
 #include <msmface/IDDatabase.h>
 #include <msmface/gallery.h>
 
+#include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
 
 namespace {
@@ -267,6 +268,48 @@ void BM_LegacyFrame(benchmark::State& state) {
     state.SetLabel(method == 1 ? "MSM" : "CMSM (all spaces)");
 }
 BENCHMARK(BM_LegacyFrame)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond);
+
+// What an enrolment costs the gallery's snapshot: the 2000 persons' rows copied from the previous
+// snapshot and the newcomer's laid out, beside a full reading of the directory (what a gallery
+// does on open or after another process's change).
+void BM_SnapshotWithOneMore(benchmark::State& state) {
+    using msmface::core::Snapshot;
+    std::mt19937 rng(11);
+    std::vector<DictChunk> distinct(kDistinct);
+    for (DictChunk& chunk : distinct) {
+        chunk.Allocate(kChannels);
+        for (int c = 0; c < kChannels; ++c) {
+            chunk.prims[c].Allocate(kDimension, kVectors, kDicPrimFloat);
+            const auto basis = Orthonormal(kVectors, rng);
+            for (int i = 0; i < kVectors; ++i)
+                std::copy(basis[i].begin(), basis[i].end(), chunk.prims[c].frows[i]);
+        }
+    }
+    std::vector<const DictChunk*> persons;
+    for (int p = 0; p < 2000; ++p) persons.push_back(&distinct[p % kDistinct]);
+    const msmface::core::PatternShape shape{kDimension, kChannels};
+    auto previous = Snapshot::build(shape, {}, persons);
+    auto newcomer = Snapshot::build(shape, {}, {&distinct[0]});
+    if (!previous.ok() || !newcomer.ok()) state.SkipWithError("no snapshot");
+    std::vector<Snapshot::PersonSource> sources;
+    for (int p = 0; p < 2000; ++p) sources.push_back({previous->get(), p});
+    sources.push_back({newcomer->get(), 0});
+    for (auto _ : state) {
+        auto next = Snapshot::combine(sources, **newcomer);
+        if (!next.ok()) state.SkipWithError(next.message().c_str());
+        benchmark::DoNotOptimize(next);
+    }
+}
+BENCHMARK(BM_SnapshotWithOneMore)->Unit(benchmark::kMillisecond);
+
+void BM_OpenGallery(benchmark::State& state) {
+    const Directory& dir = DirectoryOf(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        auto g = msmface::Gallery::open(dir.path);
+        if (!g.ok()) state.SkipWithError(g.message().c_str());
+    }
+}
+BENCHMARK(BM_OpenGallery)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
