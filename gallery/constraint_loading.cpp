@@ -156,6 +156,10 @@ std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& sta
                 "); run \"msmface constraint\" again";
         return nullptr;
     }
+    if ((*spaces)->spaces().empty()) {
+        error = list + ": names no constraint space; run \"msmface constraint\" again";
+        return nullptr;
+    }
     return std::shared_ptr<const core::ConstraintSpaces>(std::move(*spaces));
 }
 

@@ -347,3 +347,68 @@ TEST(LegacyRegression, RealFacesScoreAsTheLegacyEngineFrameForFrame) {
 }
 
 }  // namespace
+
+namespace {
+
+// The ranking of a take's frames by the method against a view, as "id:score ...".
+std::string RankingOf(const detail::GalleryView& view, const gallerytest::Take& take,
+                      msmface::core::Method method) {
+    const msmface::core::Snapshot& snapshot = *view.snapshot;
+    auto input = msmface::core::Input::create(snapshot);
+    if (!input.ok()) return input.message();
+    detail::FaceReader reader(snapshot.shape());
+    for (std::size_t k = 0; k < take.frames.size(); ++k)
+        if (reader.read(take.view(k), take.points(k)) == detail::FaceRead::Face)
+            (*input)->update(reader.patterns());
+    const msmface::Status scored = msmface::core::score(snapshot, **input, method);
+    if (!scored.ok()) return scored.message();
+    std::string out;
+    for (const msmface::core::RankedPerson& r : (*input)->ranking())
+        out += std::to_string(view.persons[static_cast<std::size_t>(r.person)].id) + ":" +
+               std::to_string(r.score) + " ";
+    return out;
+}
+
+TEST(LegacyRegression, ViewsDerivedFromThePreviousOneScoreAsAFullReadOfTheDirectory) {
+    ScratchDir dir;
+    auto g = Gallery::open(dir.path());
+    ASSERT_TRUE(g.ok()) << g.message();
+    const Population& population = Population::get();
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(g->enrol(i + 1, Population::Name(i), population.enrol[i].samples()).ok());
+    ASSERT_TRUE(g->rebuildConstraint(60).ok());
+    detail::GalleryState state;
+    state.dir = dir.path();
+    detail::Listing before;
+    ASSERT_EQ(detail::readListed(state, before), "");
+    ASSERT_EQ(before.view->snapshot->spaceCount(), 1);
+
+    // A removal: the view without the person against the directory read again without it.
+    ASSERT_TRUE(g->remove(2).ok());
+    auto without = detail::viewWithout(*before.view, 2);
+    ASSERT_TRUE(without.ok()) << without.message();
+    detail::Listing removed;
+    ASSERT_EQ(detail::readListed(state, removed), "");
+    // An enrolment: the new person's file added to the view of before.
+    ASSERT_TRUE(g->enrol(4, Population::Name(3), population.enrol[3].samples()).ok());
+    auto with = detail::viewWith(state, **without, Person{4, Population::Name(3)});
+    ASSERT_TRUE(with.ok()) << with.message();
+    detail::Listing added;
+    ASSERT_EQ(detail::readListed(state, added), "");
+    for (auto method : {msmface::core::Method::SinglePattern, msmface::core::Method::Msm,
+                        msmface::core::Method::Cmsm}) {
+        SCOPED_TRACE(static_cast<int>(method));
+        const std::string expected = RankingOf(*removed.view, population.probe[0], method);
+        EXPECT_EQ(RankingOf(**without, population.probe[0], method), expected);
+        EXPECT_EQ(expected.find("2:"), std::string::npos) << expected;
+        const std::string all = RankingOf(*added.view, population.probe[3], method);
+        EXPECT_EQ(RankingOf(**with, population.probe[3], method), all);
+        EXPECT_EQ(all.substr(0, 2), "4:") << all;
+    }
+    // A person who is not there leaves the view as it was.
+    auto same = detail::viewWithout(**with, 99);
+    ASSERT_TRUE(same.ok());
+    EXPECT_EQ((*same)->persons.size(), 3u);
+}
+
+}  // namespace
