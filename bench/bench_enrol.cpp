@@ -11,7 +11,7 @@
 
 #include <msmface/gallery.h>
 
-#include "common/scratch_dir.h"
+#include "support/scratch_folder.h"
 #include "synth/synth_face.h"
 
 namespace {
@@ -50,7 +50,7 @@ class Fixture {
     const std::vector<msmface::Sample>& newcomer() const { return newcomer_.samples; }
 
   private:
-    msmtest::ScratchDir dir_;
+    msmbench::ScratchFolder dir_;
     Take newcomer_;
 };
 

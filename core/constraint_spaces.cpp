@@ -1,10 +1,13 @@
 #include "core/constraint_spaces.h"
 
+#include <algorithm>
 #include <new>
 
 #include "core/status.h"
 #include "io/small_text_file.h"
-#include "recognition/MWMSMRecognition.h"
+#include "recognition/MSMRecognition.h"
+#include "recognition/constraint_space.h"
+#include "recognition/constraint_space_loader.h"
 
 namespace msmface::core {
 
@@ -23,14 +26,18 @@ Result<std::unique_ptr<ConstraintSpaces>> ConstraintSpaces::load(const std::stri
         return argumentFailure(list + ": pattern channels " + std::to_string(shape.channels) +
                                ": expected 1.." + std::to_string(msm::kMaxChannels));
     std::unique_ptr<ConstraintSpaces> out(new (std::nothrow) ConstraintSpaces);
-    if (out != nullptr)
-        out->loader_.reset(new (std::nothrow) MWMSMRecognition(shape.dimension, shape.channels));
-    if (out == nullptr || out->loader_ == nullptr) return noMemory(list);
-    MWMSMRecognition& loader = *out->loader_;
-    if (loader.ReadConstraintList(listPath.c_str()) != 1)
+    if (out == nullptr) return noMemory(list);
+    msm::ConstraintList parsed;
+    if (msm::readConstraintList(listPath.c_str(), parsed) != msm::ListRead::Accepted)
         return Status::failure(ErrorKind::File,
                                list + ": cannot be read, or is not a list of constraint spaces");
-    const int status = loader.LoadConstraintSpaces();
+    int learned = -1;
+    out->spaces_ = msm::unloadedSpaces(parsed, shape.channels, &learned);
+    if (out->spaces_ == nullptr && parsed.declared > 0) return noMemory(list);
+    out->count_ = std::max(parsed.declared, 0);
+    // The class data of a learned space is the generation's; a recognition only needs it to read.
+    const int status = msm::loadConstraintSpaces(out->spaces_.get(), out->count_, shape.channels,
+                                                 msm::matrixReads);
     if (status < 1)
         return Status::failure(ErrorKind::File, list + ": the files of its spaces did not load (" +
                                                     std::to_string(status) + ")");
@@ -39,7 +46,7 @@ Result<std::unique_ptr<ConstraintSpaces>> ConstraintSpaces::load(const std::stri
 
 std::vector<const ConstraintSpace*> ConstraintSpaces::spaces() const {
     std::vector<const ConstraintSpace*> out;
-    for (int s = 0; s < loader_->spaceCount; ++s) out.push_back(&loader_->spaces[s]);
+    for (int s = 0; s < count_; ++s) out.push_back(&spaces_[s]);
     return out;
 }
 

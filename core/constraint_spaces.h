@@ -1,5 +1,6 @@
-// Constraint spaces for a snapshot, read from a list file by the legacy recogniser's own loader,
-// so that the core projects into exactly the spaces the engine would load from the same list.
+// Constraint spaces for a snapshot, read from a list file by the loader the legacy recogniser
+// uses too, so that the core projects into exactly the spaces the engine would load from the
+// same list.
 //
 // Threads. No locks: one thread at a time per object; a snapshot built from them keeps copies.
 #ifndef MSMFACE_CORE_CONSTRAINT_SPACES_H
@@ -13,7 +14,6 @@
 
 #include "core/snapshot.h"
 
-class MWMSMRecognition;
 struct ConstraintSpace;
 
 namespace msmface::core {
@@ -33,7 +33,8 @@ class ConstraintSpaces {
 
   private:
     ConstraintSpaces();
-    std::unique_ptr<MWMSMRecognition> loader_;
+    std::unique_ptr<ConstraintSpace[]> spaces_;
+    int count_ = 0;
 };
 
 }  // namespace msmface::core

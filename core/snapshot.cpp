@@ -114,10 +114,9 @@ void Snapshot::layOut(const std::vector<const DictChunk*>& persons) {
 }
 
 Status Snapshot::copySpaces(const std::vector<const ConstraintSpace*>& spaces) {
-    const int C = shape_.channels, D = shape_.dimension, K = basisCount_;
+    const int C = shape_.channels, D = shape_.dimension;
     // Every space's channels and how many vectors each keeps.
     std::vector<std::vector<msm::SpaceChannel>> channels;
-    std::size_t vectors = 0;
     for (std::size_t s = 0; s < spaces.size(); ++s) {
         if (spaces[s] == nullptr)
             return argumentFailure("constraint space " + std::to_string(s + 1) + ": none given");
@@ -130,14 +129,23 @@ Status Snapshot::copySpaces(const std::vector<const ConstraintSpace*>& spaces) {
                 return argumentFailure("constraint space " + std::to_string(s + 1) + ": channel " +
                                        std::to_string(c + 1) + " has " + std::to_string(ch.m) +
                                        " vectors but fewer eigenvalues");
-            if (ch.how == msm::SpaceChannel::How::Whitened) vectors += ch.m;
             row.push_back(ch);
         }
         channels.push_back(std::move(row));
     }
+    allocateRows(std::move(channels));
+    return {};
+}
+
+void Snapshot::allocateRows(std::vector<std::vector<msm::SpaceChannel>> channels) {
+    const int C = shape_.channels, D = shape_.dimension, K = basisCount_;
+    std::size_t vectors = 0;
+    for (const auto& row : channels)
+        for (const msm::SpaceChannel& ch : row)
+            if (ch.how == msm::SpaceChannel::How::Whitened) vectors += ch.m;
     // One Q14 block: the persons' rows, then K projected rows per space, person and channel.
     const std::size_t cells = static_cast<std::size_t>(personCount_) * C;
-    const std::size_t q14Rows = projectedStart_ + spaces.size() * cells * K;
+    const std::size_t q14Rows = projectedStart_ + channels.size() * cells * K;
     const std::size_t patternRows = patternRowTotal_;
     const std::size_t floatRows = patternRows + vectors;
     q14Bytes_ = q14Rows * paddedLength_ * sizeof(short);
@@ -169,7 +177,77 @@ Status Snapshot::copySpaces(const std::vector<const ConstraintSpace*>& spaces) {
         }
     }
     spaceChannels_ = std::move(channels);
-    return {};
+}
+
+Result<std::shared_ptr<const Snapshot>> Snapshot::combine(const std::vector<PersonSource>& persons,
+                                                          const Snapshot& like) {
+    for (std::size_t i = 0; i < persons.size(); ++i) {
+        const Snapshot* from = persons[i].snapshot;
+        const std::string source = "person source " + std::to_string(i + 1);
+        if (from == nullptr) return argumentFailure(source + ": no snapshot given");
+        if (persons[i].person < 0 || persons[i].person >= from->personCount_)
+            return argumentFailure(source + ": person " + std::to_string(persons[i].person) +
+                                   " of a snapshot of " + std::to_string(from->personCount_));
+        if (from->shape_.dimension != like.shape_.dimension ||
+            from->shape_.channels != like.shape_.channels ||
+            from->basisCount_ != like.basisCount_ ||
+            from->hasPatternRows_ != like.hasPatternRows_ ||
+            from->spaceCount() != like.spaceCount())
+            return argumentFailure(source + ": built for other patterns, basis count or spaces");
+    }
+    std::shared_ptr<Snapshot> s(new (std::nothrow) Snapshot);
+    if (s == nullptr) return noMemory("a gallery snapshot");
+    s->shape_ = like.shape_;
+    s->basisCount_ = like.basisCount_;
+    s->hasPatternRows_ = like.hasPatternRows_;
+    s->paddedLength_ = like.paddedLength_;
+    s->personCount_ = static_cast<int>(persons.size());
+    const int C = s->shape_.channels, D = s->shape_.dimension, K = s->basisCount_;
+    try {
+        const std::size_t cells = persons.size() * C;
+        s->rowCounts_.assign(cells, -1);
+        s->patternCounts_.assign(cells, -1);
+        s->rowStart_.assign(cells, 0);
+        s->patternStart_.assign(cells, 0);
+        std::size_t q14Rows = 0, floatRows = 0;
+        for (int p = 0; p < s->personCount_; ++p) {
+            const Snapshot& from = *persons[p].snapshot;
+            const int q = persons[p].person;
+            for (int c = 0; c < C; ++c) {
+                const std::size_t at = s->index(p, c);
+                s->rowCounts_[at] = from.rowCount(q, c);
+                s->patternCounts_[at] = from.patternRowCount(q, c);
+                s->rowStart_[at] = q14Rows;
+                s->patternStart_[at] = floatRows;
+                q14Rows += std::max(s->rowCounts_[at], 0);
+                floatRows += std::max(s->patternCounts_[at], 0);
+            }
+        }
+        s->projectedStart_ = q14Rows;
+        s->patternRowTotal_ = floatRows;
+        s->allocateRows(like.spaceChannels_);
+    } catch (const std::bad_alloc&) {
+        return noMemory("a gallery snapshot of " + std::to_string(persons.size()) + " persons");
+    }
+    const std::size_t q14Row = s->paddedLength_ * sizeof(short), floatRow = D * sizeof(float);
+    for (int p = 0; p < s->personCount_; ++p) {
+        const Snapshot& from = *persons[p].snapshot;
+        const int q = persons[p].person;
+        for (int c = 0; c < C; ++c) {
+            const std::size_t at = s->index(p, c);
+            short* const* rows = s->rowPointers_.data() + s->rowStart_[at];
+            for (int i = 0; i < s->rowCounts_[at]; ++i)
+                std::memcpy(rows[i], from.rows(q, c)[i], q14Row);
+            float* const* patterns = s->floatPointers_.data() + s->patternStart_[at];
+            for (int i = 0; i < s->patternCounts_[at]; ++i)
+                std::memcpy(patterns[i], from.patternRows(q, c)[i], floatRow);
+            for (int sp = 0; sp < s->spaceCount(); ++sp)
+                for (int i = 0; i < K; ++i)
+                    std::memcpy(s->projectedRows(sp, p, c)[i], from.projectedRows(sp, q, c)[i],
+                                q14Row);
+        }
+    }
+    return std::shared_ptr<const Snapshot>(std::move(s));
 }
 
 void Snapshot::project(const std::vector<const DictChunk*>& persons) {

@@ -45,6 +45,19 @@ class Snapshot {
         const std::vector<const DictChunk*>& persons,
         const std::vector<const ConstraintSpace*>& spaces = {});
 
+    // A person of a built snapshot.
+    struct PersonSource {
+        const Snapshot* snapshot = nullptr;
+        int person = 0;
+    };
+    // A snapshot of persons taken from built snapshots, in the given order, their rows copied as
+    // they are: a gallery that gains or loses a person reads no other person's dictionary again.
+    // Every source must have been built with the shape, basis count, pattern-row option and
+    // constraint spaces of `like`, whose spaces the new snapshot takes. Fails with one line
+    // naming the source that does not fit, or when memory runs out.
+    static Result<std::shared_ptr<const Snapshot>> combine(const std::vector<PersonSource>& persons,
+                                                           const Snapshot& like);
+
     PatternShape shape() const { return shape_; }
     int basisCount() const { return basisCount_; }
     bool hasPatternRows() const { return hasPatternRows_; }
@@ -92,6 +105,9 @@ class Snapshot {
     void layOut(const std::vector<const DictChunk*>& persons);
     // The constraint vectors, and the blocks for every row; throws std::bad_alloc.
     Status copySpaces(const std::vector<const ConstraintSpace*>& spaces);
+    // The blocks for every row, and the channels' vectors and eigenvalues copied into them;
+    // throws std::bad_alloc.
+    void allocateRows(std::vector<std::vector<msm::SpaceChannel>> channels);
     // Fills the rows: the persons' Q14 and float rows, and their projections.
     void project(const std::vector<const DictChunk*>& persons);
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "dictionary/DictChunk.h"
+#include "dictionary/dictionary_check.h"
 #include "numeric/diagnostics.h"
 
 namespace {
@@ -19,7 +20,6 @@ constexpr char kCannotReadDictionary[] =
     "%s(%d)\x82\xcc\x8e\xab\x8f\x91\x83\x74\x83\x40\x83\x43\x83\x8b\x82\xaa\x93\xc7\x82\xdd\x8d"
     "\x9e\x82\xdf\x82\xdc\x82\xb9\x82\xf1\x81\x42";
 
-constexpr int kDefaultMaxBasisVectors = 20;
 constexpr const char* kSiblingExtensions[] = {"dck", "mck", "bmp", "jpg", "fpi"};
 
 std::string dictionaryPath(const char* dicPath, const char* keyname) {
@@ -39,7 +39,7 @@ IDDatabase::IDDatabase()
       projected(nullptr),
       mask(nullptr),
       numCS(0),
-      maxBasisVectors(kDefaultMaxBasisVectors),
+      maxBasisVectors(msm::kRecognisedVectors),
       newKeyname(nullptr),
       dicPath{},
       pushed(0),

@@ -78,8 +78,7 @@ std::string checkSet(const DicPrim& p, int s, const DictionaryShape& shape) {
 
 DictionaryShape personDictionaryShape() {
     DictionaryShape shape;
-    // The registry's hosts read 20 vectors per channel (IDDatabase::maxBasisVectors).
-    shape.orthogonalVectors = 20;
+    shape.orthogonalVectors = kRecognisedVectors;
     return shape;
 }
 
@@ -94,13 +93,11 @@ DictionaryShape constraintValuesShape() {
     return shape;
 }
 
-std::string checkDictionaryFile(const std::string& path, const DictionaryShape& shape) {
-    std::vector<unsigned char> bytes;
-    std::string why;
-    // A file longer than any dictionary of this shape is refused by its size alone: a valid file
-    // padded to a gigabyte would otherwise be read whole on every load.
-    if (!readWholeFile(path.c_str(), bytes, &why, largestFile(shape)))
-        return path + ": cannot be read (" + why + ")";
+namespace {
+
+// Empty, or what the file's bytes (read whole) do not satisfy.
+std::string checkBytes(const std::string& path, const std::vector<unsigned char>& bytes,
+                       const DictionaryShape& shape) {
     DictChunk chunk;
     chunk.SetModeAndLimit(kDicPrimFloat, 0);
     if (chunk.ReadBytes(bytes.data(), bytes.size(), 1, 0, 0) != 1)
@@ -123,6 +120,41 @@ std::string checkDictionaryFile(const std::string& path, const DictionaryShape& 
         if (!problem.empty()) return path + ": " + problem;
     }
     return {};
+}
+
+// The file's bytes, or the reason they cannot be read.
+std::string readDictionaryBytes(const std::string& path, const DictionaryShape& shape,
+                                std::vector<unsigned char>& bytes) {
+    std::string why;
+    // A file longer than any dictionary of this shape is refused by its size alone: a valid file
+    // padded to a gigabyte would otherwise be read whole on every load.
+    if (!readWholeFile(path.c_str(), bytes, &why, largestFile(shape)))
+        return path + ": cannot be read (" + why + ")";
+    return {};
+}
+
+}  // namespace
+
+std::string checkDictionaryFile(const std::string& path, const DictionaryShape& shape) {
+    std::vector<unsigned char> bytes;
+    std::string problem = readDictionaryBytes(path, shape, bytes);
+    return problem.empty() ? checkBytes(path, bytes, shape) : problem;
+}
+
+std::string loadDictionaryFile(const std::string& path, const DictionaryShape& shape,
+                               int keptVectors, DictChunk& out) {
+    out.Release();
+    std::vector<unsigned char> bytes;
+    std::string problem = readDictionaryBytes(path, shape, bytes);
+    if (problem.empty()) problem = checkBytes(path, bytes, shape);
+    if (!problem.empty()) return problem;
+    // The checked bytes parsed again, as a recogniser keeps them: no second read of the file.
+    out.SetModeAndLimit(kDicPrimFloat, keptVectors);
+    bool ok = out.ReadBytes(bytes.data(), bytes.size(), 1, 0, 0) == 1;
+    for (int c = 0; ok && c < out.count; ++c) ok = out.prims[c].PrepareQ14Rows() == 1;
+    if (ok) return {};
+    out.Release();
+    return path + ": out of memory for its " + std::to_string(shape.sets) + " sets";
 }
 
 }  // namespace msm

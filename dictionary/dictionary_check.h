@@ -7,7 +7,13 @@
 
 #include <string>
 
+class DictChunk;
+
 namespace msm {
+
+// Vectors per channel a recogniser reads from a person's dictionary (the legacy registry's hosts
+// and the gallery alike).
+constexpr int kRecognisedVectors = 20;
 
 struct DictionaryShape {
     int sets = 5;             // one set per pattern channel
@@ -29,6 +35,12 @@ constexpr double kOrthonormalTolerance = 1e-3;
 // what its records take; otherwise one line naming the file and the first thing it does not
 // satisfy. The file's size is checked before it is read.
 std::string checkDictionaryFile(const std::string& path, const DictionaryShape& shape);
+
+// Reads the file once and checks it as checkDictionaryFile does; on success out holds its sets
+// as a recogniser keeps them (at most keptVectors vectors each, 0: all; float rows with their
+// Q14 rows). Empty, or the one-line reason (then out is empty).
+std::string loadDictionaryFile(const std::string& path, const DictionaryShape& shape,
+                               int keptVectors, DictChunk& out);
 
 // The shapes of the directory's files: a person's dictionary, a constraint space's basis and its
 // eigenvalues.

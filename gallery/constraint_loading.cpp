@@ -91,9 +91,15 @@ std::string engineFolder(const GalleryState& state) {
     return "/proc/self/fd/" + std::to_string(state.folder.get());
 }
 
-std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state) {
+namespace {
+
+// The list to load checked: empty, or why its spaces cannot load. Where the list names bare
+// stems, placed holds it with them placed in the directory and path names that copy.
+std::string prepareList(const GalleryState& state, std::optional<MemoryFile>& placed,
+                        std::string& path) {
     const std::string& dir = state.dir;
     const std::string list = constraintListPath(dir);
+    path = list;
     if (!hasConstraintList(dir))
         return dir + ": no constraint space yet (build one with Gallery::rebuildConstraint)";
     const std::string problem = msm::constraintListProblem(dir);
@@ -102,25 +108,40 @@ std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& sta
     if (!invalid.empty())
         return list + ": the constraint space does not load (" + invalid +
                "); rebuild it with Gallery::rebuildConstraint";
-    int status = 0;
-    {
-        msm::DiagnosticCapture quiet;
-        msm::ConstraintList parsed;
-        std::optional<MemoryFile> placed;
-        if (msm::readConstraintList(list.c_str(), parsed) == msm::ListRead::Accepted &&
-            namesBareStems(parsed)) {
-            placed.emplace(constraintListText(parsed, engineFolder(state)));
-            if (!placed->ok())
-                return list + ": cannot be read (" + std::strerror(placed->error()) + ")";
-        }
-        status = engine.InitConstraintMSM(placed ? placed->path().c_str() : list.c_str());
+    msm::DiagnosticCapture quiet;
+    msm::ConstraintList parsed;
+    if (msm::readConstraintList(list.c_str(), parsed) == msm::ListRead::Accepted &&
+        namesBareStems(parsed)) {
+        placed.emplace(constraintListText(parsed, engineFolder(state)));
+        if (!placed->ok())
+            return list + ": cannot be read (" + std::strerror(placed->error()) + ")";
+        path = placed->path();
     }
-    if (status <= 0)
-        return list + ": the constraint space does not load (status " + std::to_string(status) +
-               "); rebuild it with Gallery::rebuildConstraint";
-    engine.Set_recognitionmethod(static_cast<int>(Method::Cmsm));
-    engine.DicConvert();
     return {};
+}
+
+}  // namespace
+
+std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& state,
+                                                         std::string& error, ErrorKind& kind) {
+    const std::string list = constraintListPath(state.dir);
+    kind = hasConstraintList(state.dir) ? ErrorKind::File : ErrorKind::NotFound;
+    std::optional<MemoryFile> placed;
+    std::string path;
+    error = prepareList(state, placed, path);
+    if (!error.empty()) return nullptr;
+    msm::DiagnosticCapture quiet;
+    auto spaces = core::ConstraintSpaces::load(path, directoryShape());
+    if (!spaces.ok()) {
+        error = list + ": the constraint space does not load (" + spaces.message() +
+                "); rebuild it with Gallery::rebuildConstraint";
+        return nullptr;
+    }
+    if ((*spaces)->spaces().empty()) {
+        error = list + ": names no constraint space; rebuild it with Gallery::rebuildConstraint";
+        return nullptr;
+    }
+    return std::shared_ptr<const core::ConstraintSpaces>(std::move(*spaces));
 }
 
 }  // namespace detail

@@ -174,7 +174,6 @@ Status Gallery::rebuildConstraint(int dimension) {
     if (msm::isConstraintStem(old) && old != fresh && !listed(old))
         removeConstraintFiles(g.dir(), old);
     g.finishWrite();
-    ++g.state->constraintRevision;
     status = g.constraintRebuilt();
     g.state->generation.fetch_add(1);
     return status;

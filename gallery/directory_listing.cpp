@@ -11,8 +11,8 @@
 #include <mutex>
 #include <optional>
 
-#include "dictionary/dictionary_check.h"
 #include "gallery/gallery_impl.h"
+#include "gallery/view_builder.h"
 #include "store/registry.h"
 #include "store/threshold_file.h"
 
@@ -20,12 +20,14 @@ namespace msmface {
 
 namespace detail {
 
-std::string readListed(const std::string& dir, Listing& out) {
+std::string readListed(const GalleryState& state, Listing& out) {
+    const std::string& dir = state.dir;
     Listing l;
     std::string error = loadRegistry(dir, l.listed);
     if (!error.empty()) return error;
     error = loadThreshold(dir, kDefaultIdentifyThreshold, l.threshold);
     if (!error.empty()) return error;
+    ViewBuilder builder(state);
     // One person's bad file must not take the others down: it is left out, and said why.
     for (const Person& p : l.listed) {
         const std::string who = "person " + std::to_string(p.id) + " (" + p.name + ")";
@@ -43,19 +45,16 @@ std::string readListed(const std::string& dir, Listing& out) {
                 {p, dir + ": " + who + " is listed under the constraint space's name; ignored"});
             continue;
         }
-        if (l.persons.size() >= static_cast<std::size_t>(kMaxLoadedPersons)) {
-            l.leftOut.push_back({p, dir + ": " + who + " is beyond the " +
-                                        std::to_string(kMaxLoadedPersons) +
-                                        " persons an engine holds; ignored"});
-            continue;
-        }
-        const std::string problem = msm::checkDictionaryFile(dck, msm::personDictionaryShape());
+        const std::string problem = builder.add(p);
         if (!problem.empty()) {
             l.leftOut.push_back({p, problem + "; " + who + " ignored"});
             continue;
         }
         l.persons.push_back(p);
     }
+    auto view = builder.finish();
+    if (!view.ok()) return view.message();
+    l.view = std::move(*view);
     out = std::move(l);
     return {};
 }
@@ -77,19 +76,15 @@ std::string refreshFromDisk(GalleryState& state) {
     const msm::DirectoryStamp stamp = msm::stampOf(state.dir);
     if (stamp == state.stamp) return {};
     Listing listing;
-    const std::string error = readListed(state.dir, listing);
+    const std::string error = readListed(state, listing);
     if (!error.empty()) return error;
     // Which persons another process replaced cannot be told from the registry: all are new.
-    state.serials.clear();
-    for (std::size_t i = 0; i < listing.persons.size(); ++i)
-        state.serials.push_back(state.newSerial());
+    publishView(state, std::move(listing.view), true);
     state.persons = std::move(listing.persons);
     state.orphans = std::move(listing.orphans);
     state.leftOut = std::move(listing.leftOut);
     state.listed = std::move(listing.listed);
     state.threshold = listing.threshold;
-    // The other process may have rebuilt the space as well.
-    ++state.constraintRevision;
     state.stamp = stamp;
     state.generation.fetch_add(1);
     return {};

@@ -208,7 +208,6 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     g.finishWrite();
     g.state->persons.push_back(person);
     g.state->listed.push_back(person);
-    g.state->serials.push_back(g.state->newSerial());
     status = g.personAdded(person);
     g.state->generation.fetch_add(1);
     return status;
@@ -246,10 +245,7 @@ Status Gallery::remove(int id) {
         g.removePersonFiles(name);
         error = detail::saveRegistry(g.dir(), next);
         if (!error.empty()) {
-            g.engine = Impl::newEngine();
-            g.table.clear();
-            g.constraintLoaded = false;
-            g.load(true);
+            g.load();
             g.finishWrite();
             g.state->generation.fetch_add(1);
             return fail(ErrorKind::File, error);
@@ -261,7 +257,6 @@ Status Gallery::remove(int id) {
     g.finishWrite();
     if (index >= 0) {
         g.state->persons.erase(g.state->persons.begin() + index);
-        g.state->serials.erase(g.state->serials.begin() + index);
     }
     const auto named = [id](const Person& p) { return p.id == id; };
     auto& orphans = g.state->orphans;

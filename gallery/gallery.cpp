@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 
+#include "gallery/face_reader.h"
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
 #include "io/folders.h"
@@ -21,7 +22,6 @@ namespace msmface {
 
 using detail::fail;
 using detail::GalleryState;
-using detail::PersonTable;
 
 namespace {
 
@@ -31,36 +31,22 @@ constexpr std::size_t kMaxDirectoryName = 200;
 
 // --- Gallery::Impl ------------------------------------------------------------------------------
 
-Status Gallery::Impl::load(bool keepSerials) {
+Status Gallery::Impl::load() {
     // Taken before the files are read: a change after it shows as a newer stamp, never as one
     // that was missed.
     const msm::DirectoryStamp stamp = msm::stampOf(dir());
-    // A stream that already brought the shared list up to these files gave their persons the
-    // serials it loaded them under.
-    keepSerials = keepSerials || stamp == state->stamp;
     Status present = detail::checkDirectoryPresent(dir());
     if (!present.ok()) return present;
     detail::Listing listing;
-    std::string error = detail::readListed(dir(), listing);
+    std::string error = detail::readListed(*state, listing);
     if (!error.empty()) return fail(ErrorKind::File, error);
-    error = detail::loadPersons(*engine, dir(), listing.persons, table);
-    if (!error.empty()) return fail(ErrorKind::File, error);
-    std::vector<uint64_t> serials;
-    for (const Person& p : listing.persons) {
-        uint64_t serial = 0;
-        for (std::size_t i = 0; keepSerials && i < state->persons.size(); ++i)
-            if (state->persons[i].id == p.id && state->persons[i].name == p.name)
-                serial = state->serials[i];
-        serials.push_back(serial != 0 ? serial : state->newSerial());
-    }
+    detail::publishView(*state, std::move(listing.view), true);
     state->persons = std::move(listing.persons);
-    state->serials = std::move(serials);
     state->orphans = std::move(listing.orphans);
     state->leftOut = std::move(listing.leftOut);
     state->listed = std::move(listing.listed);
     state->threshold = listing.threshold;
     state->stamp = stamp;
-    loadedPersons = state->persons;
     loadedStamp = stamp;
     return {};
 }
@@ -68,12 +54,30 @@ Status Gallery::Impl::load(bool keepSerials) {
 Status Gallery::Impl::reloadIfChanged() {
     if (msm::stampOf(dir()) == loadedStamp) return {};
     std::unique_lock<std::shared_mutex> lock(state->mutex);
-    engine = newEngine();
-    table.clear();
-    constraintLoaded = false;
     Status status = load();
     state->generation.fetch_add(1);
     return status;
+}
+
+Status Gallery::Impl::personAdded(const Person& p) {
+    auto view = detail::viewWith(*state, *state->view, p);
+    if (!view.ok()) return view.status();
+    detail::publishView(*state, std::move(*view), true);
+    return {};
+}
+
+void Gallery::Impl::personRemoved(int id) {
+    // Only memory can fail a copy of rows already loaded; the view then keeps the person, whom
+    // the next reload of the directory drops.
+    auto view = detail::viewWithout(*state->view, id);
+    if (view.ok()) detail::publishView(*state, std::move(*view), true);
+}
+
+Status Gallery::Impl::constraintRebuilt() {
+    auto view = detail::viewWithSpaces(*state, *state->view);
+    if (!view.ok()) return view.status();
+    detail::publishView(*state, std::move(*view), false);
+    return {};
 }
 
 Status Gallery::Impl::beginWrite(msm::DirectoryLock& lock) {
@@ -115,20 +119,6 @@ std::optional<PartsPosition> Gallery::Impl::greyFrame(const Sample& sample) {
     PartsPosition parts = toPartsPosition(points);
     if (!anyPointPresent(parts)) return std::nullopt;
     return parts;
-}
-
-bool Gallery::Impl::crop(const Sample& sample) {
-    std::optional<PartsPosition> parts = greyFrame(sample);
-    return parts && engine->FaceCropping(&image, nullptr, &*parts, &face) == 1;
-}
-
-Status Gallery::Impl::loadConstraint() {
-    const std::string error = detail::loadConstraintSpace(*engine, *state);
-    if (!error.empty())
-        return fail(detail::hasConstraintList(dir()) ? ErrorKind::File : ErrorKind::NotFound,
-                    error);
-    constraintLoaded = true;
-    return {};
 }
 
 // --- Gallery ------------------------------------------------------------------------------------
@@ -227,7 +217,12 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     // Another process's enrolment or deletion since the last call counts for this recognition.
     status = refresh();
     if (!status.ok()) return status;
-    const int n = static_cast<int>(g.loadedPersons.size());
+    std::shared_ptr<const detail::GalleryView> view;
+    {
+        std::shared_lock<std::shared_mutex> lock(g.state->mutex);
+        view = g.state->view;
+    }
+    const int n = static_cast<int>(view->persons.size());
     if (n == 0) {
         const std::vector<LeftOut> left = leftOut();
         if (left.empty()) return fail(ErrorKind::NotFound, g.dir() + ": no persons are enrolled");
@@ -235,32 +230,32 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
                                              " listed persons can be recognised (" +
                                              left.front().reason + ")");
     }
-    const int method = detail::engineMethod(options.method);
-    if ((options.method == Method::CmsmFirstSpace || options.method == Method::Cmsm) &&
-        !g.constraintLoaded) {
-        status = g.loadConstraint();
-        if (!status.ok()) return status;
-    }
-    FaceRecognition& e = *g.engine;
-    e.Set_recognitionmethod(method);
-    e.Set_RecognitionResultMode(1, std::max(n, 10));
-    e.Set_RecogORRegist(1);
-    e.Refresh_input();
+    const core::Snapshot& snapshot = *view->snapshot;
+    const core::Method method = detail::coreMethod(options.method);
+    const bool constrained = method == core::Method::Cmsm || method == core::Method::CmsmAllSpaces;
+    if (constrained && snapshot.spaceCount() == 0)
+        return fail(view->spaceErrorKind, view->spaceError);
+    auto input = core::Input::create(snapshot, detail::kLegacyInputOptions);
+    if (!input.ok()) return input.status();
+    if (!g.reader) g.reader = std::make_unique<detail::FaceReader>(snapshot.shape());
     // The single-pattern method scores each frame alone: a run's score is the mean of its frames'.
     std::vector<double> sums(static_cast<std::size_t>(n), 0.0);
     std::vector<int> counts(static_cast<std::size_t>(n), 0);
     int framesUsed = 0;
-    std::vector<int> last;
     for (const Sample& s : frames) {
-        if (g.interrupted && g.interrupted()) {
-            e.Refresh_input();
-            return fail(ErrorKind::Argument, "interrupted");
-        }
-        if (!g.crop(s)) continue;
+        if (g.interrupted && g.interrupted()) return fail(ErrorKind::Argument, "interrupted");
+        FacePoints points;
+        if (s.points)
+            points = *s.points;
+        else if (!g.finder || !g.finder->findPoints(s.frame, points))
+            continue;
+        if (g.reader->read(s.frame, points) != detail::FaceRead::Face) continue;
         ++framesUsed;
-        if (e.FrameProcess(2) != 13) continue;
-        if (options.method != Method::SinglePattern) continue;
-        const std::vector<int> scores = detail::currentScores(e, n);
+        (*input)->update(g.reader->patterns());
+        if (method != core::Method::SinglePattern) continue;
+        status = core::score(snapshot, **input, method);
+        if (!status.ok()) return status;
+        const std::vector<int> scores = detail::scoresOf(**input, n);
         for (int i = 0; i < n; ++i)
             if (scores[static_cast<std::size_t>(i)] >= 0) {
                 sums[static_cast<std::size_t>(i)] += scores[static_cast<std::size_t>(i)];
@@ -270,14 +265,17 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     if (framesUsed == 0)
         return fail(ErrorKind::Argument, "none of the frames gave a face (check the points)");
     std::vector<int> scores(static_cast<std::size_t>(n), -1);
-    if (options.method == Method::SinglePattern) {
+    if (method == core::Method::SinglePattern) {
         for (std::size_t i = 0; i < scores.size(); ++i)
             if (counts[i] > 0) scores[i] = static_cast<int>(sums[i] / counts[i]);
     } else {
-        scores = detail::currentScores(e, n);
+        // The subspace methods' ranking depends on the input alone: scored once, at the end.
+        status = core::score(snapshot, **input, method);
+        if (!status.ok()) return status;
+        scores = detail::scoresOf(**input, n);
     }
     const int threshold = options.threshold >= 0 ? options.threshold : this->threshold();
-    Ranking ranking = detail::rankingOf(g.loadedPersons, scores, threshold);
+    Ranking ranking = detail::rankingOf(view->persons, scores, threshold);
     if (ranking.matches.empty())
         return fail(ErrorKind::Argument, "too few frames gave a face to form an input subspace");
     ranking.framesUsed = framesUsed;

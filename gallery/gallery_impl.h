@@ -15,10 +15,14 @@
 #include <string>
 #include <vector>
 
-#include <msmface/FaceRecognition.h>
 #include <msmface/frame.h>
 #include <msmface/gallery.h>
 
+#include "core/constraint_spaces.h"
+#include "core/input.h"
+#include "core/snapshot.h"
+#include "gallery/face_reader.h"
+#include "normalise/face_cropping.h"
 #include "store/store_files.h"
 #include "store/store_lock.h"
 
@@ -41,10 +45,25 @@ inline std::string absolute(const std::string& path) {
 inline bool hasBlank(const std::string& s) {
     return s.find_first_of(" \t\n\r\v\f") != std::string::npos;
 }
-// The engine is made for this camera size; an enrolment sets the size of its own frames.
-inline constexpr int kDefaultFrameWidth = 320;
-inline constexpr int kDefaultFrameHeight = 240;
-inline constexpr int kFaceSide = 64;
+
+// The pattern every existing directory holds: the legacy frame cycle's five 256-value channels.
+core::PatternShape directoryShape();
+
+// What recognitions score against: the persons with one snapshot of their dictionaries (projected
+// into the directory's constraint spaces when it has a list that loads). Never changed once
+// published: a change of the directory publishes a new one, and a stream keeps the one it
+// scores against alive while it uses it.
+struct GalleryView {
+    std::vector<Person> persons;  // snapshot order
+    std::shared_ptr<const core::Snapshot> snapshot;
+    // The loaded spaces, kept so that a person added later is projected into the same ones.
+    std::shared_ptr<const core::ConstraintSpaces> spaces;
+    // Why the constraint-space methods cannot be used (empty when the snapshot holds spaces).
+    std::string spaceError;
+    ErrorKind spaceErrorKind = ErrorKind::NotFound;
+    // Raised whenever the persons change: a stream's ranking may name persons who are gone.
+    uint64_t personsRevision = 0;
+};
 
 // The directory's persons as this process knows them, shared by the gallery (the one writer)
 // and its streams (readers, each on its own thread).
@@ -53,16 +72,13 @@ struct GalleryState {
     // Held exclusively by the gallery while it changes the directory's files and the fields
     // below, shared by a stream while it copies them and reads the files they name.
     mutable std::shared_mutex mutex;
-    std::vector<Person> persons;  // with a dictionary file, registry order = the engine's order
-    // One per person: a number that changes whenever the person's files may have changed, so
-    // that a stream reloads only the persons who are new to it.
-    std::vector<uint64_t> serials;
+    std::vector<Person> persons;   // with a valid dictionary, registry order = the view's order
     std::vector<Person> orphans;   // listed without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, orphans included
     std::vector<Person> listed;    // the registry as read, in its order
     int threshold = kDefaultIdentifyThreshold;
-    uint64_t constraintRevision = 0;  // raised when the constraint space was rebuilt
-    uint64_t nextSerial = 1;
+    std::shared_ptr<const GalleryView> view;  // replaced whole, under the lock
+    uint64_t nextRevision = 1;
     // Raised after every change under the lock; a stream whose copy is older reloads.
     std::atomic<uint64_t> generation{0};
     // The directory's files as the fields above were read from them.
@@ -70,30 +86,44 @@ struct GalleryState {
     // The directory, open for as long as any engine of this state may name its files through it.
     msm::FileDescriptor folder;
 
-    uint64_t newSerial() { return nextSerial++; }
+    uint64_t newRevision() { return nextRevision++; }
 };
 
 // The registry and the stored threshold, with the listed persons split into those an engine can
 // load and the others.
 struct Listing {
     std::vector<Person> listed;    // registry order
-    std::vector<Person> persons;   // a valid dictionary each, at most kMaxLoadedPersons
+    std::vector<Person> persons;   // a valid dictionary each
     std::vector<Person> orphans;   // without a dictionary file
     std::vector<LeftOut> leftOut;  // every listed person not in persons, with the reason
     int threshold = kDefaultIdentifyThreshold;
+    std::shared_ptr<GalleryView> view;  // the persons' snapshot
 };
 
-// Reads the registry and the threshold and checks every listed person's dictionary. requires: the
-// caller holds the directory's lock (shared or exclusive) or accepts a view that a writer may
-// change meanwhile.
-std::string readListed(const std::string& dir, Listing& out);
+// Reads the registry and the threshold, and every listed person's dictionary once, checked and
+// laid into the listing's view (with the directory's constraint spaces). requires: the caller
+// holds the directory's lock (shared or exclusive) or accepts a view that a writer may change
+// meanwhile.
+std::string readListed(const GalleryState& state, Listing& out);
+
+// A view of the persons of `previous` with `added` appended (its dictionary read and checked
+// from the directory), or without the person of `removedId`; the other persons' rows are copied
+// from the previous snapshot, their files are not read again.
+Result<std::shared_ptr<GalleryView>> viewWith(const GalleryState& state,
+                                              const GalleryView& previous, const Person& added);
+Result<std::shared_ptr<GalleryView>> viewWithout(const GalleryView& previous, int removedId);
+// The view of the same persons with the directory's constraint spaces loaded again.
+Result<std::shared_ptr<GalleryView>> viewWithSpaces(const GalleryState& state,
+                                                    const GalleryView& previous);
+// Makes the view the state's current one; a view of other persons gets a new revision.
+// requires: the state's lock held exclusively.
+void publishView(GalleryState& state, std::shared_ptr<GalleryView> view, bool personsChanged);
 
 // NotFound, naming the directory, when it is no longer there.
 Status checkDirectoryPresent(const std::string& dir);
 
-// Brings the shared list up to the directory when another process changed it since the list was
-// read: persons keep their serial only where the list already matched the directory, so a stream
-// reads again every person whose files may have changed. requires: the directory's lock (shared
+// Brings the shared list and view up to the directory when another process changed it since the
+// list was read: once for the gallery and all its streams. requires: the directory's lock (shared
 // or exclusive) and the state's lock exclusively. Returns the error of the directory's files.
 std::string refreshFromDisk(GalleryState& state);
 
@@ -101,47 +131,23 @@ std::string refreshFromDisk(GalleryState& state);
 Status lockDirectory(const std::string& dir, msm::LockMode mode, const LockOptions& options,
                      msm::DirectoryLock& lock);
 
-// The database records an engine points into: HumanID holds a bare char*, so the names live
-// here, at addresses that stay put while records are added.
-class PersonTable {
-  public:
-    void clear() {
-        records_.clear();
-        names_.clear();
-    }
-    HumanID* add(const Person& p) {
-        names_.push_back(p.name);
-        records_.push_back(HumanID{p.id, names_.back().data()});
-        return &records_.back();
-    }
-
-  private:
-    std::deque<std::string> names_;
-    std::deque<HumanID> records_;
-};
-
-// Empties the engine's database and enters persons (inside number = index), reading their
-// dictionaries from dir. Returns an empty string or a one-line reason naming the file that does
-// not load.
-std::string loadPersons(FaceRecognition& engine, const std::string& dir,
-                        const std::vector<Person>& persons, PersonTable& table);
-
 std::string constraintListPath(const std::string& dir);
 bool hasConstraintList(const std::string& dir);
 // The directory as an engine's constraint list names it: its absolute path or, where that holds
 // a blank (which would split a token of the list), /proc/self/fd/N of the state's open folder.
 std::string engineFolder(const GalleryState& state);
-// Loads the directory's constraint space into the engine and projects its persons (method 4).
-// A list of bare names (that of a folder whose path holds blanks) is placed in the directory
-// through engineFolder: the engine names the files through the state's folder from then on.
-std::string loadConstraintSpace(FaceRecognition& engine, const GalleryState& state);
+// The directory's constraint spaces for a snapshot, checked and placed as for an engine; null
+// with the reason (and its kind: NotFound without a list, else File) when they do not load.
+std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& state,
+                                                         std::string& error, ErrorKind& kind);
+
+// What a legacy engine's input takes: the core's defaults are the engine's.
+inline const core::InputOptions kLegacyInputOptions{};
 
 // For tests: called with the stem of a rebuilt constraint space once its files are written, before
 // they are loaded and the list names them (null: nothing).
 void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook);
 
-// The engine's method number; -1 for a value outside the enumeration.
-int engineMethod(Method m);
 // An empty string or the reason the method or threshold cannot be used.
 std::string checkMethod(Method m);
 std::string checkThresholdOption(int threshold);
@@ -150,8 +156,10 @@ std::string checkThresholdOption(int threshold);
 // scores: per inside number, -1 where none was computed.
 Ranking rankingOf(const std::vector<Person>& persons, const std::vector<int>& scores,
                   int threshold);
-// The engine's current list as scores per inside number.
-std::vector<int> currentScores(FaceRecognition& engine, int persons);
+// The core's method of a gallery method.
+core::Method coreMethod(Method m);
+// The input's last ranking as scores per person of the snapshot.
+std::vector<int> scoresOf(const core::Input& input, int persons);
 
 }  // namespace msmface::detail
 
@@ -162,21 +170,16 @@ namespace msmface {
 class Gallery::Impl {
   public:
     explicit Impl(const std::string& dir)
-        : state(std::make_shared<detail::GalleryState>()), engine(newEngine()) {
+        : state(std::make_shared<detail::GalleryState>()) {
         state->dir = dir;
-    }
-
-    static std::unique_ptr<FaceRecognition> newEngine() {
-        return std::make_unique<FaceRecognition>(detail::kDefaultFrameWidth,
-                                                 detail::kDefaultFrameHeight);
     }
 
     const std::string& dir() const { return state->dir; }
 
-    // Reads the registry and the threshold and loads the listed persons that have a dictionary.
-    // Called with the state's lock held exclusively, or before any stream exists. keepSerials:
-    // persons already known keep their serial (their files did not change).
-    Status load(bool keepSerials = false);
+    // Reads the registry and the threshold and publishes a view of the listed persons that have
+    // a valid dictionary. Called with the state's lock held exclusively, or before any stream
+    // exists.
+    Status load();
     // Starts a change: takes the directory's lock exclusively (kept in lock until the change is
     // done), removes the temporaries of killed writers, and reads the directory again when another
     // process changed it. The change ends with finishWrite, under the same lock.
@@ -190,38 +193,29 @@ class Gallery::Impl {
     Status checkSamples(const std::vector<Sample>& frames) const;
     // The sample's frame in grey into image, and its points; none when it has no face.
     std::optional<PartsPosition> greyFrame(const Sample& sample);
-    // The sample's face normalised into the engine's next ring slot; false when it has none.
-    bool crop(const Sample& sample);
     void removePersonFiles(const std::string& name) const;
     // The first file of a person of this key name that exists in the directory (any type, a
     // dangling link included), or empty.
     std::string existingPersonFile(const std::string& name) const;
-    Status loadConstraint();
 
-    // The gallery's recognition follows a change of the directory (gallery_follow.cpp). Each is
-    // called with the directory's and the state's locks held, once the change is on disk (the
-    // registry or the constraint list replaced) and the state's lists (persons, listed, serials,
-    // orphans, leftOut) show it. After an enrolment: the new person, last in persons. After a
-    // removal: the person's ID; this cannot fail, the directory no longer lists the person. After
-    // a rebuild: the new space, whose list and files are checked to load.
+    // The directory changed under the gallery's write lock (the state's lock held exclusively):
+    // a new view is published. personAdded: the person's files and registry entry are written;
+    // personRemoved: its entry and files are gone (reads no file, cannot fail);
+    // constraintRebuilt: the list names a new space.
     Status personAdded(const Person& p);
     void personRemoved(int id);
     Status constraintRebuilt();
 
     std::shared_ptr<detail::GalleryState> state;
-    std::unique_ptr<FaceRecognition> engine;
-    detail::PersonTable table;
-    // What this engine holds, in its inside order, and the directory's files it was read from. A
-    // stream may bring the shared list up to another process's change before the gallery reads
-    // the disk again; the gallery's own engine is compared with the disk through these.
-    std::vector<Person> loadedPersons;
+    // The directory's files as this gallery last read them: a stream may bring the shared state up
+    // to another process's change first, and the gallery still compares the disk with these.
     msm::DirectoryStamp loadedStamp;
-    bool constraintLoaded = false;
     std::shared_ptr<PointFinder> finder;
     LockOptions lockOptions;
     std::function<bool()> interrupted;                             // OpenOptions::interrupted
+    std::unique_ptr<detail::FaceReader> reader;                    // the recognitions' faces
     BasicImageFile image;                                          // the current frame in grey
-    BasicImageFile face{detail::kFaceSide, detail::kFaceSide, 8};  // its normalised face
+    BasicImageFile face{kNormalisedFaceSize, kNormalisedFaceSize, 8};  // its normalised face
 };
 
 }  // namespace msmface

@@ -18,7 +18,13 @@ namespace msmface {
 namespace detail {
 
 std::string checkMethod(Method m) {
-    if (engineMethod(m) >= 0) return {};
+    switch (m) {
+        case Method::SinglePattern:
+        case Method::Msm:
+        case Method::CmsmFirstSpace:
+        case Method::Cmsm:
+            return {};
+    }
     return "method " + std::to_string(static_cast<int>(m)) +
            ": expected 0 (single pattern), 1 (MSM), 2 or 4 (CMSM)";
 }
@@ -44,6 +50,28 @@ Ranking rankingOf(const std::vector<Person>& persons, const std::vector<int>& sc
         r.matches.push_back(Match{persons[i].id, persons[i].name, std::min(scores[i], 1000)});
     if (!r.matches.empty() && r.matches.front().score > threshold) r.identified = r.matches.front();
     return r;
+}
+
+core::Method coreMethod(Method m) {
+    switch (m) {
+        case Method::SinglePattern:
+            return core::Method::SinglePattern;
+        case Method::Msm:
+            break;
+        case Method::CmsmFirstSpace:
+            return core::Method::Cmsm;
+        case Method::Cmsm:
+            return core::Method::CmsmAllSpaces;
+    }
+    return core::Method::Msm;
+}
+
+std::vector<int> scoresOf(const core::Input& input, int persons) {
+    std::vector<int> scores(static_cast<std::size_t>(std::max(persons, 0)), -1);
+    for (const core::RankedPerson& r : input.ranking())
+        if (r.person >= 0 && r.person < persons && r.score >= 0)
+            scores[static_cast<std::size_t>(r.person)] = r.score;
+    return scores;
 }
 
 }  // namespace detail

@@ -1,10 +1,11 @@
-// A Stream: one camera's frame cycle over a gallery's persons, in an engine of its own.
+// A Stream: one camera's frame cycle over a gallery's persons: an input of its own scored
+// against the gallery's shared snapshot.
 #include <algorithm>
 #include <mutex>
 
+#include "gallery/face_reader.h"
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
-#include "numeric/diagnostics.h"
 
 namespace msmface {
 
@@ -19,71 +20,66 @@ bool usesConstraint(Method m) {
 
 }  // namespace
 
+// The legacy engine's face-less frames before its input is cleared, for refreshTime -2.
+constexpr int kLegacyRefreshTime = 5;
+
 class Stream::Impl {
   public:
-    Impl(std::shared_ptr<GalleryState> shared, const StreamOptions& o)
+    Impl(std::shared_ptr<GalleryState> shared, const StreamOptions& o, const core::Snapshot& like)
         : state(std::move(shared)),
           options(o),
-          engine(std::make_unique<FaceRecognition>(detail::kDefaultFrameWidth,
-                                                   detail::kDefaultFrameHeight)) {
-        engine->Set_recognitionmethod(detail::engineMethod(options.method));
-        if (options.refreshTime != -2) engine->Set_RefreshTime(options.refreshTime);
-        engine->Set_RecogORRegist(1);
-    }
+          refreshTime(o.refreshTime == -2 ? kLegacyRefreshTime : o.refreshTime),
+          reader(like.shape()) {}
 
-    // True when the gallery, or another process, changed the directory since this stream loaded
-    // its persons.
+    // True when the gallery, or another process, changed the directory since this stream took
+    // its view.
     bool galleryChanged() const {
         return state->generation.load() != loadedGeneration || msm::stampOf(state->dir) != stamp;
     }
-    // At a frame boundary: reloads when the directory changed. While another process is writing
-    // it, the stream goes on with the persons it has and tries again at the next frame.
+    // At a frame boundary: takes the gallery's newest view when the directory changed. While
+    // another process is writing it, the stream goes on with the view it has and tries again at
+    // the next frame.
     Status reloadIfChanged();
-    // Copies the gallery's persons and threshold and loads their dictionaries (and the
-    // constraint space for its methods) into the engine, which keeps its current input: the face
-    // in front of the camera goes on being recognised against the new persons. Only what changed
-    // is loaded: nothing for a new threshold, the new persons' files after an enrolment.
+    // requires: the directory's lock is held (shared).
     Status reload();
-    // The engine's database brought to next: removed persons dropped, new ones read.
-    std::string updatePersons(const std::vector<Person>& next,
-                              const std::vector<uint64_t>& nextSerials);
 
     Result<StreamState> faceFrame(const FrameView& frame, const FacePoints& points);
     StreamState facelessFrame();
-    void updateRanking();
+    void clearRanking() {
+        ranking = Ranking{};
+        ranking.threshold = threshold;
+    }
 
     std::shared_ptr<GalleryState> state;
     StreamOptions options;
-    std::unique_ptr<FaceRecognition> engine;
-    detail::PersonTable table;
-    std::vector<Person> persons;  // inside-number order of the engine
-    std::vector<uint64_t> serials;
+    int refreshTime;
+    std::shared_ptr<const detail::GalleryView> view;  // null until a view could be used
+    std::unique_ptr<core::Input> input;
+    detail::FaceReader reader;
+    int facelessRun = 0;  // face-less frames in a row
     int threshold = kDefaultIdentifyThreshold;
-    uint64_t constraintRevision = 0;
     uint64_t loadedGeneration = 0;
+    uint64_t personsRevision = 0;
     msm::DirectoryStamp stamp;
-    bool loaded = false;
     Ranking ranking;
-    BasicImageFile image;
-    BasicImageFile face{detail::kFaceSide, detail::kFaceSide, 8};
 };
 
 Status Stream::Impl::reloadIfChanged() {
     // Recognising on against persons whose directory was deleted would hide that from the host.
     Status present = detail::checkDirectoryPresent(state->dir);
     if (!present.ok()) return present;
-    if (loaded && !galleryChanged()) return {};
+    if (view != nullptr && !galleryChanged()) return {};
     msm::DirectoryLock directoryLock;
     // A stream must not stall its camera behind another process's enrolment: it asks without
     // waiting once it has persons to go on with.
     LockOptions how;
-    how.wait = !loaded;
+    how.wait = view == nullptr;
     Status status = detail::lockDirectory(state->dir, msm::LockMode::Shared, how, directoryLock);
-    if (!status.ok()) return loaded && status.kind() == ErrorKind::Busy ? Status() : status;
+    if (!status.ok())
+        return view != nullptr && status.kind() == ErrorKind::Busy ? Status() : status;
     return reload();
 }
 
-// requires: the directory's lock is held (shared).
 Status Stream::Impl::reload() {
     std::string error;
     bool stale = false;
@@ -92,119 +88,71 @@ Status Stream::Impl::reload() {
         stale = msm::stampOf(state->dir) != state->stamp;
     }
     if (stale) {
-        // Another process changed the directory since the gallery read it: the shared list is
+        // Another process changed the directory since the gallery read it: the shared view is
         // brought up to the disk, once for the gallery and all its streams.
         std::unique_lock<std::shared_mutex> writing(state->mutex);
         error = detail::refreshFromDisk(*state);
     }
     std::shared_lock<std::shared_mutex> lock(state->mutex);
-    const uint64_t generation = state->generation.load();
-    const bool personsChanged = !loaded || state->serials != serials;
-    const bool spaceChanged = usesConstraint(options.method) &&
-                              (personsChanged || state->constraintRevision != constraintRevision);
-    if (error.empty() && personsChanged) error = updatePersons(state->persons, state->serials);
-    if (error.empty() && spaceChanged && !persons.empty())
-        error = detail::loadConstraintSpace(*engine, *state);
-    if (!error.empty()) {
+    const std::shared_ptr<const detail::GalleryView> next = state->view;
+    if (error.empty() && usesConstraint(options.method) && !next->persons.empty() &&
+        next->snapshot->spaceCount() == 0) {
         // Nothing half-loaded is used: the stream recognises no one until a reload succeeds.
-        detail::loadPersons(*engine, state->dir, {}, table);
-        persons.clear();
-        serials.clear();
-        ranking = Ranking{};
-        loaded = false;
-        const bool missingSpace =
-            usesConstraint(options.method) && !detail::hasConstraintList(state->dir);
-        return fail(missingSpace ? ErrorKind::NotFound : ErrorKind::File, error);
+        view.reset();
+        clearRanking();
+        return fail(next->spaceErrorKind, next->spaceError);
     }
-    engine->Set_recognitionmethod(detail::engineMethod(options.method));
-    engine->Set_RecognitionResultMode(1, std::max(static_cast<int>(persons.size()), 10));
+    if (!error.empty()) {
+        view.reset();
+        clearRanking();
+        return fail(ErrorKind::File, error);
+    }
+    const bool personsChanged = view == nullptr || next->personsRevision != personsRevision;
+    view = next;
     threshold = options.threshold >= 0 ? options.threshold : state->threshold;
-    constraintRevision = state->constraintRevision;
-    loadedGeneration = generation;
+    loadedGeneration = state->generation.load();
+    personsRevision = next->personsRevision;
     stamp = state->stamp;
-    loaded = true;
-    if (personsChanged) {
-        // The last ranking may name persons who are gone; the next face ranks afresh.
-        ranking = Ranking{};
-    }
+    // The last ranking may name persons who are gone; the next face ranks afresh.
+    if (personsChanged) ranking = Ranking{};
     ranking.threshold = threshold;
     return {};
 }
 
-std::string Stream::Impl::updatePersons(const std::vector<Person>& next,
-                                        const std::vector<uint64_t>& nextSerials) {
-    // The gallery removes persons from anywhere and appends new ones at the end; anything else
-    // (a first load, a reload after a failure) reads every dictionary again.
-    std::vector<bool> kept(serials.size(), false);
-    std::size_t keptCount = 0;
-    for (std::size_t i = 0; i < serials.size(); ++i) {
-        kept[i] =
-            std::find(nextSerials.begin(), nextSerials.end(), serials[i]) != nextSerials.end();
-        keptCount += kept[i] ? 1 : 0;
-    }
-    bool incremental = loaded && keptCount <= nextSerials.size();
-    for (std::size_t i = 0, k = 0; incremental && i < serials.size(); ++i)
-        if (kept[i]) incremental = nextSerials[k++] == serials[i];
-    if (!incremental) {
-        std::string error = detail::loadPersons(*engine, state->dir, next, table);
-        if (error.empty()) {
-            persons = next;
-            serials = nextSerials;
-        }
-        return error;
-    }
-    IDDatabase& db = *engine->idDatabase;
-    for (std::size_t i = serials.size(); i-- > 0;) {
-        if (kept[i]) continue;
-        // The database closes up its dictionaries; the record table is ours to close up.
-        const int inside = static_cast<int>(i);
-        const int before = db.count;
-        db.RemoveIdFromDictionary(inside, false);
-        for (int p = inside; p + 1 < before; ++p) db.humanIds[p] = db.humanIds[p + 1];
-        db.humanIds[before - 1] = nullptr;
-    }
-    for (std::size_t i = keptCount; i < next.size(); ++i) db.AddNewDictionary(table.add(next[i]));
-    persons = next;
-    serials = nextSerials;
-    int read = 1;
-    if (keptCount < next.size()) {
-        msm::DiagnosticCapture quiet;
-        read = db.ReadIdDictionaries();
-    }
-    return read == 1 ? std::string() : state->dir + ": the persons' dictionaries do not load";
-}
-
-void Stream::Impl::updateRanking() {
-    const int n = static_cast<int>(persons.size());
-    ranking = detail::rankingOf(persons, detail::currentScores(*engine, n), threshold);
-    ranking.framesUsed = engine->GetMulCount();
-}
-
 Result<StreamState> Stream::Impl::faceFrame(const FrameView& frame, const FacePoints& points) {
-    if (!detail::toGrey(frame, image))
+    const detail::FaceRead read = reader.read(frame, points);
+    if (read == detail::FaceRead::NoMemory)
         return fail(ErrorKind::Internal, "frame: no memory for " + std::to_string(frame.width) +
                                              " x " + std::to_string(frame.height) + " pixels");
-    PartsPosition parts = toPartsPosition(points);
-    if (!anyPointPresent(parts) ||
-        engine->FaceCropping(&image, nullptr, &parts, &face) != 1)
-        return facelessFrame();
+    if (read == detail::FaceRead::NoFace) return facelessFrame();
+    facelessRun = 0;
     StreamState s;
     s.face = true;
-    if (engine->FrameProcess(2) == 13) updateRanking();
-    s.frames = engine->GetMulCount();
+    const int n = view != nullptr ? static_cast<int>(view->persons.size()) : 0;
+    // As the legacy frame cycle: without persons the face is not gathered.
+    if (n > 0) {
+        input->update(reader.patterns());
+        Status scored = core::score(*view->snapshot, *input, detail::coreMethod(options.method));
+        if (!scored.ok()) return scored;
+        ranking = detail::rankingOf(view->persons, detail::scoresOf(*input, n), threshold);
+        ranking.framesUsed = input->frameCount();
+    }
+    s.frames = input->frameCount();
     s.ranking = ranking;
     return s;
 }
 
 StreamState Stream::Impl::facelessFrame() {
-    engine->FrameProcess(0);
-    StreamState s;
-    s.frames = engine->GetMulCount();
-    if (s.frames == 0) {
-        // The engine cleared its input after the refresh time: what it knew is gone.
-        ranking = Ranking{};
-        ranking.threshold = threshold;
+    ++facelessRun;
+    if (refreshTime >= 0 && facelessRun > refreshTime) {
+        input->refresh();
+        // The legacy count goes on rising while faces stay away.
+        ++facelessRun;
     }
+    StreamState s;
+    s.frames = input->frameCount();
+    // The input was cleared after the refresh time: what it knew is gone.
+    if (s.frames == 0) clearRanking();
     s.ranking = ranking;
     return s;
 }
@@ -221,7 +169,22 @@ Result<Stream> Stream::create(Gallery& gallery, const StreamOptions& options) {
         error = "refreshTime " + std::to_string(options.refreshTime) +
                 ": expected 0 or more face-less frames, -1 (never clear) or -2 (the engine's)";
     if (!error.empty()) return fail(ErrorKind::Argument, error);
-    auto impl = std::make_unique<Impl>(gallery.impl_->state, options);
+    const std::shared_ptr<GalleryState>& state = gallery.impl_->state;
+    std::shared_ptr<const detail::GalleryView> view;
+    {
+        std::shared_lock<std::shared_mutex> lock(state->mutex);
+        view = state->view;
+    }
+    const core::Snapshot& like = *view->snapshot;
+    auto input = core::Input::create(like, detail::kLegacyInputOptions);
+    if (!input.ok()) return input.status();
+    std::unique_ptr<Impl> impl;
+    try {
+        impl = std::make_unique<Impl>(state, options, like);
+    } catch (const std::bad_alloc&) {
+        return fail(ErrorKind::Internal, "out of memory for a stream");
+    }
+    impl->input = std::move(*input);
     Status status = impl->reloadIfChanged();
     if (!status.ok()) return status;
     return Stream(std::move(impl));
@@ -250,10 +213,9 @@ Result<StreamState> Stream::push(const FrameView& frame) {
 
 void Stream::reset() {
     Impl& s = *impl_;
-    s.engine->Refresh_input();
-    s.engine->Set_NullFrames(0);
-    s.ranking = Ranking{};
-    s.ranking.threshold = s.threshold;
+    s.input->refresh();
+    s.facelessRun = 0;
+    s.clearRanking();
     if (s.options.finder) s.options.finder->reset();
 }
 

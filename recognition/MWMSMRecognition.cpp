@@ -10,6 +10,7 @@
 #include "dictionary/MtrxChunk.h"
 #include "dictionary/rows.h"
 #include "numeric/diagnostics.h"
+#include "recognition/constraint_space_loader.h"
 #include "recognition/dictionary_prefetch.h"
 #include "recognition/person_value.h"
 
@@ -17,11 +18,6 @@ namespace {
 
 constexpr std::size_t kShortAlign = 32;
 constexpr int kDim = msm::kPatternDim;
-
-// trunc(0.9 x d): fewer vectors than this are not a constraint subspace of d dimensions.
-int minimumConstraintVectors(int d) {
-    return static_cast<int>(0.9 * d);
-}
 
 }  // namespace
 
@@ -54,75 +50,13 @@ int MWMSMRecognition::ReadConstraintList(const char* path) {
     if (read == msm::ListRead::TooMany || read == msm::ListRead::CannotOpen) return 0;
     ReleaseConstraintSpaces();
     if (read != msm::ListRead::Accepted) return 0;
-    const int n = list.declared;
-    if (n > 0) {
-        spaces.reset(new (std::nothrow) ConstraintSpace[n]);
-        if (spaces == nullptr) {
-            msm::reportNoMemory();
-            return 0;
-        }
-    }
-    for (int s = 0; s < n; ++s) {
-        ConstraintSpace& space = spaces[s];
-        const msm::ConstraintListEntry& e = list.entries[s];
-        space.kind = e.kind;
-        space.dimension = e.dimension;
-        space.stem = e.stem;
-        space.stem2 = e.stem2;
-        space.eigenvalues.assign(static_cast<std::size_t>(channelCount) * kDim, 0.0f);
-        if (e.kind == msm::kKindLearned) learnedSpace = s;
-    }
-    spaceCount = n;
+    int learned = -1;
+    spaces = msm::unloadedSpaces(list, channelCount, &learned);
+    if (spaces == nullptr && list.declared > 0) return 0;
+    spaceCount = list.declared > 0 ? list.declared : 0;
+    learnedSpace = learned;
     selectedSpace = list.selected;
     return 1;
-}
-
-bool MWMSMRecognition::UsableConstraintChunk(const DictChunk& chunk) const {
-    if (chunk.count < channelCount) return false;
-    for (int c = 0; c < channelCount; ++c)
-        if (chunk.prims[c].dim != kDim || chunk.prims[c].frows == nullptr) return false;
-    return true;
-}
-
-int MWMSMRecognition::LoadConstraintSubspace(int s) {
-    ConstraintSpace& space = spaces[s];
-    if (space.dimension < 0) return 0;
-    DictChunk file;
-    file.SetModeAndLimit(kDicPrimFloat, 0);
-    if (file.ReadAll((space.stem + ".dck").c_str()) != 1) return 0;
-    const int n = file.count > 0 ? file.prims[0].count : 0;
-    const int d = file.count > 0 ? file.prims[0].dim : 0;
-    if (n < minimumConstraintVectors(d)) return -1;
-    if (n < space.dimension) return 0;
-    // Every channel must be a 256-value basis of the space's size before it may be projected on.
-    if (!UsableConstraintChunk(file)) return 0;
-    for (int c = 0; c < channelCount; ++c)
-        if (file.prims[c].count < space.dimension) return 0;
-    if (space.subspace.CopyFrom(file) != 1) return 0;
-    DictChunk values;
-    values.SetModeAndLimit(kDicPrimFloat, 0);
-    if (values.ReadAll((space.stem + ".dckev").c_str()) != 1) return 0;
-    std::fill(space.eigenvalues.begin(), space.eigenvalues.end(), 0.0f);
-    for (int c = 0; c < channelCount && c < values.count; ++c) {
-        const DicPrim& v = values.prims[c];
-        if (v.dim < 1 || v.frows == nullptr) continue;
-        int rows = std::min({v.count, v.allocatedRows, kDim});
-        for (int r = 0; r < rows; ++r) space.channelEigenvalues(c)[r] = v.frows[r][0];
-    }
-    return 1;
-}
-
-bool MWMSMRecognition::LoadSecondSubspace(int s) {
-    ConstraintSpace& space = spaces[s];
-    if (space.dimension < 0) return false;
-    DictChunk file;
-    file.SetModeAndLimit(kDicPrimFloat, 0);
-    if (file.ReadAll((space.stem2 + ".dck").c_str()) != 1 || !UsableConstraintChunk(file))
-        return false;
-    if (space.subspace.CopyFrom(file) != 1) return false;
-    for (int c = 0; c < channelCount; ++c)
-        if (file.prims[c].count < space.dimension) return false;
-    return true;
 }
 
 int MWMSMRecognition::LoadMatrix(const std::string& stem) {
@@ -142,54 +76,14 @@ int MWMSMRecognition::LoadMatrix(const std::string& stem) {
     return 1;
 }
 
-int MWMSMRecognition::LoadLearnedSpace(int s) {
-    ConstraintSpace& space = spaces[s];
-    const int r1 = LoadConstraintSubspace(s);
-    auto fromSecond = [&](int ok, int fail, int none) {
-        if (!LoadSecondSubspace(s)) return none;
-        return LoadMatrix(space.stem2) == 1 ? ok : fail;
-    };
-    if (r1 >= 1) {
-        int r3 = LoadMatrix(space.stem);
-        if (r3 >= 1) return r3;
-        return fromSecond(4, -4, -5);
-    }
-    if (r1 == 0) return fromSecond(2, -2, -1);
-    if (r1 == -1) return fromSecond(3, -3, -1);
-    return -9;
-}
-
 int MWMSMRecognition::LoadSpace(int s) {
-    ConstraintSpace& space = spaces[s];
-    switch (space.kind) {
-        case msm::kKindPlain:
-            space.loadStatus = 1;
-            break;
-        case msm::kKindFile:
-            space.loadStatus = LoadConstraintSubspace(s);
-            break;
-        case msm::kKindLearned:
-            space.loadStatus = LoadLearnedSpace(s);
-            break;
-        default:
-            space.loadStatus = 0;
-            break;
-    }
-    return space.loadStatus;
+    return msm::loadConstraintSpace(spaces[s], channelCount,
+                                    [this](const std::string& stem) { return LoadMatrix(stem); });
 }
 
 int MWMSMRecognition::LoadConstraintSpaces() {
-    int learnedStatus = 1;
-    for (int s = 0; s < spaceCount; ++s) spaces[s].loadStatus = msm::kNotLoaded;
-    for (int s = 0; s < spaceCount; ++s) {
-        int status = LoadSpace(s);
-        if (spaces[s].kind == msm::kKindFile && status < 1) return status - 10;
-        if (spaces[s].kind == msm::kKindLearned) {
-            if (status < 1) return status;
-            learnedStatus = status;
-        }
-    }
-    return learnedStatus;
+    return msm::loadConstraintSpaces(spaces.get(), spaceCount, channelCount,
+                                     [this](const std::string& stem) { return LoadMatrix(stem); });
 }
 
 int MWMSMRecognition::InitConstraintMSM(const char* path) {

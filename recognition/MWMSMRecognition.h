@@ -109,12 +109,9 @@ class MWMSMRecognition : public MSMRecognition {
     int ReadRemovedSet(const char* path, int sourceKind);
 
   private:
-    int LoadConstraintSubspace(int s);
-    bool LoadSecondSubspace(int s);
+    // The current space's class data into the store: 1 when its ".mck" was read.
     int LoadMatrix(const std::string& stem);
-    int LoadLearnedSpace(int s);
     int LoadSpace(int s);
-    bool UsableConstraintChunk(const DictChunk& chunk) const;
     // Projects K rows of u (rows of them exist) onto space s, channel c, as Q14 rows.
     void ProjectRows(float* const* u, int rows, int s, int c, short* const* out);
     short* const* ProjectedInputRows(int s, int c) const {

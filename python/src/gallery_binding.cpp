@@ -249,8 +249,7 @@ enrol and recognise between frames, leaving the directory as it was.
             return out;
         },
         "Listed persons that are not recognised, with the reason, as (Person, str) pairs: a "
-        "dictionary file that is missing, does not read or is not a valid dictionary, or a "
-        "person beyond what an engine holds.");
+        "dictionary file that is missing, does not read or is not a valid dictionary.");
     g.def(
         "find",
         [](GalleryBox& b, const py::handle& id) {

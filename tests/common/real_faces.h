@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -38,6 +39,23 @@ inline std::map<std::string, std::vector<RealFrame>> LoadPeople(const std::strin
             people[f[0]].push_back(std::move(frame));
     }
     return people;
+}
+
+// A person's frames of the first two videos (to enrol from) and of the third (to probe with);
+// false for a person of fewer than three videos.
+inline bool SplitThreeVideos(const std::vector<RealFrame>& frames,
+                             std::vector<const RealFrame*>& enrol,
+                             std::vector<const RealFrame*>& probe) {
+    std::set<int> videos;
+    for (const RealFrame& f : frames) videos.insert(f.video);
+    if (videos.size() < 3) return false;
+    auto v = videos.begin();
+    const int a = *v++, b = *v++, c = *v;
+    for (const RealFrame& f : frames) {
+        if (f.video == a || f.video == b) enrol.push_back(&f);
+        if (f.video == c) probe.push_back(&f);
+    }
+    return true;
 }
 
 }  // namespace msmtest

@@ -315,3 +315,73 @@ TEST(Core, ConstraintListsThatDoNotLoadAreRefusedInOneLine) {
 }
 
 }  // namespace
+
+namespace {
+
+// The rankings of one take of frames scored by the method against the snapshot.
+std::vector<std::string> Rankings(const Snapshot& snapshot, const People& people, int person,
+                                  Method method) {
+    auto input = Input::create(snapshot);
+    EXPECT_TRUE(input.ok()) << input.message();
+    std::vector<std::string> out;
+    for (int k = 0; input.ok() && k < 8; ++k) {
+        auto frame = people.Frame(person, k);
+        auto rows = Pointers(frame);
+        (*input)->update(rows.data());
+        EXPECT_TRUE(msmface::core::score(snapshot, **input, method).ok());
+        std::string line;
+        for (const RankedPerson& r : (*input)->ranking())
+            line += std::to_string(r.person) + ":" + std::to_string(r.score) + " ";
+        out.push_back(line);
+    }
+    return out;
+}
+
+TEST(Core, ASnapshotCombinedFromOthersScoresAsOneBuiltFromTheSamePersons) {
+    const PatternShape shape{256, 5};
+    const People people(6, shape, 77);
+    ConstraintSpace space;
+    space.kind = msm::kKindFile;
+    space.dimension = 40;
+    std::vector<Basis> directions;
+    for (int c = 0; c < shape.channels; ++c)
+        directions.push_back(msmtest::RandomBasis(60, 256, 5 + c));
+    msmtest::FillDictionary(space.subspace, directions);
+    space.eigenvalues.assign(static_cast<std::size_t>(shape.channels) * 256, 0.0f);
+    for (int c = 0; c < shape.channels; ++c)
+        for (int i = 0; i < 60; ++i) space.channelEigenvalues(c)[i] = 1.0f / (1.0f + i);
+    const std::vector<const ConstraintSpace*> spaces{&space};
+    const auto& d = people.dictionaries;
+    auto first = Snapshot::build(shape, SnapshotOptions{}, {&d[0], &d[1], &d[2]}, spaces);
+    auto second = Snapshot::build(shape, SnapshotOptions{}, {&d[3], &d[4], &d[5]}, spaces);
+    ASSERT_TRUE(first.ok() && second.ok());
+    // Persons of both, one left out and the order changed, as a removal and an enrolment make it.
+    auto combined = Snapshot::combine(
+        {{second->get(), 1}, {first->get(), 0}, {second->get(), 2}, {first->get(), 2}}, **first);
+    ASSERT_TRUE(combined.ok()) << combined.message();
+    auto direct = Snapshot::build(shape, SnapshotOptions{}, {&d[4], &d[0], &d[5], &d[2]}, spaces);
+    ASSERT_TRUE(direct.ok());
+    EXPECT_EQ((*combined)->personCount(), 4);
+    EXPECT_EQ((*combined)->spaceCount(), 1);
+    EXPECT_EQ((*combined)->bytes(), (*direct)->bytes());
+    for (Method method : {Method::SinglePattern, Method::Msm, Method::Cmsm}) {
+        SCOPED_TRACE(static_cast<int>(method));
+        const auto got = Rankings(**combined, people, 5, method);
+        EXPECT_EQ(got, Rankings(**direct, people, 5, method));
+        ASSERT_FALSE(got.empty());
+        EXPECT_EQ(got.back().substr(0, 2), "2:");  // person 5 sits at place 2
+    }
+    // The combination outlives the snapshots it was taken from.
+    const auto before = Rankings(**combined, people, 0, Method::Cmsm);
+    first = msmface::Status::failure(ErrorKind::Internal, "released");
+    second = msmface::Status::failure(ErrorKind::Internal, "released");
+    EXPECT_EQ(Rankings(**combined, people, 0, Method::Cmsm), before);
+
+    auto plain = Snapshot::build(shape, SnapshotOptions{}, {&d[0]});
+    ASSERT_TRUE(plain.ok());
+    ExpectArgument(Snapshot::combine({{plain->get(), 0}}, **direct).status(), "person source 1");
+    ExpectArgument(Snapshot::combine({{direct->get(), 4}}, **direct).status(), "person source 1");
+    ExpectArgument(Snapshot::combine({{nullptr, 0}}, **direct).status(), "person source 1");
+}
+
+}  // namespace

@@ -4,7 +4,6 @@
 
 #include <fstream>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -44,16 +43,8 @@ TEST(CoreRealFaces, ScoresEqualTheLegacyEngineAtEveryFrame) {
     std::mt19937 rng(2024);
     std::vector<std::vector<PointedFrame>> probes;
     for (const auto& [name, frames] : people) {
-        std::set<int> videos;
-        for (const msmtest::RealFrame& f : frames) videos.insert(f.video);
-        if (videos.size() < 3) continue;
-        auto v = videos.begin();
-        const int a = *v++, b = *v++, c = *v;
         std::vector<const msmtest::RealFrame*> enrol, probe;
-        for (const msmtest::RealFrame& f : frames) {
-            if (f.video == a || f.video == b) enrol.push_back(&f);
-            if (f.video == c) probe.push_back(&f);
-        }
+        if (!msmtest::SplitThreeVideos(frames, enrol, probe)) continue;
         const int id = static_cast<int>(probes.size()) + 1;
         ASSERT_TRUE(host.Enrol(id, "person" + std::to_string(id), Jittered(enrol, 200, rng)))
             << name;

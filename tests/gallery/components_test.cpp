@@ -13,10 +13,14 @@
 #include <msmface/FaceRecognition.h>
 #include <msmface/store.h>
 
+#include <msmface/face_input.h>
+
 #include "common/fixed_clock.h"
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
 #include "gallery_support.h"
+#include "legacy_host.h"
+#include "normalise/face_cropping.h"
 #include "numeric/diagnostics.h"
 
 namespace {
@@ -44,9 +48,8 @@ msm::ClockReading PiDay() {
 class LegacyHost {
   public:
     explicit LegacyHost(const std::string& dir)
-        : engine_(msmface::detail::kDefaultFrameWidth, msmface::detail::kDefaultFrameHeight),
-          dir_(dir) {
-        EXPECT_EQ(msmface::detail::loadPersons(engine_, dir, {}, table_), "");
+        : engine_(gallerytest::kLegacyFrameWidth, gallerytest::kLegacyFrameHeight), dir_(dir) {
+        EXPECT_EQ(gallerytest::LoadPersons(engine_, dir, {}, table_), "");
     }
 
     bool enrol(const msmface::Person& person, const std::vector<Sample>& frames) {
@@ -56,9 +59,8 @@ class LegacyHost {
         engine_.Reset_gather_counter();
         for (const Sample& s : frames) {
             if (engine_.Get_RecogORRegist() != 2) break;
-            PartsPosition parts = msmface::detail::toParts(*s.points);
-            if (!msmface::detail::anyPointPresent(parts) ||
-                !msmface::detail::toGrey(s.frame, image_) ||
+            PartsPosition parts = msmface::toPartsPosition(*s.points);
+            if (!msmface::anyPointPresent(parts) || !msmface::detail::toGrey(s.frame, image_) ||
                 engine_.FaceCropping(&image_, nullptr, &parts, &face_) != 1)
                 continue;
             engine_.FrameProcess(2);
@@ -88,9 +90,9 @@ class LegacyHost {
   private:
     FaceRecognition engine_;
     std::string dir_;
-    msmface::detail::PersonTable table_;
+    gallerytest::PersonTable table_;
     BasicImageFile image_;
-    BasicImageFile face_{msmface::detail::kFaceSide, msmface::detail::kFaceSide, 8};
+    BasicImageFile face_{kNormalisedFaceSize, kNormalisedFaceSize, 8};
 };
 
 // Person i's enrolment take, made harder: frames without a face before it, and more faces than a

@@ -4,18 +4,18 @@
 // key name) kept in step with the engine's files, the enrolment sequence, the mapping of ID
 // numbers to the engine's inside numbers, and the frame cycle.
 //
-// Ownership and lifetime. A Gallery owns its engine and loaded dictionaries; it is movable, not
-// copyable (a moved-from Gallery or Stream may only be assigned to or destroyed). A Stream shares
-// the gallery's list of persons (not the Gallery object): it may outlive the Gallery, and then
-// keeps recognising the persons it last loaded. Frames and points are read during a call and never
-// kept.
+// Ownership and lifetime. A Gallery owns one snapshot of its persons' dictionaries, shared by its
+// streams; it is movable, not copyable (a moved-from Gallery or Stream may only be assigned to or
+// destroyed). A Stream shares the gallery's list of persons and its snapshot (not the Gallery
+// object): it may outlive the Gallery, and then keeps recognising the persons it last saw. Frames
+// and points are read during a call and never kept.
 //
 // Threads. One thread at a time per Gallery and per Stream. Streams of one gallery may run on
-// different threads at once (each has an engine of its own, with its own copy of the persons'
-// dictionaries), also while the gallery changes (enrol, remove, rebuildConstraint,
+// different threads at once (each has its own input; none copies the persons' dictionaries),
+// also while the gallery changes (enrol, remove, rebuildConstraint,
 // setThreshold): a stream picks such a change up at its next frame, keeping the face it is
-// gathering. A change waits while a stream reloads, and a stream's reload waits for a change to
-// finish; frames themselves never wait.
+// gathering. A change waits while a stream takes the new snapshot, and a stream waits for a change
+// to finish; frames themselves never wait.
 //
 // Errors. Every call that can fail returns a Status or a Result carrying one line of text
 // (<msmface/result.h>); nothing is thrown. A call that fails leaves the directory as it was.
@@ -36,9 +36,6 @@
 
 namespace msmface {
 
-// The persons an engine holds: of a registry that lists more the first ones are loaded.
-inline constexpr int kMaxLoadedPersons = 2000;
-
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
 // point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
 // frame whose fourteen points are all absent has no face either.
@@ -48,10 +45,10 @@ struct Sample {
 };
 
 // A listed person the gallery does not recognise, and why: the dictionary file is missing, does
-// not read, does not hold a valid dictionary, or the person is beyond what an engine holds.
+// not read, or does not hold a valid dictionary.
 struct LeftOut {
     Person person;
-    std::string reason;  // one line naming the file (or the limit) and what is wrong
+    std::string reason;  // one line naming the file and what is wrong
 };
 
 struct Match {
@@ -99,9 +96,9 @@ class MSMFACE_API Gallery {
     // threshold. A listed person whose dictionary file is missing or listed under a key name the
     // directory keeps for its constraint space (both: orphans()), whose dictionary does not read,
     // or does not hold an orthonormal dictionary of the directory's shape is left out of
-    // persons() and reported by leftOut(), as are the persons beyond the first kMaxLoadedPersons;
-    // the others are recognised. Fails (File) on a registry or threshold file that does not
-    // parse, naming it; (NotFound) on a missing directory unless options.create.
+    // persons() and reported by leftOut(); the others are recognised, as many as memory holds.
+    // Fails (File) on a registry or threshold file that does not parse, naming it; (NotFound) on a
+    // missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
@@ -184,9 +181,9 @@ struct StreamState {
 class MSMFACE_API Stream {
   public:
     // A stream over the gallery's current persons (and its constraint space for the Cmsm
-    // methods: NotFound without one). Reads every person's dictionary once; later changes of
-    // the gallery are loaded at the next push, only as far as they go (a new threshold loads
-    // nothing, an enrolment the new person's files).
+    // methods: NotFound without one). Reads no file and copies no dictionary: every stream
+    // scores against the gallery's one snapshot of its persons, and picks up a newer one at its
+    // next push (the face being gathered is kept).
     static Result<Stream> create(Gallery& gallery, const StreamOptions& options = {});
 
     Stream(Stream&&) noexcept;
