@@ -85,10 +85,8 @@ class EnrolmentPicture {
     std::unique_ptr<BasicImageFile> picture_;
 };
 
-}  // namespace
-
-Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>& frames) {
-    Impl& g = *impl_;
+// What an enrolment's arguments must be before the directory is touched.
+Status checkEnrolArguments(int id, const std::string& name, const std::vector<Sample>& frames) {
     if (id < 1)
         return fail(ErrorKind::Argument,
                     "id " + std::to_string(id) + ": expected an ID number of 1 or more");
@@ -100,13 +98,12 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         return fail(ErrorKind::Argument, "name " + msm::reservedKeyNameReason(name));
     if (frames.empty())
         return fail(ErrorKind::Argument, "no frames: expected at least one image with its points");
-    Status status = g.checkSamples(frames);
-    if (!status.ok()) return status;
-    // From here to the registry's replacement no other process changes the directory, and what
-    // another one changed before is read again first: its person stays listed.
-    msm::DirectoryLock directoryLock;
-    status = g.beginWrite(directoryLock);
-    if (!status.ok()) return status;
+    return {};
+}
+
+// Under the directory's lock: the ID and the name are free, no file of the name is in the way,
+// and the directory takes new files.
+Status checkNewPerson(const Gallery::Impl& g, int id, const std::string& name) {
     for (const Person& p : g.state->persons) {
         if (p.id == id)
             return fail(ErrorKind::Argument, "id " + std::to_string(id) +
@@ -139,44 +136,45 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
                              ? std::string(" or repair the directory (repairStore moves it to ") +
                                    kLostAndFoundName + ")"
                              : std::string()));
-    status = g.checkWritable();
-    if (!status.ok()) return status;
+    return g.checkWritable();
+}
 
-    std::unique_lock<std::shared_mutex> lock(g.state->mutex);
+// The patterns of the first faces of the frames, as many as a registration takes, and the
+// picture of the person. Fails when too few frames give a face or the host interrupts.
+Status gatherFaces(Gallery::Impl& g, const std::vector<Sample>& frames,
+                   msm::GatheredPatterns& gathered, EnrolmentPicture& picture) {
     std::optional<msm::FacePatterns> faces;
-    std::optional<msm::GatheredPatterns> gathered;
     try {
         faces.emplace();
-        gathered.emplace(msm::kFacePatternChannels, msm::kFacePatternDimension,
-                         msm::kFacesPerRegistration);
     } catch (const std::bad_alloc&) {
         return fail(ErrorKind::Internal, "out of memory for an enrolment");
     }
-    EnrolmentPicture picture(frames.front().frame.width, frames.front().frame.height);
-    bool interrupted = false;
     for (const Sample& s : frames) {
-        if (gathered->full()) break;
-        if (g.interrupted && g.interrupted()) {
-            interrupted = true;
-            break;
-        }
+        if (gathered.full()) break;
+        if (g.interrupted && g.interrupted()) return fail(ErrorKind::Argument, "interrupted");
         const std::optional<PartsPosition> parts = g.greyFrame(s);
         if (!parts || !faces->normalise(g.image, *parts, g.face.pixels)) continue;
-        if (gathered->count() == 1) picture.take(g.image);
-        faces->patterns(g.face.pixels, gathered->next());
-        gathered->add();
+        if (gathered.count() == 1) picture.take(g.image);
+        faces->patterns(g.face.pixels, gathered.next());
+        gathered.add();
     }
-    if (interrupted) return fail(ErrorKind::Argument, "interrupted");
-    if (!gathered->full())
+    if (!gathered.full())
         return fail(ErrorKind::Argument,
-                    "only " + std::to_string(gathered->count()) + " of " +
+                    "only " + std::to_string(gathered.count()) + " of " +
                         std::to_string(frames.size()) +
                         " frames gave a face; a registration needs " +
                         std::to_string(msm::kFacesPerRegistration) +
                         " (more frames, or jittered copies of these, make up the number)");
+    return {};
+}
+
+// The person's dictionary made from the gathered patterns and written with the records and the
+// picture; on any failure none of the person's files is left.
+Status writeNewPerson(const Gallery::Impl& g, const std::string& name,
+                      const msm::GatheredPatterns& gathered, EnrolmentPicture& picture) {
     MtrxChunk records;
     DictChunk dictionaries;
-    status = msm::buildPersonRecords(gathered->rows(), msm::kFacePatternDimension, records);
+    Status status = msm::buildPersonRecords(gathered.rows(), msm::kFacePatternDimension, records);
     if (!status.ok()) return status;
     // The legacy engine expands with the spectrum kept (its diagnostic names that form); the
     // gallery has no use for the values themselves.
@@ -197,6 +195,36 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
         g.removePersonFiles(name);
         return fail(ErrorKind::File, !writeFailure.empty() ? writeFailure : status.message());
     }
+    return {};
+}
+
+}  // namespace
+
+Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>& frames) {
+    Impl& g = *impl_;
+    Status status = checkEnrolArguments(id, name, frames);
+    if (status.ok()) status = g.checkSamples(frames);
+    if (!status.ok()) return status;
+    // From here to the registry's replacement no other process changes the directory, and what
+    // another one changed before is read again first: its person stays listed.
+    msm::DirectoryLock directoryLock;
+    status = g.beginWrite(directoryLock);
+    if (status.ok()) status = checkNewPerson(g, id, name);
+    if (!status.ok()) return status;
+
+    std::unique_lock<std::shared_mutex> lock(g.state->mutex);
+    std::optional<msm::GatheredPatterns> gathered;
+    try {
+        gathered.emplace(msm::kFacePatternChannels, msm::kFacePatternDimension,
+                         msm::kFacesPerRegistration);
+    } catch (const std::bad_alloc&) {
+        return fail(ErrorKind::Internal, "out of memory for an enrolment");
+    }
+    EnrolmentPicture picture(frames.front().frame.width, frames.front().frame.height);
+    status = gatherFaces(g, frames, *gathered, picture);
+    if (status.ok()) status = writeNewPerson(g, name, *gathered, picture);
+    if (!status.ok()) return status;
+    // The files are complete: the registry names the person last.
     const Person person{id, name};
     std::vector<Person> next = g.state->listed;
     next.push_back(person);
