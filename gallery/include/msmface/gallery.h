@@ -1,8 +1,9 @@
 // The modern face of the library: a gallery of persons kept in a dictionary directory, and
-// streams that recognise the faces of a camera against it. It does what a host of the legacy
-// FaceRecognition / IDDatabase interface writes for itself: the registry of persons (ID number,
-// key name) kept in step with the engine's files, the enrolment sequence, the mapping of ID
-// numbers to the engine's inside numbers, and the frame cycle.
+// streams that recognise the faces of a camera against it. It does in a few calls what a host of
+// the legacy FaceRecognition / IDDatabase interface writes for itself (the registry of persons,
+// ID number and key name, kept in step with their files, the enrolment sequence and the frame
+// cycle), on the library's recognition core instead of an engine: one snapshot of the persons'
+// dictionaries serves the gallery and all its streams, whatever the number of persons.
 //
 // Ownership and lifetime. A Gallery owns one snapshot of its persons' dictionaries, shared by its
 // streams; it is movable, not copyable (a moved-from Gallery or Stream may only be assigned to or
@@ -167,7 +168,7 @@ class MSMFACE_API Gallery {
 struct StreamOptions {
     Method method = Method::Msm;
     int threshold = -1;    // -1: the gallery's stored threshold
-    int refreshTime = -2;  // face-less frames before the input is cleared; -2: the engine's
+    int refreshTime = -2;  // face-less frames before the input is cleared; -2: the default, 5
     std::shared_ptr<PointFinder> finder;  // used by push(frame); one per stream (it may follow)
 };
 
