@@ -46,6 +46,12 @@ struct FacePoints {
     std::array<float, 2 * kFacePointCount> xy{};
 };
 
+// The learned descriptor of a face (<msmface/descriptor.h> computes one from a frame): what a
+// gallery of descriptors takes instead of points. Compared by direction: any finite values of
+// non-zero length.
+inline constexpr int kDescriptorSize = 128;
+using FaceDescriptor = std::array<float, kDescriptorSize>;
+
 // Finds the face's fourteen points in a frame, for the calls that accept frames without points.
 // The detector library (<msmface/detect.h>) provides one; a host may bring its own. Called on
 // the thread of the call that received the frame; one finder is used by one caller at a time.
@@ -54,6 +60,19 @@ class PointFinder {
     virtual ~PointFinder() = default;
     // True and the points of the most prominent face, or false when the frame shows no face.
     virtual bool findPoints(const FrameView& frame, FacePoints& out) = 0;
+    // Forget what was learnt from earlier frames (a new video or a jump in time).
+    virtual void reset() {}
+};
+
+// Finds the descriptor of the face in a frame, for galleries of descriptors that receive frames
+// alone. The detector library provides one (<msmface/descriptor.h>); a host may bring its own.
+// Called on the thread of the call that received the frame; one finder is used by one caller at a
+// time.
+class DescriptorFinder {
+  public:
+    virtual ~DescriptorFinder() = default;
+    // True and the descriptor of the most prominent face, or false when the frame shows no face.
+    virtual bool findDescriptor(const FrameView& frame, FaceDescriptor& out) = 0;
     // Forget what was learnt from earlier frames (a new video or a jump in time).
     virtual void reset() {}
 };

@@ -30,9 +30,8 @@
 
 namespace msmface {
 
-inline constexpr int kDescriptorSize = 128;
+// kDescriptorSize and FaceDescriptor: <msmface/frame.h>.
 inline constexpr int kDescriptorChipSide = 150;
-using FaceDescriptor = std::array<float, kDescriptorSize>;
 
 // The two files of the model, as tools/fetch_descriptor_model.sh installs them.
 inline constexpr const char* kDescriptorManifestFile =

@@ -40,9 +40,15 @@ namespace msmface {
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
 // point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
 // frame whose fourteen points are all absent has no face either.
+//
+// In a gallery of descriptors (PatternKind::Descriptor) a face is its descriptor: a sample with
+// one is that face (frame and points unused); without one the gallery's descriptor finder
+// (setDescriptorFinder) looks at the frame; without a finder the frame has no face. A gallery of
+// Seed patterns refuses samples that carry a descriptor (Argument).
 struct Sample {
     FrameView frame;
     std::optional<FacePoints> points;
+    std::optional<FaceDescriptor> descriptor;
 };
 
 // A listed person the gallery does not recognise, and why: the dictionary file is missing, does
@@ -89,6 +95,10 @@ struct OpenOptions {
     // directory as it was. Lets a host honour a user's interrupt without waiting for the call to
     // end. Called on the calling thread; empty: never interrupted.
     std::function<bool()> interrupted = {};
+    // The kind of pattern. A directory created by this open records it (empty: Seed); an existing
+    // one keeps the kind it was created with, and a kind given here that differs fails
+    // (Argument, naming both). Empty: whatever the directory holds.
+    std::optional<PatternKind> patterns = {};
 };
 
 class MSMFACE_API Gallery {
@@ -107,6 +117,8 @@ class MSMFACE_API Gallery {
     ~Gallery();
 
     const std::string& directory() const;
+    // The kind of pattern every person of the directory is made of.
+    PatternKind patterns() const;
     // As of the last call that read the directory (open, refresh, recognise, any change).
     std::vector<Person> persons() const;  // registry order
     std::vector<Person> orphans() const;
@@ -156,6 +168,8 @@ class MSMFACE_API Gallery {
 
     // Finds the points of samples that come without them. nullptr: none (the default).
     void setPointFinder(std::shared_ptr<PointFinder> finder);
+    // A gallery of descriptors: finds the descriptors of samples that come without them.
+    void setDescriptorFinder(std::shared_ptr<DescriptorFinder> finder);
 
     class Impl;
 
@@ -170,6 +184,8 @@ struct StreamOptions {
     int threshold = -1;    // -1: the gallery's stored threshold
     int refreshTime = -2;  // face-less frames before the input is cleared; -2: the default, 5
     std::shared_ptr<PointFinder> finder;  // used by push(frame); one per stream (it may follow)
+    // A gallery of descriptors: used by push(frame) instead of finder.
+    std::shared_ptr<DescriptorFinder> describer;
 };
 
 // What a stream knows after a frame.
@@ -200,6 +216,12 @@ class MSMFACE_API Stream {
     // One camera frame without known points: the stream's finder looks for the face; without a
     // finder, or when it finds none, this is a face-less frame.
     Result<StreamState> push(const FrameView& frame);
+    // A gallery of descriptors: one frame's face given by its descriptor. Fails (Argument) on a
+    // gallery of Seed patterns, and on a descriptor that is not finite or has no length.
+    Result<StreamState> push(const FaceDescriptor& descriptor);
+    // A frame without a face (counts toward the refresh time), for hosts that find faces
+    // themselves.
+    Result<StreamState> pushWithoutFace();
     // Clears the input: the next face starts a new recognition.
     void reset();
 

@@ -11,6 +11,7 @@
 #define MSMFACE_STORE_H
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,20 @@ inline constexpr const char* kConstraintListFileName = "constraint.list";
 inline constexpr int kDefaultIdentifyThreshold = 850;
 // Every change of the directory holds an exclusive lock on this file (never deleted).
 inline constexpr const char* kLockFileName = ".msmface.lock";
+
+// The kind of pattern a directory's dictionaries are made of, chosen when the directory is
+// created and recorded in kPatternsFileName. A directory without that file holds Seed patterns,
+// as every directory made before descriptors existed does.
+enum class PatternKind : int {
+    Seed = 0,        // the engine's own: five 256-value channels from the normalised face
+    Descriptor = 1,  // a learned descriptor: one channel of kDescriptorSize values
+};
+inline constexpr const char* kPatternsFileName = "patterns.txt";
+// "seed", "descriptor": the names the directory's file, the program and Python use.
+MSMFACE_API const char* patternKindName(PatternKind kind) noexcept;
+MSMFACE_API std::optional<PatternKind> patternKindNamed(const std::string& name);
+// The identify threshold of a directory of the kind that stores none.
+MSMFACE_API int defaultIdentifyThreshold(PatternKind kind) noexcept;
 
 // A person as the registry lists it.
 struct Person {
