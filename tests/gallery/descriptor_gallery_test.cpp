@@ -13,6 +13,7 @@
 #include "descriptor_support.h"
 #include "dictionary/dictionary_check.h"
 #include "gallery_support.h"
+#include "recognition/descriptor_patterns.h"
 #include "store/patterns_file.h"
 #include "store/threshold_file.h"
 
@@ -121,6 +122,31 @@ TEST(DescriptorKind, PatternsFileParserTakesOneKindNameAndRefusesTheRest) {
     std::string withZero("seed\n", 5);
     withZero.insert(2, 1, '\0');
     EXPECT_NE(d::parsePatternKind(withZero, kind), "");
+}
+
+TEST(DescriptorPattern, IsTheDirectionOfWhatIsLeftOnceTheCentreIsTakenAway) {
+    SynthDescriptors faces(2, 3);
+    const FaceDescriptor d = faces.view(0), c = faces.view(1);
+    float pattern[msmface::kDescriptorSize];
+    for (const float* centre : {static_cast<const float*>(nullptr), c.data()}) {
+        ASSERT_EQ(msm::descriptorPattern(d, pattern, centre), "");
+        double length = 0.0, along = 0.0, left = 0.0;
+        for (int i = 0; i < msmface::kDescriptorSize; ++i) {
+            const double x = d[i] - (centre != nullptr ? centre[i] : 0.0f);
+            length += static_cast<double>(pattern[i]) * pattern[i];
+            along += pattern[i] * x;
+            left += x * x;
+        }
+        EXPECT_NEAR(length, 1.0, 1e-6);
+        // Parallel to what is left: the cosine is 1.
+        EXPECT_NEAR(along / std::sqrt(left), 1.0, 1e-6);
+    }
+    EXPECT_THAT(msm::descriptorPattern(d, pattern, d.data()), HasSubstr("equal to the centre"));
+    // Without a centre by default: nothing is taken away until a measured one is set.
+    float plain[msmface::kDescriptorSize];
+    ASSERT_EQ(msm::descriptorPattern(d, plain), "");
+    ASSERT_EQ(msm::descriptorPattern(d, pattern, nullptr), "");
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) EXPECT_EQ(plain[i], pattern[i]);
 }
 
 TEST(DescriptorKind, IsRecordedWhenCreatedAndKeptOnEveryLaterOpen) {
