@@ -286,6 +286,7 @@ TEST(DescriptorGallery, PersonFilesAreTheEngineFormatsOfOneChannelOf128) {
     const auto report = msmface::checkStore(e.dir);
     ASSERT_TRUE(report.ok()) << report.message();
     EXPECT_EQ(report->persons, kPersons);
+    EXPECT_EQ(report->patterns, PatternKind::Descriptor);
     for (const msmface::StoreProblem& p : report->problems) ADD_FAILURE() << p.message;
 }
 
@@ -567,6 +568,7 @@ TEST(DescriptorThreshold, IsStoredWithItsKindAndNeverTakenForTheOther) {
     EXPECT_THAT(ReadText(descriptors + "/threshold.txt"), HasSubstr("\ndescriptor 640\n"));
     EXPECT_EQ(Gallery::open(descriptors)->threshold(), 640);
     EXPECT_EQ(Gallery::open(seed)->threshold(), 640);
+    EXPECT_EQ(msmface::checkStore(seed)->patterns, PatternKind::Seed);
 
     // Swapped, each is refused by the open, naming the file, rather than used.
     const std::string seedText = ReadText(seed + "/threshold.txt");
@@ -630,6 +632,7 @@ TEST(DescriptorStore, CheckKnowsTheKindFileAndHoldsDictionariesToTheDirectorySha
     ASSERT_TRUE(report.ok()) << report.message();
     ASSERT_EQ(report->problems.size(), 1u) << report->problems[0].message;
     EXPECT_EQ(report->problems[0].path, e.dir + "/patterns.txt");
+    EXPECT_FALSE(report->patterns.has_value());
     EXPECT_THAT(report->problems[0].message, HasSubstr("expected \"seed\" or \"descriptor\""));
     EXPECT_TRUE(report->repaired.empty());
     for (int p = 0; p < kPersons; ++p)
