@@ -359,7 +359,7 @@ def fig(method):
     return lambda s: figures(method(s), s.truth)
 
 
-CENTRINGS = ("none", "gallery 1", "gallery 0.8", "population 1", "population 0.8")
+CENTRINGS = ("none", "gallery 1", "gallery 0.75", "population 1", "population 0.75")
 
 
 def section_halves(rounds, splits, out):
@@ -393,9 +393,9 @@ def section_one_photo(rounds, splits, out):
     """Enrolment from one descriptor (the first of the enrolment side) per person; probes as
     before; the halves protocol, so that the population mean comes from other persons."""
     settings = []
-    for centring in ("none", "population 1", "population 0.8"):
+    for centring in ("none", "population 1", "population 0.75"):
         settings.append((f"mean descriptor, {centring}", (centring, fig(Split.mean_descriptor))))
-        for k, dn in ((1, 1), (3, 1), (3, 2), (5, 1), (5, 2), (7, 1), (7, 3)):
+        for k, dn in ((1, 1), (2, 1), (3, 1), (3, 2), (5, 1), (5, 2), (7, 1), (7, 3)):
             settings.append(
                 (
                     f"MSM k={k} distNum={dn}, {centring}",
@@ -410,6 +410,143 @@ def section_one_photo(rounds, splits, out):
         "Enrolment from one photo (the first descriptor of the enrolment side)",
         enrol_side=lambda e: e[:1],
     )
+
+
+def section_small(rounds, splits, out, size=4):
+    """Galleries of `size` persons enrolled from one photo each, as a new user starts: every
+    other person's probe of the same half is an impostor probe (nobody of theirs is enrolled),
+    and the population mean comes from the other half. Pooled over many random galleries."""
+    out.append(f"\n## Galleries of {size} persons, each enrolled from one photo\n")
+    out.append(
+        f"{len(rounds)} probe video(s) per person; persons split in halves ({splits} splits per "
+        f"round); in each half, galleries of {size} persons enrolled from ONE descriptor each, "
+        "probed by their own probes (genuine) and by every other person of the half (impostors "
+        "only); the population mean from the other half. rank-1 among the gallery's persons.\n"
+    )
+    out.append(HEADER)
+    settings = [("mean descriptor", None, 0, 0)] + [
+        (f"MSM k={k} distNum=1", None, k, 1) for k in (1, 2, 3, 5)
+    ]
+    centrings = ("none", "gallery 1", "gallery 0.75", "population 1", "population 0.75")
+    pooled = {(c, name): ([], [], 0, 0) for c in centrings for name, *_ in settings}
+    rng = np.random.default_rng(4)
+    for people in rounds:
+        for _ in range(splits):
+            order = rng.permutation(len(people))
+            for h in range(2):
+                half = order[: len(order) // 2] if h == 0 else order[len(order) // 2 :]
+                other = [people[i] for i in (order[len(order) // 2 :] if h == 0 else order[: len(order) // 2])]
+                for g0 in range(0, len(half) - size + 1, size):
+                    chosen = [people[i] for i in half[g0 : g0 + size]]
+                    outsiders = [people[i] for i in half if i not in half[g0 : g0 + size]]
+                    enrolled = [(i, e[:1], p) for i, e, p in chosen]
+                    for c in centrings:
+                        mean = centring_mean(c, enrolled, other)
+                        gal = [centred(e, mean) for _, e, _ in enrolled]
+                        probes = [centred(p, mean) for _, _, p in chosen + outsiders]
+                        truth = np.array(list(range(size)) + [-1] * len(outsiders))
+                        for name, _, k, dn in settings:
+                            if k == 0:
+                                g = unit_rows(np.array([x.mean(axis=0) for x in gal]))
+                                q = unit_rows(np.array([x.mean(axis=0) for x in probes]))
+                                sc = np.trunc(q @ g.T * 1000.0 + 1e-9).astype(int)
+                            else:
+                                gb = np.array([subspace(x, k) for x in gal])
+                                pb = np.array([subspace(x, k) for x in probes])
+                                sc = msm_scores(pb, gb, dn)
+                            gen, imp, r1, n = pooled[(c, name)]
+                            known = truth >= 0
+                            own = sc[known, truth[known]]
+                            mask = np.ones_like(sc, dtype=bool)
+                            mask[np.arange(size), truth[:size]] = False
+                            rank = 1 + np.sum((sc[known] >= own[:, None]) & mask[known], axis=1)
+                            gen.append(own)
+                            imp.append(sc[mask])
+                            pooled[(c, name)] = (gen, imp, r1 + int(np.sum(rank == 1)), n + size)
+    for c in centrings:
+        for name, *_ in settings:
+            gen, imp, r1, n = pooled[(c, name)]
+            f = figures_from_lists(np.concatenate(gen), np.concatenate(imp))
+            f.update(rank1=r1 / n, rank1_count=r1, probes=n)
+            out.append(row(f"{name}, {c}", f))
+
+
+def eer_of(genuine, impostor):
+    return figures_from_lists(genuine, impostor)["eer"]
+
+
+def section_decide(rounds, out, boots=1000):
+    """The candidates on whole galleries (every person of a round enrolled), each probe video of
+    every round, centring by strength x the gallery's mean; and, against the mean-descriptor
+    comparison without centring, the difference in rank-1 and EER with a 90 % interval from a
+    bootstrap over persons (a person's probes of every round drawn together)."""
+    out.append("\n## Candidates on whole galleries, with intervals against the mean descriptor\n")
+    out.append(
+        f"{len(rounds)} probe video(s) per person, each round a gallery of every person "
+        f"({sum(len(r) for r in rounds)} probes); centring: strength x the gallery's mean. The "
+        f"last two columns: the difference to the uncentred mean descriptor and its 90 % "
+        f"bootstrap interval ({boots} draws of persons).\n"
+    )
+    out.append(
+        "| setting | rank-1 % (probes) | EER % @ threshold | TAR % at 1 % FAR @ threshold "
+        "| rank-1 diff (pt) | EER diff (pt) |\n|---|---|---|---|---|---|"
+    )
+    settings = [("mean descriptor", None, 0, 0)]
+    settings += [("mean descriptor", a, 0, 0) for a in (0.7, 0.8, 0.9, 1.0)]
+    for a in (None, 0.6, 0.7, 0.8, 0.9, 1.0):
+        for k, dn in ((1, 1), (2, 1), (2, 2), (3, 1)):
+            settings.append((f"MSM k={k} distNum={dn}", a, k, dn))
+    names = [p[0] for p in rounds[0]]
+    records = []
+    for name, strength, k, dn in settings:
+        per_probe = []  # (person name, rank==1, genuine score, impostor scores)
+        for people in rounds:
+            mean = None if strength is None else strength * gallery_mean(people)
+            s = Split(people, mean)
+            sc = s.mean_descriptor() if k == 0 else s.msm(k, k, dn)
+            f = figures(sc, s.truth)
+            own = sc[s.truth, s.truth]
+            for i in range(len(people)):
+                others = np.delete(sc[i], i)
+                per_probe.append((people[i][0], int(np.sum(others >= own[i])) == 0, own[i], others))
+        records.append(per_probe)
+    base = records[0]
+    rng = np.random.default_rng(7)
+    draws = [rng.choice(len(names), len(names)) for _ in range(boots)]
+    index = {}
+    for j, (person, *_rest) in enumerate(base):
+        index.setdefault(person, []).append(j)
+
+    def stats(rec, js):
+        hits = np.array([rec[j][1] for j in js])
+        gen = np.array([rec[j][2] for j in js])
+        imp = np.concatenate([rec[j][3] for j in js])
+        return hits.mean(), eer_of(gen, imp)
+
+    for (name, strength, k, dn), rec in zip(settings, records):
+        label = name + ("" if strength is None else f", centred x{strength}")
+        gen = np.array([r[2] for r in rec])
+        imp = np.concatenate([r[3] for r in rec])
+        f = figures_from_lists(gen, imp)
+        hits = sum(r[1] for r in rec)
+        f.update(rank1=hits / len(rec), rank1_count=hits, probes=len(rec))
+        diffs = []
+        if rec is not base:
+            for d in draws:
+                js = [j for i in d for j in index.get(names[i], [])]
+                r_a, e_a = stats(rec, js)
+                r_b, e_b = stats(base, js)
+                diffs.append((r_a - r_b, e_a - e_b))
+            diffs = np.array(diffs) * 100
+            r_lo, r_hi = np.percentile(diffs[:, 0], [5, 95])
+            e_lo, e_hi = np.percentile(diffs[:, 1], [5, 95])
+            r_d = 100 * (f["rank1"] - sum(r[1] for r in base) / len(base))
+            e_d = 100 * (f["eer"] - figures_from_lists(
+                np.array([r[2] for r in base]), np.concatenate([r[3] for r in base]))["eer"])
+            extra = f" {r_d:+.1f} [{r_lo:+.1f}, {r_hi:+.1f}] | {e_d:+.2f} [{e_lo:+.2f}, {e_hi:+.2f}] |"
+        else:
+            extra = " - | - |"
+        out.append(row(label, f) + extra)
 
 
 def histogram(scores, lo, hi, step):
@@ -461,7 +598,7 @@ def section_scores(people, out, scores_path):
             w.writerows(rows)
 
 
-SECTIONS = ["msm", "centring", "halves", "cmsm", "one_photo", "scores"]
+SECTIONS = ["msm", "centring", "halves", "cmsm", "one_photo", "small", "decide", "scores"]
 
 
 def main():
@@ -495,6 +632,10 @@ def main():
             section_cmsm(people, out)
         elif name == "one_photo":
             section_one_photo(rounds, a.splits, out)
+        elif name == "small":
+            section_small(rounds, a.splits, out)
+        elif name == "decide":
+            section_decide(rounds, out)
         elif name == "scores":
             section_scores(people, out, a.scores)
         print("\n".join(out), flush=True)
