@@ -4,6 +4,9 @@
 // orthonormal dictionaries of the dictionary files' size (20 vectors per channel); a stream's
 // patterns come from the watched person's leading directions, and every benchmark checks that
 // the watched person ranks first, so that a fast wrong answer fails instead of reporting a time.
+// Then the same through a Gallery of descriptors and a Stream on it: persons enrolled from
+// descriptors as a host hands them over, a frame given by its descriptor (bench_streams measures
+// the engine's own patterns through Gallery and Stream, from a camera frame and its points).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -11,11 +14,15 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
+
+#include <msmface/gallery.h>
 
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -25,19 +32,28 @@ using msmface::core::PatternShape;
 using msmface::core::Snapshot;
 
 constexpr int kPersons = 2000;
-constexpr int kDistinct = 50;  // distinct dictionaries; the other persons copy them
-constexpr int kVectors = 20;   // vectors per channel of a dictionary file
-constexpr int kBasisCount = 7;
+constexpr int kDistinct = 50;   // distinct dictionaries; the other persons copy them
+constexpr int kVectors = 20;    // vectors per channel of a dictionary file
+constexpr int kBasisCount = 7;  // the engine's patterns' default
+// What a gallery of descriptors compares (msm::kDescriptorSettings).
+constexpr int kDescriptorBasisCount = 3;
 constexpr int kWatched = 3;
 
 constexpr PatternShape kSeedShape{256, 5};
 constexpr PatternShape kDescriptorShape{128, 1};
 
+// Kinds: 0 the engine's patterns, 1 descriptors compared by the same basis count, 2 descriptors
+// by a gallery of descriptors' basis count.
 PatternShape shapeOf(int kind) {
     return kind == 0 ? kSeedShape : kDescriptorShape;
 }
+int basisCountOf(int kind) {
+    return kind == 2 ? kDescriptorBasisCount : kBasisCount;
+}
 const char* nameOf(int kind) {
-    return kind == 0 ? "seed 5 x 256" : "descriptor 1 x 128";
+    return kind == 0   ? "seed 5 x 256, k=7"
+           : kind == 1 ? "descriptor 1 x 128, k=7"
+                       : "descriptor 1 x 128, k=3";
 }
 
 // k orthonormal rows of dim values (Gram-Schmidt in double, twice for accuracy).
@@ -95,7 +111,7 @@ struct Persons {
 
 const Persons& personsOf(int kind) {
     static std::map<int, std::unique_ptr<Persons>> made;
-    auto& p = made[kind];
+    auto& p = made[kind == 0 ? 0 : 1];
     if (!p) p = std::make_unique<Persons>(shapeOf(kind));
     return *p;
 }
@@ -105,21 +121,26 @@ std::shared_ptr<const Snapshot> snapshotOf(int kind, bool patternRows = true) {
     const Persons& persons = personsOf(kind);
     std::vector<const DictChunk*> list;
     for (const DictChunk& d : persons.chunks) list.push_back(&d);
-    auto built = Snapshot::build(shapeOf(kind), {kBasisCount, patternRows}, list);
+    auto built = Snapshot::build(shapeOf(kind), {basisCountOf(kind), patternRows}, list);
     return built.ok() ? *built : nullptr;
 }
 
-// Unit patterns from the watched person's first seven directions, one per channel.
+// Unit patterns from the watched person's leading directions (as many as the basis count), one
+// per channel.
 class PatternStream {
   public:
-    PatternStream(const DictChunk& person, PatternShape shape)
-        : person_(person), shape_(shape), patterns_(shape.channels), pointers_(shape.channels) {}
+    PatternStream(const DictChunk& person, PatternShape shape, int basisCount)
+        : person_(person),
+          shape_(shape),
+          basisCount_(basisCount),
+          patterns_(shape.channels),
+          pointers_(shape.channels) {}
     const float* const* next() {
         std::normal_distribution<float> normal;
         for (int c = 0; c < shape_.channels; ++c) {
             std::vector<float>& p = patterns_[c];
             p.assign(shape_.dimension, 0.0f);
-            for (int i = 0; i < kBasisCount; ++i) {
+            for (int i = 0; i < basisCount_; ++i) {
                 const float w = normal(gen_) * (1.0f - 0.1f * i);
                 for (int x = 0; x < shape_.dimension; ++x) p[x] += w * person_.prims[c].frows[i][x];
             }
@@ -134,6 +155,7 @@ class PatternStream {
   private:
     const DictChunk& person_;
     PatternShape shape_;
+    int basisCount_;
     std::mt19937 gen_{5};
     std::vector<std::vector<float>> patterns_;
     std::vector<const float*> pointers_;
@@ -157,7 +179,7 @@ void BM_KindMsmFrame(benchmark::State& state) {
         state.SkipWithError(input.message().c_str());
         return;
     }
-    PatternStream stream(personsOf(kind).chunks[kWatched], shapeOf(kind));
+    PatternStream stream(personsOf(kind).chunks[kWatched], shapeOf(kind), basisCountOf(kind));
     for (int f = 0; f < 30; ++f) {
         (*input)->update(stream.next());
         msmface::core::score(*snapshot, **input, Method::Msm);
@@ -173,7 +195,7 @@ void BM_KindMsmFrame(benchmark::State& state) {
     state.counters["best"] = (*input)->ranking().front().score;
     state.SetLabel(nameOf(kind));
 }
-BENCHMARK(BM_KindMsmFrame)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KindMsmFrame)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
 
 // What each kind's 2000 persons hold: the snapshot scoring reads (with and without the
 // single-pattern method's float vectors), one input, and the float vectors of the dictionaries
@@ -203,10 +225,150 @@ void BM_KindSnapshotMemory(benchmark::State& state) {
 BENCHMARK(BM_KindSnapshotMemory)
     ->Args({0, 1})
     ->Args({1, 1})
+    ->Args({2, 1})
     ->Args({0, 0})
     ->Args({1, 0})
+    ->Args({2, 0})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
+
+// --- Through Gallery and Stream ------------------------------------------------------------
+
+// Descriptors of synthetic persons, as far from orthogonal as a network's: a person is a direction
+// that shares 0.87 of its length with everybody's, and a view of the person wanders inside the
+// person's three leading directions.
+class DescriptorPersons {
+  public:
+    explicit DescriptorPersons(int distinct) : gen_(29) {
+        const auto common = randomBasis(1, msmface::kDescriptorSize, gen_)[0];
+        for (int p = 0; p < distinct; ++p) {
+            auto own = randomBasis(3, msmface::kDescriptorSize, gen_);
+            for (float& v : own[0]) v *= 0.5f;
+            for (int x = 0; x < msmface::kDescriptorSize; ++x) own[0][x] += 0.87f * common[x];
+            directions_.push_back(std::move(own));
+        }
+    }
+    msmface::FaceDescriptor view(int p) {
+        std::normal_distribution<float> normal(0.0f, 0.15f);
+        const auto& d = directions_[p % directions_.size()];
+        msmface::FaceDescriptor out{};
+        const float a = normal(gen_), b = normal(gen_);
+        for (int x = 0; x < msmface::kDescriptorSize; ++x)
+            out[x] = d[0][x] + a * d[1][x] + b * d[2][x];
+        return out;
+    }
+
+  private:
+    std::mt19937 gen_;
+    std::vector<std::vector<std::vector<float>>> directions_;
+};
+
+// A directory of kPersons persons of descriptors, enrolled through the gallery from eight views
+// each (kDistinct distinct persons, the others enrolled from the same views again), made once.
+struct DescriptorDirectory {
+    DescriptorDirectory() : folder("msmface-bench-kinds"), persons(kDistinct) {
+        msmface::OpenOptions options;
+        options.create = true;
+        options.patterns = msmface::PatternKind::Descriptor;
+        auto opened = msmface::Gallery::open(folder.file("dir"), options);
+        if (!opened.ok()) {
+            error = opened.message();
+            return;
+        }
+        std::vector<std::vector<msmface::Sample>> views(kDistinct);
+        for (int p = 0; p < kDistinct; ++p)
+            for (int v = 0; v < 8; ++v) {
+                msmface::Sample s;
+                s.descriptor = persons.view(p);
+                views[p].push_back(s);
+            }
+        for (int p = 0; p < kPersons && error.empty(); ++p) {
+            const msmface::Status enrolled =
+                opened->enrol(p + 1, "p" + std::to_string(p + 1), views[p % kDistinct]);
+            if (!enrolled.ok()) error = enrolled.message();
+        }
+    }
+    msmbench::ScratchFolder folder;
+    DescriptorPersons persons;
+    std::string error;
+};
+
+DescriptorDirectory& descriptorDirectory() {
+    static DescriptorDirectory made;
+    return made;
+}
+
+// One frame's descriptor through a Stream on a gallery of 2000 persons of descriptors.
+void BM_DescriptorStreamFrame(benchmark::State& state) {
+    DescriptorDirectory& dir = descriptorDirectory();
+    if (!dir.error.empty()) {
+        state.SkipWithError(dir.error.c_str());
+        return;
+    }
+    auto gallery = msmface::Gallery::open(dir.folder.file("dir"));
+    if (!gallery.ok()) {
+        state.SkipWithError(gallery.message().c_str());
+        return;
+    }
+    auto stream = msmface::Stream::create(*gallery);
+    if (!stream.ok()) {
+        state.SkipWithError(stream.message().c_str());
+        return;
+    }
+    // The watched person's views: the first person enrolled from them ranks first.
+    auto watched = [](const msmface::StreamState& s) {
+        return s.ranking.matches.size() == static_cast<std::size_t>(kPersons) &&
+               s.ranking.matches.front().id == kWatched + 1;
+    };
+    msmface::Result<msmface::StreamState> last = msmface::StreamState{};
+    for (int f = 0; f < 30; ++f) last = stream->push(dir.persons.view(kWatched));
+    if (!last.ok() || !watched(*last)) {
+        state.SkipWithError("the watched person was not identified");
+        return;
+    }
+    for (auto _ : state) {
+        last = stream->push(dir.persons.view(kWatched));
+        if (!last.ok()) state.SkipWithError(last.message().c_str());
+    }
+    if (!last.ok() || !watched(*last))
+        state.SkipWithError("the watched person was lost");
+    else
+        state.counters["best"] = last->ranking.matches.front().score;
+}
+BENCHMARK(BM_DescriptorStreamFrame)->Unit(benchmark::kMicrosecond);
+
+// Heap a gallery of 2000 persons of descriptors holds once open, and what each of sixteen
+// streams on it adds (heap in use rather than resident memory: the benchmarks before this one
+// leave freed pages that a new gallery reuses without growing the process).
+void BM_DescriptorGalleryMemory(benchmark::State& state) {
+    DescriptorDirectory& dir = descriptorDirectory();
+    if (!dir.error.empty()) {
+        state.SkipWithError(dir.error.c_str());
+        return;
+    }
+    for (auto _ : state) {
+        const std::size_t start = heapBytes();
+        auto gallery = msmface::Gallery::open(dir.folder.file("dir"));
+        if (!gallery.ok()) {
+            state.SkipWithError(gallery.message().c_str());
+            return;
+        }
+        const std::size_t opened = heapBytes();
+        std::vector<msmface::Stream> streams;
+        for (int i = 0; i < 16; ++i) {
+            auto s = msmface::Stream::create(*gallery);
+            if (!s.ok() || !s->push(dir.persons.view(i)).ok()) {
+                state.SkipWithError("a stream was not created");
+                return;
+            }
+            streams.push_back(std::move(s).value());
+        }
+        const std::size_t running = heapBytes();
+        state.counters["gallery_MB"] = static_cast<double>(opened - start) / 1e6;
+        state.counters["stream_KB"] = static_cast<double>(running - opened) / 16.0 / 1e3;
+    }
+}
+BENCHMARK(BM_DescriptorGalleryMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
