@@ -22,6 +22,7 @@
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
+#include "support/random_basis.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -56,28 +57,6 @@ const char* nameOf(int kind) {
                        : "descriptor 1 x 128, k=3";
 }
 
-// k orthonormal rows of dim values (Gram-Schmidt in double, twice for accuracy).
-std::vector<std::vector<float>> randomBasis(int k, int dim, std::mt19937& gen) {
-    std::normal_distribution<double> normal;
-    std::vector<std::vector<double>> r(k, std::vector<double>(dim));
-    for (auto& row : r)
-        for (double& v : row) v = normal(gen);
-    for (int i = 0; i < k; ++i)
-        for (int pass = 0; pass < 2; ++pass) {
-            for (int j = 0; j < i; ++j) {
-                double d = 0;
-                for (int x = 0; x < dim; ++x) d += r[i][x] * r[j][x];
-                for (int x = 0; x < dim; ++x) r[i][x] -= d * r[j][x];
-            }
-            double n = 0;
-            for (double v : r[i]) n += v * v;
-            for (double& v : r[i]) v /= std::sqrt(n);
-        }
-    std::vector<std::vector<float>> f;
-    for (const auto& row : r) f.emplace_back(row.begin(), row.end());
-    return f;
-}
-
 // kPersons dictionaries of one kind: kDistinct distinct ones, then copies.
 struct Persons {
     explicit Persons(PatternShape shape) : chunks(kPersons) {
@@ -90,7 +69,7 @@ struct Persons {
             }
             chunk.Allocate(shape.channels);
             for (int c = 0; c < shape.channels; ++c) {
-                const auto basis = randomBasis(kVectors, shape.dimension, gen);
+                const auto basis = msmbench::randomOrthonormalRows(kVectors, shape.dimension, gen);
                 chunk.prims[c].Allocate(shape.dimension, kVectors, kDicPrimFloat);
                 for (int k = 0; k < kVectors; ++k)
                     std::copy(basis[k].begin(), basis[k].end(), chunk.prims[c].frows[k]);
@@ -240,9 +219,9 @@ BENCHMARK(BM_KindSnapshotMemory)
 class DescriptorPersons {
   public:
     explicit DescriptorPersons(int distinct) : gen_(29) {
-        const auto common = randomBasis(1, msmface::kDescriptorSize, gen_)[0];
+        const auto common = msmbench::randomOrthonormalRows(1, msmface::kDescriptorSize, gen_)[0];
         for (int p = 0; p < distinct; ++p) {
-            auto own = randomBasis(3, msmface::kDescriptorSize, gen_);
+            auto own = msmbench::randomOrthonormalRows(3, msmface::kDescriptorSize, gen_);
             for (float& v : own[0]) v *= 0.5f;
             for (int x = 0; x < msmface::kDescriptorSize; ++x) own[0][x] += 0.87f * common[x];
             directions_.push_back(std::move(own));

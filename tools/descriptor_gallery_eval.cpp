@@ -1,9 +1,9 @@
 // The descriptor table (descriptor_table's output) through a real gallery of descriptors, split
-// as `msmface eval` splits a manifest: every person enrolled from all but the last video (the
-// enrolment frames offered 60 times, cycled), probed with the last (15 frames, cycled), by MSM.
-// It checks that tools/descriptor_study.py's emulation of the subspace method matches what the
-// engine does, and measures the descriptor centre end to end: with --centre every descriptor has
-// msm::kDescriptorCentre taken away before the gallery sees it.
+// as `msmface eval` splits a manifest (videos numbered, as the shared faces' are): every person
+// enrolled from all but the last video (the enrolment frames offered 60 times, cycled), probed with
+// the last (15 frames, cycled), by MSM. It checks that tools/descriptor_study.py's emulation of the
+// subspace method matches what the engine does, and measures the descriptor centre end to end: with
+// --centre every descriptor has msm::kDescriptorCentre taken away before the gallery sees it.
 //
 // usage: descriptor_gallery_eval <table.csv> <scratch folder> [--centre]
 //
@@ -31,21 +31,12 @@ int fail(const std::string& message) {
     return 1;
 }
 
-// Videos in number order when they are numbers, as eval orders them.
-bool videoBefore(const std::string& a, const std::string& b) {
-    char* endA = nullptr;
-    char* endB = nullptr;
-    const long x = std::strtol(a.c_str(), &endA, 10), y = std::strtol(b.c_str(), &endB, 10);
-    if (*endA == '\0' && *endB == '\0' && !a.empty() && !b.empty()) return x < y;
-    return a < b;
-}
-
-using Videos = std::map<std::string, std::vector<msmface::FaceDescriptor>,
-                        bool (*)(const std::string&, const std::string&)>;
+// A person's videos by number (the manifest numbers them), so that video 10 comes after 9.
+using Videos = std::map<long, std::vector<msmface::FaceDescriptor>>;
 
 struct Person {
     std::string identity;
-    Videos videos{videoBefore};
+    Videos videos;
 };
 
 // The table's persons in their order; empty with error set when a line does not parse.
@@ -68,9 +59,16 @@ std::vector<Person> readTable(const std::string& path, bool centre, std::string&
                     std::to_string(fields.size()) + " fields";
             return {};
         }
+        char* end = nullptr;
+        const long video = std::strtol(fields[1].c_str(), &end, 10);
+        if (fields[1].empty() || *end != '\0') {
+            error = path + ": line " + std::to_string(number) +
+                    ": expected a video number, found \"" + fields[1] + "\"";
+            return {};
+        }
         auto [at, added] = index.emplace(fields[0], persons.size());
-        if (added) persons.push_back(Person{fields[0]});
-        auto& frames = persons[at->second].videos[fields[1]];
+        if (added) persons.push_back(Person{fields[0], {}});
+        auto& frames = persons[at->second].videos[video];
         if (fields[4] != "ok") continue;
         if (fields.size() != 5 + msmface::kDescriptorSize) {
             error = path + ": line " + std::to_string(number) + ": expected " +

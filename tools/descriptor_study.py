@@ -7,7 +7,13 @@ with the last), the comparison of one mean descriptor per person by cosine besid
 over descriptors, with and without centring, and prints one row per setting: rank-1, EER and
 TAR at 1 % FAR, and the probe count. Needs numpy.
 
-usage: descriptor_study.py <table.csv> [--section NAME ...] [--splits N] [--scores FILE]
+usage: descriptor_study.py <table.csv> [--section NAME ...] [--splits N] [--rotations N]
+                           [--scores FILE]
+
+Sections: msm (basis counts and distNum), centring (by the gallery's mean), halves (the mean
+from other persons), cmsm (constraint dimensions), one_photo, small (galleries of four from one
+photo each), decide (the candidates with bootstrap intervals), scores (distributions). The table
+comes from `descriptor_table <manifest.csv> <table.csv>`; run with Debian's python3-numpy.
 
 Scores are in thousandths as the engine gives them (truncated); rank-1 counts a tie against the
 true person, EER and the 1 % FAR threshold are found over whole thresholds -1 .. 1000, as eval
@@ -504,7 +510,6 @@ def section_decide(rounds, out, boots=1000):
             mean = None if strength is None else strength * gallery_mean(people)
             s = Split(people, mean)
             sc = s.mean_descriptor() if k == 0 else s.msm(k, k, dn)
-            f = figures(sc, s.truth)
             own = sc[s.truth, s.truth]
             for i in range(len(people)):
                 others = np.delete(sc[i], i)
@@ -514,8 +519,8 @@ def section_decide(rounds, out, boots=1000):
     rng = np.random.default_rng(7)
     draws = [rng.choice(len(names), len(names)) for _ in range(boots)]
     index = {}
-    for j, (person, *_rest) in enumerate(base):
-        index.setdefault(person, []).append(j)
+    for j, record in enumerate(base):
+        index.setdefault(record[0], []).append(j)
 
     def stats(rec, js):
         hits = np.array([rec[j][1] for j in js])
