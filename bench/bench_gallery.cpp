@@ -54,8 +54,7 @@ class Fixture {
                     frames.push_back(msmsynth::renderFrame(msmsynth::makePerson(kPopulation, i),
                                                            pose, 320, 240));
                 std::vector<msmface::Sample> samples;
-                for (const auto& f : frames)
-                    samples.push_back({ViewOf(f), PointsOf(f), std::nullopt});
+                for (const auto& f : frames) samples.push_back({ViewOf(f), PointsOf(f)});
                 if (!g.ok() || !g->enrol(i + 1, "p" + std::to_string(i), samples).ok())
                     std::fprintf(stderr, "bench_gallery: enrolment failed\n");
             }
@@ -218,8 +217,7 @@ void BM_StreamPushAfterChange(benchmark::State& state) {
     std::vector<msmface::FacePoints> points;
     if (!WarmUp(f, *s, points)) return state.SkipWithError("push");
     std::vector<msmface::Sample> extra;
-    for (const auto& fr : f.enrolFrames())
-        extra.push_back({ViewOf(fr), PointsOf(fr), std::nullopt});
+    for (const auto& fr : f.enrolFrames()) extra.push_back({ViewOf(fr), PointsOf(fr)});
     int threshold = 500, frame = 0;
     for (auto _ : state) {
         state.PauseTiming();

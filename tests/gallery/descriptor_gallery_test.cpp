@@ -13,6 +13,7 @@
 #include "descriptor_support.h"
 #include "dictionary/dictionary_check.h"
 #include "gallery_support.h"
+#include "recognition/descriptor_patterns.h"
 #include "store/patterns_file.h"
 #include "store/threshold_file.h"
 
@@ -123,6 +124,31 @@ TEST(DescriptorKind, PatternsFileParserTakesOneKindNameAndRefusesTheRest) {
     EXPECT_NE(d::parsePatternKind(withZero, kind), "");
 }
 
+TEST(DescriptorPattern, IsTheDirectionOfWhatIsLeftOnceTheCentreIsTakenAway) {
+    SynthDescriptors faces(2, 3);
+    const FaceDescriptor d = faces.view(0), c = faces.view(1);
+    float pattern[msmface::kDescriptorSize];
+    for (const float* centre : {static_cast<const float*>(nullptr), c.data()}) {
+        ASSERT_EQ(msm::descriptorPattern(d, pattern, centre), "");
+        double length = 0.0, along = 0.0, left = 0.0;
+        for (int i = 0; i < msmface::kDescriptorSize; ++i) {
+            const double x = d[i] - (centre != nullptr ? centre[i] : 0.0f);
+            length += static_cast<double>(pattern[i]) * pattern[i];
+            along += pattern[i] * x;
+            left += x * x;
+        }
+        EXPECT_NEAR(length, 1.0, 1e-6);
+        // Parallel to what is left: the cosine is 1.
+        EXPECT_NEAR(along / std::sqrt(left), 1.0, 1e-6);
+    }
+    EXPECT_THAT(msm::descriptorPattern(d, pattern, d.data()), HasSubstr("equal to the centre"));
+    // Without a centre by default: nothing is taken away until a measured one is set.
+    float plain[msmface::kDescriptorSize];
+    ASSERT_EQ(msm::descriptorPattern(d, plain), "");
+    ASSERT_EQ(msm::descriptorPattern(d, pattern, nullptr), "");
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) EXPECT_EQ(plain[i], pattern[i]);
+}
+
 TEST(DescriptorKind, IsRecordedWhenCreatedAndKeptOnEveryLaterOpen) {
     ScratchDir work;
     const std::string dir = work / "new/descriptors";
@@ -228,6 +254,9 @@ TEST(DescriptorGallery, EveryMethodPutsEachPersonFirst) {
     const auto before = Snapshot(e.dir);
     ExpectFailure(e.gallery.rebuildConstraint(129), ErrorKind::Argument, "expected 1 to 128");
     ExpectFailure(e.gallery.rebuildConstraint(0), ErrorKind::Argument, "expected 1 to 128");
+    // Beyond the directions the persons span, a space would weigh rounding noise most.
+    ExpectFailure(e.gallery.rebuildConstraint(13), ErrorKind::Argument,
+                  "dimension 13: the 4 persons' leading vectors span 12 directions");
     EXPECT_EQ(Snapshot(e.dir), before);
     // Four persons of three vectors each span twelve directions: the space whitens within them.
     for (int dimension : {8, 12}) {
@@ -484,6 +513,31 @@ TEST(DescriptorStream, IdentifiesAPersonAndForgetsAfterTheRefreshTime) {
     for (const FaceDescriptor& v : e.faces.views(0, 6)) state = stream->push(v).value();
     EXPECT_EQ(state.frames, 6);
     EXPECT_EQ(state.ranking.matches.front().id, 1);
+}
+
+TEST(DescriptorStream, InputHoldsTheLast25FacesOnly) {
+    Enrolled e;
+    auto stream = msmface::Stream::create(e.gallery);
+    ASSERT_TRUE(stream.ok());
+    const auto scoreOf = [](const msmface::StreamState& s, int id) {
+        for (const msmface::Match& m : s.ranking.matches)
+            if (m.id == id) return m.score;
+        return -1;
+    };
+    msmface::StreamState state;
+    for (const FaceDescriptor& v : e.faces.views(0, 25)) state = stream->push(v).value();
+    EXPECT_EQ(state.ranking.matches.front().id, 1);
+    const int firstWhileSeen = scoreOf(state, 1);
+    // Without a face-less frame between them, the second person's faces displace the first's
+    // one by one; once 25 have come, nothing of the first is left.
+    for (const FaceDescriptor& v : e.faces.views(1, 24)) state = stream->push(v).value();
+    EXPECT_EQ(state.frames, 25);
+    EXPECT_EQ(state.ranking.matches.front().id, 2);
+    const int firstWithOneLeft = scoreOf(state, 1);
+    state = stream->push(e.faces.view(1)).value();
+    EXPECT_EQ(state.ranking.matches.front().id, 2);
+    EXPECT_LT(scoreOf(state, 1), firstWithOneLeft);
+    EXPECT_LT(scoreOf(state, 1), firstWhileSeen - 100);
 }
 
 TEST(DescriptorStream, PicksUpAPersonEnrolledWhileItRuns) {
