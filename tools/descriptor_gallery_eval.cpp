@@ -94,9 +94,19 @@ std::vector<msmface::Sample> samplesOf(const std::vector<msmface::FaceDescriptor
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool centre = argc == 4 && std::strcmp(argv[3], "--centre") == 0;
-    if (argc != 3 && !centre)
-        return fail("usage: descriptor_gallery_eval <table.csv> <scratch folder> [--centre]");
+    bool centre = false, onePhoto = false;
+    for (int i = 3; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--centre") == 0)
+            centre = true;
+        else if (std::strcmp(argv[i], "--one-photo") == 0)
+            onePhoto = true;
+        else
+            return fail(std::string(argv[i]) + ": expected --centre or --one-photo");
+    }
+    if (argc < 3)
+        return fail(
+            "usage: descriptor_gallery_eval <table.csv> <scratch folder> [--centre] "
+            "[--one-photo]");
     std::string error;
     const std::vector<Person> persons = readTable(argv[1], centre, error);
     if (!error.empty()) return fail(error);
@@ -119,6 +129,7 @@ int main(int argc, char** argv) {
             enrol.insert(enrol.end(), it->second.begin(), it->second.end());
         const auto& probe = std::prev(p.videos.end())->second;
         if (enrol.empty() || probe.empty()) continue;
+        if (onePhoto) enrol.resize(1);
         const auto offered = msmface::offerFrames(samplesOf(enrol), 60, 0.0, 1000u + i);
         const auto probed = msmface::offerFrames(samplesOf(probe), 15, 0.0, 8777u + i);
         if (!offered.ok() || !probed.ok())
@@ -144,9 +155,9 @@ int main(int argc, char** argv) {
     }
     const msmcli::Figures f = msmcli::computeFigures(all, 0);
     std::printf(
-        "%s%d probes: rank-1 %.1f %% (%d), rank-5 %.1f %%, EER %.2f %% at %d, 1 %% FAR at %d "
+        "%s%s%d probes: rank-1 %.1f %% (%d), rank-5 %.1f %%, EER %.2f %% at %d, 1 %% FAR at %d "
         "(TAR %.1f %%)\n",
-        centre ? "centred: " : "", f.probes, 100 * f.rank1,
+        centre ? "centred: " : "", onePhoto ? "one photo: " : "", f.probes, 100 * f.rank1,
         static_cast<int>(f.rank1 * f.probes + 0.5), 100 * f.rank5, 100 * f.eer, f.eerThreshold,
         f.atFar1.threshold, 100 * f.atFar1.trueAccept);
     return 0;
