@@ -11,19 +11,22 @@ FaceDescriber::FaceDescriber(const Detector& detector, Descriptor descriptor,
 
 FaceDescriber::~FaceDescriber() = default;
 
-bool FaceDescriber::describe(const FrameView& frame, DetectedFace& face, FaceDescriptor& out) {
+bool FaceDescriber::describe(const FrameView& frame, DetectedFace& face,
+                             std::optional<FaceDescriptor>& out) {
+    out.reset();
     if (!follower_.track(frame, face)) return false;
     // A face too small or too near the border is followed still (it may come closer) but gives
     // no descriptor for this frame.
-    auto described = descriptor_.compute(frame, face);
-    if (!described) return false;
-    out = *described;
+    if (auto described = descriptor_.compute(frame, face)) out = *described;
     return true;
 }
 
 bool FaceDescriber::findDescriptor(const FrameView& frame, FaceDescriptor& out) {
     DetectedFace face;
-    return describe(frame, face, out);
+    std::optional<FaceDescriptor> described;
+    if (!describe(frame, face, described) || !described) return false;
+    out = *described;
+    return true;
 }
 
 void FaceDescriber::reset() {

@@ -21,6 +21,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -115,9 +116,12 @@ class MSMFACE_DETECT_API FaceDescriber : public DescriptorFinder {
                   const FollowerOptions& options = {});
     ~FaceDescriber() override;
 
-    // The face found in this frame and its descriptor; false when there is no face that can be
-    // described (face and out are then unspecified).
-    bool describe(const FrameView& frame, DetectedFace& face, FaceDescriptor& out);
+    // True and the face found in this frame, with its descriptor in out, or with out empty when
+    // the face cannot be described (its chip would be too small or too far outside the frame: the
+    // face is still followed). False when there is no face (face and out then unspecified).
+    bool describe(const FrameView& frame, DetectedFace& face, std::optional<FaceDescriptor>& out);
+    // True and the descriptor when describe() found a face and described it.
+
     bool findDescriptor(const FrameView& frame, FaceDescriptor& out) override;
     // Forgets the face followed.
     void reset() override;
