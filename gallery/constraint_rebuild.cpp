@@ -16,7 +16,6 @@
 #include "gallery/gallery_impl.h"
 #include "gallery/memory_file.h"
 #include "io/atomic_file.h"
-#include "normalise/face_patterns.h"
 #include "numeric/diagnostics.h"
 #include "recognition/class_data.h"
 #include "recognition/constraint_list.h"
@@ -69,9 +68,13 @@ void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook) {
 
 Status Gallery::rebuildConstraint(int dimension) {
     Impl& g = *impl_;
-    if (dimension < 1 || dimension > 256)
-        return fail(ErrorKind::Argument,
-                    "dimension " + std::to_string(dimension) + ": expected 1 to 256");
+    // The constraint space holds at most every direction of the directory's patterns.
+    const core::PatternShape shape = g.state->settings().shape;
+    if (dimension < 1 || dimension > shape.dimension)
+        return fail(ErrorKind::Argument, "dimension " + std::to_string(dimension) +
+                                             ": expected 1 to " + std::to_string(shape.dimension) +
+                                             " for " + patternKindName(g.state->kind) +
+                                             " patterns");
     msm::DirectoryLock directoryLock;
     Status status = g.beginWrite(directoryLock);
     if (!status.ok()) return status;
@@ -120,8 +123,9 @@ Status Gallery::rebuildConstraint(int dimension) {
     {
         // Our own message names the file; the legacy words would only repeat it.
         msm::DiagnosticCapture quiet;
-        status = msm::generateConstraintSpace(dictionaries, 0, msm::kFacePatternChannels,
-                                              g.dir() + "/" + fresh);
+        status =
+            msm::generateConstraintSpace(dictionaries, 0, shape.channels, g.dir() + "/" + fresh,
+                                         shape.dimension, g.state->settings().constraintBasisCount);
     }
     if (!status.ok()) {
         removeConstraintFiles(g.dir(), fresh);
@@ -156,9 +160,8 @@ Status Gallery::rebuildConstraint(int dimension) {
         msm::DiagnosticCapture quiet;
         std::optional<MemoryFile> placed;
         if (blanks) placed.emplace(listText(detail::engineFolder(*g.state) + "/" + fresh));
-        auto loaded = core::ConstraintSpaces::load(
-            placed ? placed->path() : listFile.temporaryPath(),
-            core::PatternShape{msm::kFacePatternDimension, msm::kFacePatternChannels});
+        auto loaded =
+            core::ConstraintSpaces::load(placed ? placed->path() : listFile.temporaryPath(), shape);
         if (!loaded.ok()) {
             removeConstraintFiles(g.dir(), fresh);
             return fail(ErrorKind::File, g.dir() + "/" + fresh +
