@@ -68,7 +68,7 @@ struct EvalOptions {
     bool noSweep = false;
     bool detect = false;            // points found by the detector instead of the manifest's
     std::string patterns = "seed";  // the kinds of pattern evaluated: seed, descriptor or both
-    int descriptorDimension = 120;  // CMSM's constraint dimension over descriptors
+    int descriptorDimension = 64;   // CMSM's constraint dimension over descriptors
     int descriptorThreshold = -1;   // -1: the identify threshold of descriptor directories
 };
 
