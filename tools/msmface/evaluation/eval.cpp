@@ -212,16 +212,35 @@ struct KindGallery {
     std::vector<std::vector<msmface::Sample>> probes;
 };
 
+// What finds faces, points and descriptors in the frames; each null when not needed.
+struct Finders {
+    std::unique_ptr<FaceFinder> points;
+    std::unique_ptr<FrameDescriber> descriptors;
+};
+
+// The models the run needs, loaded before anything is written: a missing one leaves the output
+// folder as it was.
+std::string makeFinders(const EvalOptions& o, Finders& out) {
+    const std::vector<PatternKind> kinds = kindsAsked(o);
+    // One search per frame serves both kinds: the face's points and its descriptor.
+    if (std::find(kinds.begin(), kinds.end(), PatternKind::Descriptor) != kinds.end())
+        return makeFrameDescriber("", "--patterns", out.descriptors);
+    // With --detect the manifest gives only the pictures; each is a still of its own.
+    if (o.detect) return makeFaceFinder("", false, "--detect", out.points);
+    return {};
+}
+
 // One evaluation over the opened galleries (one per kind of pattern), step by step; each step
 // returns an empty string or the one line that ends the run.
 class EvalRun {
   public:
     EvalRun(const EvalOptions& o, const EvalPaths& paths, std::vector<EvalPerson> persons,
-            int leftOut, std::vector<KindGallery> kinds, const Stopwatch& watch)
+            int leftOut, std::vector<KindGallery> kinds, Finders finders, const Stopwatch& watch)
         : o_(o),
           paths_(paths),
           persons_(std::move(persons)),
           kinds_(std::move(kinds)),
+          finders_(std::move(finders)),
           watch_(watch),
           probePictures_(persons_.size()),
           enrolDescriptors_(persons_.size()),
@@ -254,17 +273,12 @@ class EvalRun {
     const EvalSummary& summary() const { return summary_; }
 
   private:
-    // What finds faces, points and descriptors in the frames; each null when not needed.
-    struct Finders {
-        std::unique_ptr<FaceFinder> points;
-        std::unique_ptr<FrameDescriber> descriptors;
-    };
     struct FrameCounts {
         int read = 0, found = 0, described = 0;
     };
-    std::string enrolPerson(std::size_t i, Finders& finders, FrameCounts& counts);
-    void findFaces(Finders& finders, std::vector<Frame>& frames,
-                   std::vector<msmface::FaceDescriptor>& descriptors, FrameCounts& counts) const;
+    std::string enrolPerson(std::size_t i, FrameCounts& counts);
+    void findFaces(std::vector<Frame>& frames, std::vector<msmface::FaceDescriptor>& descriptors,
+                   FrameCounts& counts) const;
     std::vector<msmface::Sample> offered(const KindGallery& k, const std::vector<Frame>& frames,
                                          std::size_t i, bool probe) const;
     std::vector<ProbeScores> probeAll(KindGallery& k, msmface::Method method,
@@ -277,6 +291,7 @@ class EvalRun {
     const EvalPaths& paths_;
     const std::vector<EvalPerson> persons_;
     std::vector<KindGallery> kinds_;
+    Finders finders_;
     Stopwatch watch_;
     EvalSummary summary_;
     ReportFaces faces_;
@@ -300,21 +315,11 @@ std::string EvalRun::enrolAll() {
         "%zu persons with two or more videos (%d with one video left out); enrolling from "
         "all but the last video, probing with the last\n",
         persons_.size(), summary_.leftOut);
-    Finders finders;
-    if (describes_) {
-        // One search per frame serves both kinds: the face's points and its descriptor.
-        const std::string error = makeFrameDescriber("", "--patterns", finders.descriptors);
-        if (!error.empty()) return error;
-    } else if (o_.detect) {
-        // With --detect the manifest gives only the pictures; each is a still of its own.
-        const std::string error = makeFaceFinder("", false, "--detect", finders.points);
-        if (!error.empty()) return error;
-    }
     FrameCounts counts;
     {
         Progress bar("enrolling", static_cast<int>(persons_.size()));
         for (std::size_t i = 0; i < persons_.size(); ++i) {
-            const std::string error = enrolPerson(i, finders, counts);
+            const std::string error = enrolPerson(i, counts);
             if (!error.empty()) return error;
             bar.step(static_cast<int>(i) + 1);
         }
@@ -336,12 +341,12 @@ std::string EvalRun::enrolAll() {
 
 // The faces of frames: with --detect their points replaced by those found (frames without a
 // face dropped); with descriptors, the descriptor of each face that can be described.
-void EvalRun::findFaces(Finders& finders, std::vector<Frame>& frames,
+void EvalRun::findFaces(std::vector<Frame>& frames,
                         std::vector<msmface::FaceDescriptor>& descriptors,
                         FrameCounts& counts) const {
     counts.read += static_cast<int>(frames.size());
-    if (!finders.descriptors) {
-        if (finders.points) counts.found += replaceWithFoundPoints(*finders.points, frames);
+    if (!finders_.descriptors) {
+        if (finders_.points) counts.found += replaceWithFoundPoints(*finders_.points, frames);
         return;
     }
     std::vector<Frame> kept;
@@ -349,10 +354,10 @@ void EvalRun::findFaces(Finders& finders, std::vector<Frame>& frames,
         if (!frame.image) continue;
         std::optional<msmface::FaceDescriptor> described;
         if (o_.detect) {
-            if (!finders.descriptors->detect(*frame.image, frame.points, described)) continue;
+            if (!finders_.descriptors->detect(*frame.image, frame.points, described)) continue;
             ++counts.found;
         } else {
-            described = finders.descriptors->describeAt(*frame.image, frame.points);
+            described = finders_.descriptors->describeAt(*frame.image, frame.points);
         }
         if (described) descriptors.push_back(*described);
         kept.push_back(std::move(frame));
@@ -380,14 +385,14 @@ std::vector<msmface::Sample> EvalRun::offered(const KindGallery& k,
 // Enrols the i-th person in every kind's gallery and keeps the person's probe. A person a gallery
 // refuses is a warning and is enrolled in none (every kind is measured on the same persons): the
 // others are still evaluated.
-std::string EvalRun::enrolPerson(std::size_t i, Finders& finders, FrameCounts& counts) {
+std::string EvalRun::enrolPerson(std::size_t i, FrameCounts& counts) {
     const EvalPerson& p = persons_[i];
     std::vector<Frame> enrol, probe;
     std::string error = loadFrames(o_.manifest, p.enrolRows, enrol);
     if (error.empty()) error = loadFrames(o_.manifest, p.probeRows, probe);
     if (!error.empty()) return error;
-    findFaces(finders, enrol, enrolDescriptors_[i], counts);
-    findFaces(finders, probe, probeDescriptors_[i], counts);
+    findFaces(enrol, enrolDescriptors_[i], counts);
+    findFaces(probe, probeDescriptors_[i], counts);
     const int id = static_cast<int>(i) + 1;
     std::size_t enrolled = 0;
     for (; enrolled < kinds_.size(); ++enrolled) {
@@ -616,6 +621,9 @@ int runEval(const EvalOptions& o) {
     std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
     if (persons.size() < 2)
         return fail(o.manifest + ": expected at least two persons with two or more videos each");
+    Finders finders;
+    error = makeFinders(o, finders);
+    if (!error.empty()) return fail(error);
     const EvalPaths paths = evalPathsIn(o.out);
     error = prepareEvalOutputs(o, paths);
     if (!error.empty()) return fail(error);
@@ -623,7 +631,7 @@ int runEval(const EvalOptions& o) {
     error = openKindGalleries(o, kinds);
     if (!error.empty()) return fail(error);
 
-    EvalRun run(o, paths, std::move(persons), skipped, std::move(kinds), watch);
+    EvalRun run(o, paths, std::move(persons), skipped, std::move(kinds), std::move(finders), watch);
     error = run.enrolAll();
     if (error.empty()) error = run.buildConstraint();
     if (error.empty()) error = run.probeByEveryMethod();
