@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "core/constraint_spaces.h"
+#include "dictionary/DictChunk.h"
 #include "gallery/gallery_impl.h"
 #include "gallery/memory_file.h"
 #include "io/atomic_file.h"
@@ -45,6 +46,23 @@ std::string currentConstraintStem(const std::string& dir) {
         return {};
     const std::string& stem = list.entries.front().stem;
     return stem.substr(stem.find_last_of('/') + 1);
+}
+
+// The directions the persons' leading vectors span, from the eigenvalues of a space written
+// under stem: those above rounding noise (a ten-thousandth of the largest). -1 when the file does
+// not read.
+int spannedDirections(const std::string& stem) {
+    DictChunk values;
+    values.SetModeAndLimit(kDicPrimFloat, 0);
+    if (values.ReadAll((stem + ".dckev").c_str()) != 1 || values.count < 1) return -1;
+    const DicPrim& v = values.prims[0];
+    const int rows = std::min(v.count, v.allocatedRows);
+    if (v.frows == nullptr || rows < 1) return -1;
+    const float largest = v.frows[0][0];
+    int spanned = 0;
+    for (int r = 0; r < rows; ++r)
+        if (v.frows[r][0] > 1e-4f * largest && v.frows[r][0] > 0.0f) ++spanned;
+    return spanned;
 }
 
 void removeConstraintFiles(const std::string& dir, const std::string& stem) {
@@ -130,6 +148,21 @@ Status Gallery::rebuildConstraint(int dimension) {
     if (!status.ok()) {
         removeConstraintFiles(g.dir(), fresh);
         return status;
+    }
+    // A space weighs each direction it keeps by the inverse root of its eigenvalue: directions no
+    // person spans (eigenvalues of rounding noise) would outweigh every other, and all scores
+    // fall to nothing. Descriptors, of few vectors per person, meet that at ordinary dimensions.
+    if (g.state->kind == PatternKind::Descriptor) {
+        const int spanned = spannedDirections(g.dir() + "/" + fresh);
+        if (spanned >= 0 && dimension > spanned) {
+            removeConstraintFiles(g.dir(), fresh);
+            return fail(ErrorKind::Argument,
+                        "dimension " + std::to_string(dimension) + ": the " +
+                            std::to_string(g.state->persons.size()) +
+                            " persons' leading vectors span " + std::to_string(spanned) +
+                            " directions; expected at most " + std::to_string(spanned) +
+                            " (more persons span more)");
+        }
     }
     if (spaceWrittenHook()) spaceWrittenHook()(g.dir() + "/" + fresh);
     const std::string list = detail::constraintListPath(g.dir());

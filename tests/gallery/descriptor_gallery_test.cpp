@@ -228,6 +228,9 @@ TEST(DescriptorGallery, EveryMethodPutsEachPersonFirst) {
     const auto before = Snapshot(e.dir);
     ExpectFailure(e.gallery.rebuildConstraint(129), ErrorKind::Argument, "expected 1 to 128");
     ExpectFailure(e.gallery.rebuildConstraint(0), ErrorKind::Argument, "expected 1 to 128");
+    // Beyond the directions the persons span, a space would weigh rounding noise most.
+    ExpectFailure(e.gallery.rebuildConstraint(13), ErrorKind::Argument,
+                  "dimension 13: the 4 persons' leading vectors span 12 directions");
     EXPECT_EQ(Snapshot(e.dir), before);
     // Four persons of three vectors each span twelve directions: the space whitens within them.
     for (int dimension : {8, 12}) {
