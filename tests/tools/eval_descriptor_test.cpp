@@ -150,7 +150,8 @@ TEST(DescriptorEval, BothKindsInOneRunAreEachTheKindRunAlone) {
     Scratch work;
     const std::string manifest = cutManifest(work.path(), 12);
     REQUIRE_FACES(manifest);
-    const std::string sweep = "--sweep 16,25";
+    // Twelve persons span 36 directions of descriptors: a constraint space of fewer.
+    const std::string sweep = "--sweep 16,25 --descriptor-dimension 25";
     const EvalOut both = runEval(manifest, work / "both", "--patterns both " + sweep);
     SKIP_WITHOUT_DESCRIPTORS(both.run);
     const EvalOut seed = runEval(manifest, work / "seed", sweep);
@@ -204,13 +205,27 @@ TEST(DescriptorEval, OneSearchPerFrameGivesSeedPatternsTheirOwnPoints) {
     Scratch work;
     const std::string manifest = cutManifest(work.path(), 5);
     REQUIRE_FACES(manifest);
-    const EvalOut both =
-        runEval(manifest, work / "detect-both", "--patterns both --detect --no-sweep");
+    const EvalOut both = runEval(manifest, work / "detect-both",
+                                 "--patterns both --detect --no-sweep --descriptor-dimension 10");
     const EvalOut seed = runEval(manifest, work / "detect-seed", "--detect --no-sweep");
     ASSERT_EQ(both.run.status, 0) << both.run.err;
     ASSERT_EQ(seed.run.status, 0) << seed.run.err;
     EXPECT_EQ(ReadText(work / "detect-both/scores.csv"), ReadText(work / "detect-seed/scores.csv"));
     EXPECT_GT(ReadText(work / "detect-seed/scores.csv").size(), 100u);
+}
+
+// A constraint space wider than the persons' descriptors span is refused in one line that names
+// the descriptors' own flag.
+TEST(DescriptorEval, ADimensionBeyondThePersonsSpanNamesItsFlag) {
+    Scratch work;
+    const std::string manifest = cutManifest(work.path(), 3);
+    REQUIRE_FACES(manifest);
+    const CliRun r = RunCli("eval --manifest '" + manifest + "' --out '" + work / "out" +
+                            "' --patterns descriptor --no-sweep --descriptor-dimension 20");
+    SKIP_WITHOUT_DESCRIPTORS(r);
+    EXPECT_EQ(r.status, 1);
+    ASSERT_EQ(r.errLines().size(), 1u) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("msmface: --descriptor-dimension 20: "));
 }
 
 TEST(EvalOptions, KindsAndTheirSettingsOutsideTheirRangeGetOneLine) {

@@ -428,6 +428,10 @@ std::string EvalRun::enrolPerson(std::size_t i, FrameCounts& counts) {
 std::string EvalRun::buildConstraint() {
     for (KindGallery& k : kinds_) {
         const msmface::Status built = k.gallery.rebuildConstraint(k.dimension);
+        // The library names the dimension by its parameter; the descriptors' is their own flag.
+        if (!built.ok() && k.kind != PatternKind::Seed &&
+            built.message().rfind("dimension ", 0) == 0)
+            return "--descriptor-" + built.message();
         if (!built.ok()) return built.message();
         k.persons = k.gallery.persons();
     }
