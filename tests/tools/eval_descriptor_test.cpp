@@ -26,12 +26,17 @@ using ::testing::IsEmpty;
 
 const std::string kFaces = std::string(MSMFACE_SHARED_DIR) + "/faces";
 
-// The sanitizers run the detector and the network about ten times slower: the first 30 persons
-// instead of all 100.
+// The sanitizers run the detector and the engine many times slower: the floors are checked on the
+// first 12 persons instead of all 100 (a constraint space of 25 descriptors' directions, which 12
+// persons span), and the runs that compare kinds take fewer persons.
 #ifdef MSMFACE_TEST_SANITIZED
-constexpr int kFloorPersons = 30;
+constexpr int kFloorPersons = 12;
+constexpr const char* kFloorArgs = " --descriptor-dimension 25";
+constexpr int kKindPersons = 6;
 #else
 constexpr int kFloorPersons = 0;  // all
+constexpr const char* kFloorArgs = "";
+constexpr int kKindPersons = 12;
 #endif
 
 // The manifest's rows of its first `persons` persons (0: all), images named by absolute path.
@@ -104,19 +109,20 @@ int methodIndex(const clitest::JsonFlat& json, const std::string& kind, int meth
     if ((manifest).empty()) GTEST_SKIP() << "no real faces in " << kFaces
 
 // Measured on all 100 persons (faces found in 1,167 of 1,201 frames, described in 1,159): MSM
-// 92 % rank-1 and 3.9 % EER, the mean descriptor 92 % and 3.8 %; on the first 30 persons 90 % and
-// 3.7 %, 90 % and 3.6 %.
+// 92 % rank-1 and 3.9 % EER, the mean descriptor 92 % and 3.8 %; on the first 12 persons both
+// 100 % and 0 %.
 TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
     Scratch work;
     const std::string manifest = cutManifest(work.path(), kFloorPersons);
     REQUIRE_FACES(manifest);
     const EvalOut full =
-        runEval(manifest, work / "full", "--patterns descriptor --detect --no-sweep");
+        runEval(manifest, work / "full",
+                std::string("--patterns descriptor --detect --no-sweep") + kFloorArgs);
     SKIP_WITHOUT_DESCRIPTORS(full.run);
     ASSERT_EQ(full.run.status, 0) << full.run.err;
     ASSERT_TRUE(full.parsed);
     const double minRank1 = kFloorPersons == 0 ? 0.88 : 0.83;
-    const double maxEer = kFloorPersons == 0 ? 0.055 : 0.07;
+    const double maxEer = kFloorPersons == 0 ? 0.055 : 0.09;
     const clitest::JsonFlat& json = full.json;
     EXPECT_EQ(json.values.at("settings.points"), "detector");
     for (int method : {1, -1}) {
@@ -124,7 +130,8 @@ TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
         ASSERT_GE(i, 0) << method;
         const std::string at = "methods[" + std::to_string(i) + "].";
         SCOPED_TRACE(json.values.at(at + "name"));
-        EXPECT_EQ(json.values.at(at + "probes"), kFloorPersons == 0 ? "100" : "30");
+        EXPECT_EQ(json.values.at(at + "probes"),
+                  std::to_string(kFloorPersons == 0 ? 100 : kFloorPersons));
         EXPECT_GE(json.number(at + "rank1"), minRank1);
         EXPECT_LE(json.number(at + "eer"), maxEer);
         EXPECT_GE(json.number(at + "rank5"), json.number(at + "rank1"));
@@ -148,10 +155,10 @@ TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
 // browser with every image and nothing on its console.
 TEST(DescriptorEval, BothKindsInOneRunAreEachTheKindRunAlone) {
     Scratch work;
-    const std::string manifest = cutManifest(work.path(), 12);
+    const std::string manifest = cutManifest(work.path(), kKindPersons);
     REQUIRE_FACES(manifest);
-    // Twelve persons span 36 directions of descriptors: a constraint space of fewer.
-    const std::string sweep = "--sweep 16,25 --descriptor-dimension 25";
+    // Six persons span 18 directions of descriptors: constraint spaces of fewer.
+    const std::string sweep = "--sweep 10,16 --descriptor-dimension 16";
     const EvalOut both = runEval(manifest, work / "both", "--patterns both " + sweep);
     SKIP_WITHOUT_DESCRIPTORS(both.run);
     const EvalOut seed = runEval(manifest, work / "seed", sweep);
@@ -203,10 +210,10 @@ TEST(DescriptorEval, BothKindsInOneRunAreEachTheKindRunAlone) {
 // detector finds when Seed patterns run alone: one search per frame serves both kinds.
 TEST(DescriptorEval, OneSearchPerFrameGivesSeedPatternsTheirOwnPoints) {
     Scratch work;
-    const std::string manifest = cutManifest(work.path(), 5);
+    const std::string manifest = cutManifest(work.path(), 3);
     REQUIRE_FACES(manifest);
     const EvalOut both = runEval(manifest, work / "detect-both",
-                                 "--patterns both --detect --no-sweep --descriptor-dimension 10");
+                                 "--patterns both --detect --no-sweep --descriptor-dimension 8");
     const EvalOut seed = runEval(manifest, work / "detect-seed", "--detect --no-sweep");
     ASSERT_EQ(both.run.status, 0) << both.run.err;
     ASSERT_EQ(seed.run.status, 0) << seed.run.err;
