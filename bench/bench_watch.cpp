@@ -22,6 +22,11 @@
 
 #include <msmface/detect.h>
 #include <msmface/gallery.h>
+#ifdef MSMFACE_BENCH_DESCRIPTOR
+#include <random>
+
+#include <msmface/descriptor.h>
+#endif
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
@@ -246,6 +251,108 @@ void BM_DecodeFrame(benchmark::State& state) {
     setRate(state);
 }
 BENCHMARK(BM_DecodeFrame)->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+
+#ifdef MSMFACE_BENCH_DESCRIPTOR
+// A gallery of descriptors: kPersons made-up persons, each a random direction with eight
+// descriptors scattered about it (what recognising against them costs does not depend on whose
+// faces they are), and the video's person enrolled from the first still's descriptor.
+struct DescriptorFixture {
+    std::unique_ptr<msmface::Gallery> gallery;
+    std::unique_ptr<msmface::Descriptor> descriptor;
+    std::string error;
+
+    DescriptorFixture() {
+        Fixture& fx = fixture();
+        if (!fx.error.empty()) {
+            error = fx.error;
+            return;
+        }
+        msmface::Result<msmface::Descriptor> d = msmface::Descriptor::load();
+        if (!d) {
+            error = d.message();
+            return;
+        }
+        descriptor = std::make_unique<msmface::Descriptor>(std::move(d).value());
+        msmface::OpenOptions options;
+        options.create = true;
+        options.patterns = msmface::PatternKind::Descriptor;
+        msmface::Result<msmface::Gallery> g =
+            msmface::Gallery::open("bench-watch-descriptors", options);
+        if (!g) {
+            error = g.message();
+            return;
+        }
+        std::mt19937 random(7);
+        std::normal_distribution<float> normal;
+        for (int i = static_cast<int>(g->persons().size()); i < kPersons; ++i) {
+            msmface::FaceDescriptor centre;
+            for (float& v : centre) v = normal(random);
+            std::vector<msmface::Sample> samples(8);
+            for (msmface::Sample& s : samples) {
+                msmface::FaceDescriptor x = centre;
+                for (float& v : x) v += 0.3f * normal(random);
+                s.descriptor = x;
+            }
+            msmface::Status st = g->enrol(i + 1, "made" + std::to_string(i + 1), samples);
+            if (!st) {
+                error = st.message();
+                return;
+            }
+        }
+        gallery = std::make_unique<msmface::Gallery>(std::move(g).value());
+    }
+};
+
+DescriptorFixture& descriptorFixture() {
+    static DescriptorFixture f;
+    return f;
+}
+
+// watch on a gallery of descriptors, per frame: follow the face, fit its landmarks, cut its chip,
+// describe it, push the descriptor through the stream. state.range(0): a face is described every
+// k-th frame only (the others are frames without a face for the stream), what a host does where
+// describing every frame does not fit its frame rate.
+void BM_WatchFrameDescriptors(benchmark::State& state) {
+    DescriptorFixture& dx = descriptorFixture();
+    if (!dx.error.empty()) {
+        state.SkipWithError(dx.error.c_str());
+        return;
+    }
+    Fixture& fx = fixture();
+    msmface::Result<msmface::Descriptor> d = msmface::Descriptor::load();
+    if (!d) {
+        state.SkipWithError(d.message().c_str());
+        return;
+    }
+    msmface::FaceDescriber describer(*fx.detector, std::move(d).value());
+    msmface::Result<msmface::Stream> stream = msmface::Stream::create(*dx.gallery, {});
+    if (!stream) {
+        state.SkipWithError(stream.message().c_str());
+        return;
+    }
+    const std::size_t every = static_cast<std::size_t>(state.range(0));
+    std::size_t k = 0;
+    int faces = 0;
+    for (auto _ : state) {
+        msmface::FaceDescriptor descriptor;
+        const bool found = k % every == 0 && describer.findDescriptor(
+                                                 viewOf(fx.video[k % fx.video.size()]), descriptor);
+        msmface::Result<msmface::StreamState> s =
+            found ? stream->push(descriptor) : stream->pushWithoutFace();
+        faces += s && s->face ? 1 : 0;
+        benchmark::DoNotOptimize(s);
+        ++k;
+    }
+    setRate(state);
+    state.counters["face_share"] = double(faces) / double(state.iterations());
+}
+BENCHMARK(BM_WatchFrameDescriptors)
+    ->Arg(1)
+    ->Arg(2)
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(5.0);
+#endif
 
 // Mixing a BGR frame down to grey, which the stream does before it normalises.
 void BM_GreyOfFrame(benchmark::State& state) {
