@@ -13,6 +13,9 @@
 #include <pybind11/stl.h>
 
 #include <msmface/detect.h>
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+#include <msmface/descriptor.h>
+#endif
 
 #include "arrays.h"
 
@@ -58,6 +61,75 @@ py::array_t<float> landmarksArray(const std::array<float, 136>& l) {
     std::copy(l.begin(), l.end(), out.mutable_data());
     return out;
 }
+
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+// The network serves one thread at a time, as its contract asks.
+struct DescriptorBox {
+    explicit DescriptorBox(msmface::Descriptor d) : descriptor(std::move(d)) {}
+    msmface::Descriptor descriptor;
+    std::mutex lock;
+};
+
+void bindDescriptor(py::module_& d) {
+    d.attr("DESCRIPTOR_SIZE") = msmface::kDescriptorSize;
+    d.attr("DESCRIPTOR_CHIP_SIDE") = msmface::kDescriptorChipSide;
+    d.attr("DESCRIPTOR_MODEL_ENVIRONMENT") = msmface::kDescriptorModelEnvironment;
+    d.def("default_descriptor_model_folder", &msmface::defaultDescriptorModelFolder,
+          "Where the descriptor model is looked for when neither the argument nor "
+          "$MSMFACE_DESCRIPTOR_MODEL names it.");
+    py::class_<DescriptorBox, std::shared_ptr<DescriptorBox>>(d, "Descriptor", R"doc(
+A learned face descriptor: 128 numbers per face (float32, unit length) whose cosines tell persons
+apart, for galleries created with patterns="descriptor". model: the model's folder or its
+manifest (None: $MSMFACE_DESCRIPTOR_MODEL, else default_descriptor_model_folder(), where
+tools/fetch_descriptor_model.sh installs it). threads: OpenCV's thread count for the whole
+process as loading leaves it (1: the calling thread alone; 0: untouched). A missing model raises
+ValueError naming the command that installs it; a damaged one OSError. Calls release the GIL.
+)doc")
+        .def(py::init([](const py::object& model, const py::handle& threads) {
+                 msmface::DescriptorOptions o;
+                 if (!model.is_none()) o.modelPath = py::str(model).cast<std::string>();
+                 o.threads = intArgument(threads, "threads", 0, 1024);
+                 std::optional<msmface::Result<msmface::Descriptor>> r;
+                 {
+                     py::gil_scoped_release unlocked;
+                     r.emplace(msmface::Descriptor::load(o));
+                 }
+                 return std::make_shared<DescriptorBox>(take(std::move(*r)));
+             }),
+             py::arg("model") = py::none(), py::kw_only(), py::arg("threads") = 1)
+        .def(
+            "compute",
+            [](DescriptorBox& b, const py::handle& frame, const msmface::DetectedFace& face,
+               const std::string& format) {
+                FrameArg f = frameFromArray(frame, format);
+                std::optional<msmface::Result<msmface::FaceDescriptor>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.descriptor.compute(f.view, face));
+                }
+                return descriptorToArray(take(std::move(*r)));
+            },
+            py::arg("frame"), py::arg("face"), py::kw_only(), py::arg("format") = "bgr",
+            "The descriptor (128,) of a face Detector.detect, Detector.fit or Follower.track "
+            "found\n"
+            "in frame. ValueError for a face too small or too close to the border for a chip.")
+        .def(
+            "compute_chip",
+            [](DescriptorBox& b, const py::handle& chip, const std::string& format) {
+                FrameArg f = frameFromArray(chip, format, "chip");
+                std::optional<msmface::Result<msmface::FaceDescriptor>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.descriptor.computeChip(f.view));
+                }
+                return descriptorToArray(take(std::move(*r)));
+            },
+            py::arg("chip"), py::kw_only(), py::arg("format") = "bgr",
+            "The descriptor (128,) of a face chip already cut: 150 x 150, grey or colour.");
+}
+#endif
 
 }  // namespace
 
@@ -187,6 +259,12 @@ Follows the largest face of a video between full detections. Pass it as the find
             "reset", [](PyFollower& f) { f.reset(); },
             "Forgets the previous frames (a new video).");
 
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+    bindDescriptor(d);
+    d.attr("HAVE_DESCRIPTOR") = true;
+#else
+    d.attr("HAVE_DESCRIPTOR") = false;
+#endif
     d.def(
         "points_from_landmarks",
         [](const py::handle& landmarks) {
