@@ -1,7 +1,9 @@
 // The engine's fourteen points from the 68 landmarks (table in detect/README.md).
 #include <msmface/detect.h>
 
+#include <cmath>
 #include <initializer_list>
+#include <string>
 
 namespace msmface {
 
@@ -40,6 +42,44 @@ FacePoints pointsFromLandmarks(const std::array<float, 136>& landmarks) {
         out.xy[2 * k + 1] = static_cast<float>(y / n);
     }
     return out;
+}
+
+Result<FaceBox> boxFromPoints(const FacePoints& points) {
+    const auto& p = points.xy;
+    for (int k : {0, 1, 13}) {
+        const float x = p[2 * k], y = p[2 * k + 1];
+        // Beyond any frame side the detector takes: no position, and no integer box either.
+        constexpr float kFar = 1 << 20;
+        if (!std::isfinite(x) || !std::isfinite(y) || x < 0 || y < 0 || x > kFar || y > kFar)
+            return Status::failure(ErrorKind::Argument,
+                                   "points: point " + std::to_string(k) +
+                                       " is absent; expected the eye centres (0, 1) and the "
+                                       "mouth centre (13)");
+    }
+    const double mx = (p[0] + p[2]) / 2.0, my = (p[1] + p[3]) / 2.0;
+    const double dx = p[26] - mx, dy = p[27] - my;
+    const double reach = std::hypot(dx, dy);
+    if (!(reach >= 1))
+        return Status::failure(ErrorKind::Argument,
+                               "points: the mouth centre lies within a pixel of the eyes' "
+                               "midpoint; expected a face");
+    // Across the eye line, towards the mouth: the face's own down, whatever its roll.
+    double ex = p[2] - p[0], ey = p[3] - p[1];
+    const double eyes = std::hypot(ex, ey);
+    double downX = dx / reach, downY = dy / reach;
+    if (eyes >= 1) {
+        downX = -ey / eyes;
+        downY = ex / eyes;
+        if (downX * dx + downY * dy < 0) downX = -downX, downY = -downY;
+    }
+    constexpr double kSide = 2.27, kBelow = 0.42;
+    const double side = kSide * reach;
+    const double cx = mx + kBelow * reach * downX, cy = my + kBelow * reach * downY;
+    FaceBox box;
+    box.width = box.height = static_cast<int>(std::lround(side));
+    box.left = static_cast<int>(std::lround(cx - side / 2));
+    box.top = static_cast<int>(std::lround(cy - side / 2));
+    return box;
 }
 
 }  // namespace msmface

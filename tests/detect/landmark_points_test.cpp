@@ -3,6 +3,8 @@
 
 #include <msmface/detect.h>
 
+#include <cmath>
+#include <limits>
 #include <random>
 
 namespace {
@@ -83,6 +85,72 @@ TEST(LandmarkPoints, FollowTheFaceWhenItMovesAndScales) {
         EXPECT_NEAR(q.xy[2 * k], 2 * p.xy[2 * k] + 30, 1e-3);
         EXPECT_NEAR(q.xy[2 * k + 1], 2 * p.xy[2 * k + 1] - 5, 1e-3);
     }
+}
+
+// The box a face's points imply: exact on an upright face, and it moves, grows and turns with
+// the face.
+TEST(BoxFromPoints, FollowsTheFaceItsPointsDescribe) {
+    msmface::FacePoints upright;
+    upright.xy.fill(200.0f);
+    upright.xy[0] = 100, upright.xy[1] = 100;    // eye centre, image left
+    upright.xy[2] = 140, upright.xy[3] = 100;    // eye centre, image right
+    upright.xy[26] = 120, upright.xy[27] = 140;  // mouth centre: 40 below the eyes' midpoint
+    const auto box = msmface::boxFromPoints(upright);
+    ASSERT_TRUE(box.ok()) << box.message();
+    // 2.27 x 40 = 90.8 wide, centred 0.42 x 40 = 16.8 below the midpoint (120, 100).
+    EXPECT_EQ(box->width, 91);
+    EXPECT_EQ(box->height, 91);
+    EXPECT_EQ(box->left, 75);  // 120 - 45.4
+    EXPECT_EQ(box->top, 71);   // 116.8 - 45.4
+
+    auto transformed = [&](double scale, double turn, double dx, double dy) {
+        msmface::FacePoints p = upright;
+        const double c = std::cos(turn), s = std::sin(turn);
+        for (int k = 0; k < msmface::kFacePointCount; ++k) {
+            const double x = p.xy[2 * k] - 120, y = p.xy[2 * k + 1] - 100;
+            p.xy[2 * k] = static_cast<float>(scale * (c * x - s * y) + 300 + dx);
+            p.xy[2 * k + 1] = static_cast<float>(scale * (s * x + c * y) + 300 + dy);
+        }
+        return p;
+    };
+    for (double turn : {0.0, 0.3, -0.5, 3.14159265358979}) {
+        const auto moved = msmface::boxFromPoints(transformed(2.0, turn, 11, -7));
+        ASSERT_TRUE(moved.ok()) << moved.message();
+        EXPECT_NEAR(moved->width, 2 * 90.8, 1.0) << turn;
+        // Its centre lies 2 x 16.8 from the midpoint, towards the mouth, whatever the roll.
+        const double cx = moved->left + moved->width / 2.0 - (300 + 11);
+        const double cy = moved->top + moved->height / 2.0 - (300 - 7);
+        EXPECT_NEAR(cx, -std::sin(turn) * 33.6, 1.0) << turn;
+        EXPECT_NEAR(cy, std::cos(turn) * 33.6, 1.0) << turn;
+    }
+}
+
+TEST(BoxFromPoints, RefusesPointsThatDescribeNoFace) {
+    msmface::FacePoints p;
+    p.xy.fill(150.0f);
+    p.xy[0] = 100, p.xy[2] = 140, p.xy[27] = 190;
+    ASSERT_TRUE(msmface::boxFromPoints(p).ok());
+    const float absent[] = {-1.0f, std::numeric_limits<float>::quiet_NaN(),
+                            std::numeric_limits<float>::infinity(), 3e9f};
+    for (int k : {0, 1, 13})
+        for (float v : absent) {
+            msmface::FacePoints bad = p;
+            bad.xy[2 * k + 1] = v;
+            const auto box = msmface::boxFromPoints(bad);
+            ASSERT_FALSE(box.ok()) << k << " " << v;
+            EXPECT_EQ(box.status().kind(), msmface::ErrorKind::Argument);
+            EXPECT_NE(box.message().find("point " + std::to_string(k)), std::string::npos)
+                << box.message();
+        }
+    // Other points absent do not matter; the mouth on the eyes does.
+    msmface::FacePoints noNose = p;
+    noNose.xy[24] = -1;
+    EXPECT_TRUE(msmface::boxFromPoints(noNose).ok());
+    msmface::FacePoints flat = p;
+    flat.xy[26] = 120, flat.xy[27] = 150.5f;
+    const auto none = msmface::boxFromPoints(flat);
+    ASSERT_FALSE(none.ok());
+    EXPECT_NE(none.message().find("mouth centre"), std::string::npos) << none.message();
 }
 
 }  // namespace

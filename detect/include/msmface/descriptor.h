@@ -21,6 +21,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -98,6 +99,48 @@ class MSMFACE_DETECT_API Descriptor {
     explicit Descriptor(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };
+
+// The descriptor of the most prominent face of each frame, from pixels alone: the detector finds
+// the face (following it from frame to frame through a Follower, or afresh in every frame with
+// FollowerOptions::redetectEvery = 1 for unrelated pictures), fits the 68 landmarks and the
+// descriptor describes the chip cut from them. A DescriptorFinder, so it can be handed to a
+// Gallery (setDescriptorFinder) or a Stream (StreamOptions::describer) of descriptors.
+//
+// A face the detector finds but whose chip cutFaceChip refuses (too small to describe, or too
+// close to the border) is no face for the finder: the frame counts as a frame without a face.
+// Shares the Detector's landmark model (the Detector may go before it); owns its Descriptor. Used
+// by one thread at a time, as a Follower is.
+class MSMFACE_DETECT_API FaceDescriber : public DescriptorFinder {
+  public:
+    FaceDescriber(const Detector& detector, Descriptor descriptor,
+                  const FollowerOptions& options = {});
+    ~FaceDescriber() override;
+
+    // True and the face found in this frame, with its descriptor in out, or with out empty when
+    // the face cannot be described (its chip would be too small or too far outside the frame: the
+    // face is still followed). False when there is no face (face and out then unspecified).
+    bool describe(const FrameView& frame, DetectedFace& face, std::optional<FaceDescriptor>& out);
+    // True and the descriptor when describe() found a face and described it.
+
+    bool findDescriptor(const FrameView& frame, FaceDescriptor& out) override;
+    // Forgets the face followed.
+    void reset() override;
+
+  private:
+    Follower follower_;
+    Descriptor descriptor_;
+};
+
+// A host's whole setup in one call: the landmark model and the descriptor model loaded (with
+// their own options; each failure is Detector::create's or Descriptor::load's) and a
+// FaceDescriber over them.
+struct DescriptorFinderOptions {
+    DetectorOptions detector;
+    DescriptorOptions descriptor;
+    FollowerOptions follower;  // redetectEvery = 1: unrelated pictures rather than a video
+};
+MSMFACE_DETECT_API Result<std::shared_ptr<FaceDescriber>> makeDescriptorFinder(
+    const DescriptorFinderOptions& options = {});
 
 }  // namespace msmface
 

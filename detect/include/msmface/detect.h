@@ -58,6 +58,14 @@ struct DetectorOptions {
 // faces are in detect/README.md.
 MSMFACE_DETECT_API FacePoints pointsFromLandmarks(const std::array<float, 136>& landmarks);
 
+// The box detect() would give for a face whose fourteen points are known (a host's own points, a
+// manifest's), for Detector::fit: a square 2.27 times the distance from the eyes' midpoint to the
+// mouth centre, centred 0.42 of that distance below the midpoint across the eye line (measured
+// against detect() on the real faces of ../shared/faces; detect/README.md). Needs the eye centres
+// (points 0 and 1) and the mouth centre (13); fails (Argument) when one is absent or not finite,
+// or when the mouth lies within a pixel of the eyes.
+MSMFACE_DETECT_API Result<FaceBox> boxFromPoints(const FacePoints& points);
+
 class MSMFACE_DETECT_API Detector {
   public:
     // Loads the landmark model (about a second). A missing model is a NotFound failure naming the
