@@ -1,7 +1,9 @@
 #include "input/frame_descriptors.h"
 
-#include <cmath>
+#include <optional>
 #include <utility>
+
+#include <msmface/face_input.h>
 
 #ifdef MSMFACE_HAVE_DESCRIPTOR
 #include <msmface/descriptor.h>
@@ -9,36 +11,6 @@
 #endif
 
 namespace msmcli {
-namespace {
-
-bool present(double x, double y) {
-    const auto inside = [](double v) {
-        return std::isfinite(v) && v >= 0 && v < msmface::kAbsentCoordinate;
-    };
-    return inside(x) && inside(y);
-}
-
-}  // namespace
-
-std::optional<PointsBox> faceBoxOfPoints(const std::array<double, 28>& p) {
-    constexpr int kLeftEye = 0, kRightEye = 1, kMouth = 13;
-    for (int k : {kLeftEye, kRightEye, kMouth})
-        if (!present(p[2 * k], p[2 * k + 1])) return std::nullopt;
-    const double ex = (p[2 * kLeftEye] + p[2 * kRightEye]) / 2;
-    const double ey = (p[2 * kLeftEye + 1] + p[2 * kRightEye + 1]) / 2;
-    const double mx = p[2 * kMouth], my = p[2 * kMouth + 1];
-    const double eyes =
-        std::hypot(p[2 * kRightEye] - p[2 * kLeftEye], p[2 * kRightEye + 1] - p[2 * kLeftEye + 1]);
-    const double mouth = std::hypot(mx - ex, my - ey);
-    const double side = 1.06 * eyes + 1.29 * mouth;
-    if (!(side >= 1.0)) return std::nullopt;
-    const double cx = ex + 0.43 * (mx - ex), cy = ey + 0.43 * (my - ey);
-    PointsBox box;
-    box.left = static_cast<int>(std::lround(cx - side / 2));
-    box.top = static_cast<int>(std::lround(cy - side / 2));
-    box.side = static_cast<int>(std::lround(side));
-    return box;
-}
 
 std::string describeFramesByPoints(FrameDescriber& describer, const std::string& what,
                                    std::vector<Frame>& frames) {
@@ -72,12 +44,11 @@ class NetworkDescriber : public FrameDescriber {
 
     bool describePoints(const Frame& frame, msmface::FaceDescriptor& out) override {
         if (!frame.image || !detector_) return false;
-        const std::optional<PointsBox> box = faceBoxOfPoints(frame.points);
+        const auto box = msmface::boxFromPoints(msmface::toFacePoints(frame.points));
         if (!box) return false;
         const msmface::FrameView view{frame.image->pixels.data(), frame.image->width,
                                       frame.image->height, 0, msmface::PixelFormat::Grey};
-        // A box reaching past the frame is the detector's too; fit() wants it to overlap only.
-        const auto fitted = detector_->fit(view, {box->left, box->top, box->side, box->side});
+        const auto fitted = detector_->fit(view, *box);
         return fitted && describe(view, fitted->landmarks, out);
     }
 

@@ -2,14 +2,12 @@
 // (msmface enrol --patterns descriptor). A frame whose face was found by the detector is
 // described from the 68 landmarks the detector fitted; a frame that comes with its fourteen
 // points (a points file, a manifest) has no landmarks, so the landmark model is fitted in the box
-// the points imply, where the detector would have put it. Built with the face descriptor only
-// (MSMFACE_HAVE_DESCRIPTOR); without it every call says so.
+// the points imply (msmface::boxFromPoints), where the detector would have put it. Built with the
+// face descriptor only (MSMFACE_HAVE_DESCRIPTOR); without it every call says so.
 #ifndef MSMFACE_TOOLS_MSMFACE_FRAME_DESCRIPTORS_H
 #define MSMFACE_TOOLS_MSMFACE_FRAME_DESCRIPTORS_H
 
-#include <array>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,19 +18,6 @@
 #include "input/frames.h"
 
 namespace msmcli {
-
-// The detector's box of the face whose eye centres (points 0 and 1) and mouth centre (point 13)
-// are given: a square centred 0.43 of the way from the eyes' midpoint to the mouth, of side
-// 1.06 eye distances plus 1.29 eyes-to-mouth distances. Fitted on the detector's boxes of the
-// frames of ../shared/faces (median error of the side 8 %); the landmarks fitted in it lie a
-// median 2 % of the eye distance from those fitted in the detector's own box. Nothing when one of
-// the three points is absent or the face has no size.
-struct PointsBox {
-    int left = 0;
-    int top = 0;
-    int side = 0;
-};
-std::optional<PointsBox> faceBoxOfPoints(const std::array<double, 28>& points);
 
 class FrameDescriber {
   public:
