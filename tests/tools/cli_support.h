@@ -170,6 +170,13 @@ inline bool WriteVideo(const std::string& path, const std::vector<cv::Mat>& fram
     return count == static_cast<int>(frames.size());
 }
 
+// The first line of recognise's ranking naming this person.
+inline std::string TopLine(int id, const std::string& name) {
+    char line[128];  // key names are at most 64 characters
+    std::snprintf(line, sizeof line, "   1 %4d  %s ", id, name.c_str());
+    return line;
+}
+
 inline std::string Join(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& l : lines) text += l + "\n";

@@ -27,6 +27,7 @@ using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
+using clitest::TopLine;
 using clitest::WriteText;
 using ::testing::AllOf;
 using ::testing::AnyOf;
@@ -35,12 +36,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 const std::string kFaces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-
-std::string TopLine(int id, const std::string& name) {
-    char line[96];
-    std::snprintf(line, sizeof line, "   1 %4d  %s ", id, name.c_str());
-    return line;
-}
 
 // The files of a directory and their bytes, to show that a refused command changed nothing.
 std::map<std::string, std::string> Contents(const std::string& dir) {
