@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <set>
@@ -125,7 +126,9 @@ class RealDescriptorCli : public ::testing::Test {
 
     void SetUp() override {
         if (persons_.size() < 5) GTEST_SKIP() << "no real faces in " << kFaces;
+        // A folder made beforehand and still empty takes the kind of its first enrolment.
         dir_ = work_ / "dict";
+        ASSERT_EQ(::mkdir(dir_.c_str(), 0755), 0);
         // The first enrolment tells whether the model is there.
         const CliRun first = Enrol(0, "--patterns descriptor");
         if (first.status != 0 && first.err.find("descriptor model") != std::string::npos)

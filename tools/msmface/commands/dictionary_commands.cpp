@@ -162,16 +162,24 @@ int runEnrol(const EnrolOptions& o) {
         if (!requested) return fail("--patterns " + o.patterns + ": expected seed or descriptor");
     }
     // An existing directory tells the kind the frames must be turned into, and refuses another
-    // kind before any frame is read; a new one is made only once the frames are known to be good,
-    // so that everything a user can get wrong is checked before the first file is written.
+    // kind before any frame is read (an empty one still takes the kind asked); a new one is made
+    // only once the frames are known to be good, so that everything a user can get wrong is
+    // checked before the first file is written.
     std::optional<msmface::Gallery> existing;
+    msmface::PatternKind kind = requested.value_or(msmface::PatternKind::Seed);
     if (isDirectory(o.dir)) {
-        auto g = openGallery(o.dir, false, o.noWait, requested);
+        auto g = openGallery(o.dir, false, o.noWait);
         if (!g.ok()) return fail(g.message());
-        existing.emplace(std::move(g).value());
+        if (!requested || *requested == g->patterns()) {
+            kind = g->patterns();
+            existing.emplace(std::move(g).value());
+        } else if (!g->persons().empty() || !g->leftOut().empty()) {
+            // The library's refusal, which names both kinds.
+            auto refused = openGallery(o.dir, false, o.noWait, requested);
+            if (!refused.ok()) return fail(refused.message());
+            existing.emplace(std::move(refused).value());
+        }
     }
-    const msmface::PatternKind kind =
-        existing ? existing->patterns() : requested.value_or(msmface::PatternKind::Seed);
     std::vector<Frame> frames;
     std::vector<msmface::Sample> samples;
     std::string error = gatherFrames(o.frames, kind, frames, samples);
