@@ -5,7 +5,7 @@ from typing import Iterator, List, Optional, Tuple
 import numpy as np
 import numpy.typing as npt
 
-from ._msmface import PointFinder
+from ._msmface import DescriptorFinder, PointFinder
 
 DEFAULT_MODEL: str
 MODEL_ENVIRONMENT: str
@@ -55,5 +55,12 @@ class Descriptor:
                 format: str = "bgr") -> npt.NDArray[np.float32]: ...
     def compute_chip(self, chip: npt.NDArray[np.uint8], *,
                      format: str = "bgr") -> npt.NDArray[np.float32]: ...
+
+class FaceDescriber(DescriptorFinder):
+    def __init__(self, detector: Detector, model: Optional[str] = None, *,
+                 redetect_every: int = 10, threads: int = 1) -> None: ...
+    def describe(self, frame: npt.NDArray[np.uint8], *, format: str = "bgr"
+                 ) -> Optional[Tuple[Face, Optional[npt.NDArray[np.float32]]]]: ...
+    def reset(self) -> None: ...
 
 def points_from_landmarks(landmarks: npt.ArrayLike) -> npt.NDArray[np.float32]: ...

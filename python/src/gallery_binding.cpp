@@ -410,6 +410,15 @@ enrol and recognise between frames, leaving the directory as it was.
             b.gallery.setPointFinder(std::move(f));
         },
         py::arg("finder"), "Finds the points of frames given without them (None: no finder).");
+    g.def(
+        "set_descriptor_finder",
+        [](GalleryBox& b, std::shared_ptr<msmface::DescriptorFinder> f) {
+            std::unique_lock<std::shared_mutex> l(b.lock);
+            b.gallery.setDescriptorFinder(std::move(f));
+        },
+        py::arg("finder"),
+        "A gallery of descriptors: finds the descriptors of frames given alone (a\n"
+        "msmface.detect.FaceDescriber; None: no finder).");
 
     py::class_<StreamBox, std::shared_ptr<StreamBox>> s(m, "Stream", R"doc(
 One camera's frame cycle over a gallery. push() each frame (with its points, or without: the
@@ -419,8 +428,10 @@ threads at once, also while the gallery changes: a stream picks a change up at i
 )doc");
     s.def(py::init([](std::shared_ptr<GalleryBox> gallery, const py::handle& method,
                       const py::object& threshold, const py::object& refreshTime,
-                      std::shared_ptr<msmface::PointFinder> finder) {
+                      std::shared_ptr<msmface::PointFinder> finder,
+                      std::shared_ptr<msmface::DescriptorFinder> describer) {
               msmface::StreamOptions o;
+              o.describer = std::move(describer);
               o.method = methodFrom(method);
               o.threshold = optionalIntArgument(threshold, -1, "threshold");
               o.refreshTime = optionalIntArgument(refreshTime, -2, "refresh_time");
@@ -435,9 +446,10 @@ threads at once, also while the gallery changes: a stream picks a change up at i
           }),
           py::arg("gallery"), py::kw_only(), py::arg("method") = "msm",
           py::arg("threshold") = py::none(), py::arg("refresh_time") = py::none(),
-          py::arg("finder") = py::none(),
+          py::arg("finder") = py::none(), py::arg("describer") = py::none(),
           "A stream over gallery. refresh_time: face-less frames before the input is cleared\n"
-          "(None: the engine's). finder: a PointFinder for push(frame) without points.");
+          "(None: the engine's). finder: a PointFinder for push(frame) without points;\n"
+          "describer: in a gallery of descriptors, a DescriptorFinder for push(frame).");
     s.def(
         "push",
         [](StreamBox& b, const py::handle& frame, const py::handle& points,

@@ -252,3 +252,25 @@ def test_a_gallery_of_real_descriptors_recognises_its_persons(tmp_path, network,
         g.enrol(k + 1, f"p{k}", descriptors=np.vstack([described[2 * k]]))
     for k in range(3):
         assert g.recognise(descriptors=described[2 * k + 1][None, :]).best.id == k + 1
+
+
+def test_frames_alone_are_described_by_a_face_describer(tmp_path, network, reference_faces):
+    detector, descriptor = network
+    g = msmface.Gallery(str(tmp_path / "frames"), create=True, patterns="descriptor")
+    # Without a finder a frame alone has no face; with one, its face is described.
+    frames = [f for f, _ in reference_faces]
+    with pytest.raises(ValueError):
+        g.enrol(1, "p0", [frames[0]])
+    g.set_descriptor_finder(msmface.detect.FaceDescriber(detector, redetect_every=1))
+    for k in range(3):
+        g.enrol(k + 1, f"p{k}", [frames[2 * k]])
+    found = msmface.detect.FaceDescriber(detector, redetect_every=1).describe(frames[1])
+    assert found is not None
+    face, d = found
+    assert face.landmarks.shape == (68, 2)
+    np.testing.assert_allclose(d, descriptor.compute(frames[1], face), atol=1e-6)
+    assert msmface.detect.FaceDescriber(detector).describe(np.zeros((60, 80), np.uint8)) is None
+    for k in range(3):
+        s = msmface.Stream(g, describer=msmface.detect.FaceDescriber(detector))
+        state = s.push(frames[2 * k + 1])
+        assert state.face and state.ranking.best.id == k + 1
