@@ -17,9 +17,9 @@ ConstraintSpaces::~ConstraintSpaces() = default;
 Result<std::unique_ptr<ConstraintSpaces>> ConstraintSpaces::load(const std::string& listPath,
                                                                  PatternShape shape) {
     const std::string list = "constraint list " + detail::quoteForMessage(listPath, 4096);
-    // The space files hold vectors of the engine's pattern length; the loader reads no other.
-    if (shape.dimension != msm::kPatternDim)
-        return argumentFailure(list + ": spaces are read for patterns of " +
+    // A space's eigenvalues are kept per channel in rows of the engine's pattern length.
+    if (shape.dimension < 1 || shape.dimension > msm::kPatternDim)
+        return argumentFailure(list + ": spaces are read for patterns of 1.." +
                                std::to_string(msm::kPatternDim) + " values, not " +
                                std::to_string(shape.dimension));
     if (shape.channels < 1 || shape.channels > msm::kMaxChannels)
@@ -37,7 +37,7 @@ Result<std::unique_ptr<ConstraintSpaces>> ConstraintSpaces::load(const std::stri
     out->count_ = std::max(parsed.declared, 0);
     // The class data of a learned space is the generation's; a recognition only needs it to read.
     const int status = msm::loadConstraintSpaces(out->spaces_.get(), out->count_, shape.channels,
-                                                 msm::matrixReads);
+                                                 msm::matrixReads, shape.dimension);
     if (status < 1)
         return Status::failure(ErrorKind::File, list + ": the files of its spaces did not load (" +
                                                     std::to_string(status) + ")");

@@ -1,12 +1,14 @@
 #include "core/input.h"
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 #include <string>
 
 #include "core/status.h"
 #include "dictionary/fixed_point.h"
 #include "dictionary/rows.h"
+#include "numeric/eigen_steps.h"
 #include "recognition/MSMRecognition.h"
 #include "recognition/person_value.h"
 
@@ -72,6 +74,14 @@ bool Input::allocate(const InputOptions& options) {
         if (in.Allocate(K, shape_.dimension) != 1) return false;
     }
     patterns_.assign(static_cast<std::size_t>(C) * shape_.dimension, 0.0f);
+    solved_ = options.solvedBasis;
+    maxSegments_ = options.maxSegments;
+    if (solved_) {
+        const std::size_t n = static_cast<std::size_t>(maxSegments_);
+        recent_.assign(n * patterns_.size(), 0.0f);
+        gramValues_.assign(n * n, 0.0);
+        gramRows_.resize(n);
+    }
     basisCopy_ = msm::allocateRows<float>(C * K, shape_.dimension);
     inputQ14_ = msm::allocateRows<short>(C * K, paddedLength_, kRowAlign);
     gram_.assign(static_cast<std::size_t>(msm::gramEntries(K)), 0);
@@ -99,22 +109,90 @@ bool Input::reserveSpaces(int spaces) {
 void Input::update(const float* const* patterns) {
     const int C = shape_.channels, D = shape_.dimension;
     for (int c = 0; c < C; ++c) {
-        inputs_[c].Update(patterns[c]);
+        if (!solved_) inputs_[c].Update(patterns[c]);
         std::copy(patterns[c], patterns[c] + D,
                   patterns_.begin() + static_cast<std::ptrdiff_t>(c) * D);
+    }
+    if (solved_) {
+        std::copy(patterns_.begin(), patterns_.end(),
+                  recent_.begin() + static_cast<std::ptrdiff_t>(recentNext_) *
+                                        static_cast<std::ptrdiff_t>(patterns_.size()));
+        recentNext_ = (recentNext_ + 1) % maxSegments_;
+        recentCount_ = std::min(recentCount_ + 1, maxSegments_);
     }
     hasPatterns_ = true;
 }
 
 void Input::refresh() {
     for (int c = 0; c < shape_.channels; ++c) inputs_[c].Refresh();
+    recentCount_ = recentNext_ = 0;
 }
 
 void Input::prepareRows() {
     const int K = basisCount_;
-    for (int c = 0; c < shape_.channels; ++c)
-        msm::inputBasisRows(inputs_[c], K, shape_.dimension, basisCopy_ + c * K, inputQ14_ + c * K,
-                            paddedLength_);
+    for (int c = 0; c < shape_.channels; ++c) {
+        if (solved_)
+            solveBasis(c);
+        else
+            msm::inputBasisRows(inputs_[c], K, shape_.dimension, basisCopy_ + c * K,
+                                inputQ14_ + c * K, paddedLength_);
+    }
+}
+
+void Input::solveBasis(int c) {
+    const int K = basisCount_, D = shape_.dimension, n = recentCount_;
+    const std::size_t frame = patterns_.size();
+    const auto x = [&](int k) {
+        return recent_.data() + static_cast<std::size_t>(k) * frame +
+               static_cast<std::size_t>(c) * D;
+    };
+    // The n patterns span at most n directions: the eigenvectors of their n x n Gram matrix give
+    // those of the D x D autocorrelation (u = X^T v / sqrt(lambda)) at a fraction of the work.
+    for (int i = 0; i < n; ++i) {
+        gramRows_[i] = gramValues_.data() + static_cast<std::size_t>(i) * n;
+        for (int j = 0; j <= i; ++j) {
+            double dot = 0.0;
+            const float *a = x(i), *b = x(j);
+            for (int k = 0; k < D; ++k) dot += static_cast<double>(a[k]) * b[k];
+            gramRows_[i][j] = dot;
+        }
+    }
+    for (int i = 0; i < n; ++i)
+        for (int j = i + 1; j < n; ++j) gramRows_[i][j] = gramRows_[j][i];
+    std::vector<double> values(static_cast<std::size_t>(n)), off(static_cast<std::size_t>(n));
+    bool solved = n > 0;
+    if (n > 1) {
+        msm::tridiagonalize(n, gramRows_.data(), values.data(), off.data());
+        solved = msm::qlImplicit(n, values.data(), off.data(), gramRows_.data()) == 0;
+        if (solved) msm::sortDescending(n, values.data(), gramRows_.data());
+    } else if (n == 1) {
+        values[0] = gramRows_[0][0];
+        gramRows_[0][0] = 1.0;
+    }
+    // Directions the patterns do not reach (fewer patterns than vectors, or repeated ones) stay
+    // zero rows: they add nothing to a similarity.
+    const double floor = solved ? values[0] * 1e-9 : 0.0;
+    std::vector<double> u(static_cast<std::size_t>(D));
+    for (int i = 0; i < K; ++i) {
+        float* out = basisCopy_[c * K + i];
+        std::fill(out, out + D, 0.0f);
+        if (solved && i < n && values[i] > floor && values[i] > 0.0) {
+            std::fill(u.begin(), u.end(), 0.0);
+            for (int k = 0; k < n; ++k) {
+                const double w = gramRows_[i][k];
+                const float* p = x(k);
+                for (int l = 0; l < D; ++l) u[l] += w * p[l];
+            }
+            double length = 0.0;
+            for (double v : u) length += v * v;
+            length = std::sqrt(length);
+            if (length > 0.0)
+                for (int l = 0; l < D; ++l) out[l] = static_cast<float>(u[l] / length);
+        }
+        short* q = inputQ14_[c * K + i];
+        for (int l = 0; l < D; ++l) q[l] = msm::toQ14(out[l]);
+        for (int l = D; l < paddedLength_; ++l) q[l] = 0;
+    }
 }
 
 void Input::scoreSinglePattern(const Snapshot& snapshot, msm::RankingPass& pass) {

@@ -33,6 +33,12 @@ struct InputOptions {
     int maxSegments = 25;         // frames an input subspace buffers (1..501)
     float updateWeight = 0.125f;  // weight of the newest pattern in the autocorrelation
     int distNum = 1;              // canonical angles averaged in a similarity (1..basis count)
+    // false: the engine's input subspace, which starts from a fixed basis and moves one step of
+    // power iteration per frame after the first basis-count frames (what its scores are). true:
+    // the leading eigenvectors of the last maxSegments patterns' autocorrelation (equal weights),
+    // solved when scored: exact from the first frame on, for patterns whose faces come few.
+    // updateWeight is then unused.
+    bool solvedBasis = false;
 };
 
 struct RankedPerson {
@@ -57,7 +63,7 @@ class Input {
     // The next frame starts a new input subspace.
     void refresh();
     // Frames in the current input subspace (channel 0's count).
-    int frameCount() const { return inputs_[0].frameCount; }
+    int frameCount() const { return solved_ ? recentCount_ : inputs_[0].frameCount; }
 
     PatternShape shape() const { return shape_; }
     int basisCount() const { return basisCount_; }
@@ -74,6 +80,8 @@ class Input {
     bool allocate(const InputOptions& options);
     bool reserveSpaces(int spaces);
     void prepareRows();
+    // solvedBasis: channel c's basis from the recent patterns into basisCopy_ and inputQ14_.
+    void solveBasis(int c);
     void scoreSinglePattern(const Snapshot& snapshot, msm::RankingPass& pass);
     void scoreSubspaces(const Snapshot& snapshot, msm::RankingPass& pass);
     void scoreInSpaces(const Snapshot& snapshot, int spaces, msm::RankingPass& pass);
@@ -90,6 +98,14 @@ class Input {
     std::unique_ptr<InputSubspace[]> inputs_;
     std::vector<float> patterns_;  // the newest frame, channel after channel
     bool hasPatterns_ = false;
+    // solvedBasis: the last maxSegments frames (each channel after channel) in a ring, and the
+    // work of solving their Gram matrix.
+    bool solved_ = false;
+    int maxSegments_ = 0;
+    std::vector<float> recent_;
+    int recentCount_ = 0, recentNext_ = 0;
+    std::vector<double> gramValues_;
+    std::vector<double*> gramRows_;
     // Work of the scoring: the bases as float and Q14 rows, their projections, the batch.
     float** basisCopy_ = nullptr;       // channels * K rows of dimension floats
     short** inputQ14_ = nullptr;        // channels * K rows of paddedLength

@@ -93,6 +93,26 @@ DictionaryShape constraintValuesShape() {
     return shape;
 }
 
+DictionaryShape personDictionaryShape(int channels, int dimension) {
+    DictionaryShape shape = personDictionaryShape();
+    shape.sets = channels;
+    shape.dimension = dimension;
+    return shape;
+}
+
+DictionaryShape constraintBasisShape(int channels, int dimension) {
+    DictionaryShape shape = constraintBasisShape();
+    shape.sets = channels;
+    shape.dimension = dimension;
+    return shape;
+}
+
+DictionaryShape constraintValuesShape(int channels) {
+    DictionaryShape shape = constraintValuesShape();
+    shape.sets = channels;
+    return shape;
+}
+
 namespace {
 
 // Empty, or what the file's bytes (read whole) do not satisfy.

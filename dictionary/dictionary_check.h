@@ -43,10 +43,14 @@ std::string loadDictionaryFile(const std::string& path, const DictionaryShape& s
                                int keptVectors, DictChunk& out);
 
 // The shapes of the directory's files: a person's dictionary, a constraint space's basis and its
-// eigenvalues.
+// eigenvalues, for patterns of `channels` channels of `dimension` values (without arguments:
+// the engine's own, five channels of 256 values).
 DictionaryShape personDictionaryShape();
+DictionaryShape personDictionaryShape(int channels, int dimension);
 DictionaryShape constraintBasisShape();
+DictionaryShape constraintBasisShape(int channels, int dimension);
 DictionaryShape constraintValuesShape();
+DictionaryShape constraintValuesShape(int channels);
 
 }  // namespace msm
 

@@ -16,6 +16,7 @@
 #include "gallery/memory_file.h"
 #include "numeric/diagnostics.h"
 #include "recognition/constraint_list.h"
+#include "store/patterns_file.h"
 #include "store/store_files.h"
 
 namespace msmface {
@@ -50,7 +51,8 @@ std::string constraintListText(const msm::ConstraintList& list, const std::strin
 
 // Empty, or the first file of the list's spaces that does not hold a valid basis or eigenvalues. A
 // list that does not read is left to the recogniser, which says so.
-std::string checkConstraintFiles(const std::string& dir, const std::string& list) {
+std::string checkConstraintFiles(const std::string& dir, const std::string& list,
+                                 PatternKind kind) {
     msm::ConstraintList parsed;
     {
         msm::DiagnosticCapture quiet;
@@ -62,12 +64,13 @@ std::string checkConstraintFiles(const std::string& dir, const std::string& list
     };
     for (const msm::ConstraintListEntry& e : parsed.entries) {
         if (e.kind != msm::kKindFile && e.kind != msm::kKindLearned) continue;
-        std::string problem =
-            msm::checkDictionaryFile(at(e.stem) + ".dck", msm::constraintBasisShape());
+        const msm::DictionaryShape basis = detail::constraintBasisShapeOf(kind);
+        std::string problem = msm::checkDictionaryFile(at(e.stem) + ".dck", basis);
         if (problem.empty())
-            problem = msm::checkDictionaryFile(at(e.stem) + ".dckev", msm::constraintValuesShape());
+            problem = msm::checkDictionaryFile(at(e.stem) + ".dckev",
+                                               detail::constraintValuesShapeOf(kind));
         if (problem.empty() && e.kind == msm::kKindLearned && e.stem2 != e.stem)
-            problem = msm::checkDictionaryFile(at(e.stem2) + ".dck", msm::constraintBasisShape());
+            problem = msm::checkDictionaryFile(at(e.stem2) + ".dck", basis);
         if (!problem.empty()) return problem;
     }
     return {};
@@ -104,7 +107,7 @@ std::string prepareList(const GalleryState& state, std::optional<MemoryFile>& pl
         return dir + ": no constraint space yet (build one with Gallery::rebuildConstraint)";
     const std::string problem = msm::constraintListProblem(dir);
     if (!problem.empty()) return problem;
-    const std::string invalid = checkConstraintFiles(dir, list);
+    const std::string invalid = checkConstraintFiles(dir, list, state.kind);
     if (!invalid.empty())
         return list + ": the constraint space does not load (" + invalid +
                "); rebuild it with Gallery::rebuildConstraint";
@@ -131,7 +134,7 @@ std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& sta
     error = prepareList(state, placed, path);
     if (!error.empty()) return nullptr;
     msm::DiagnosticCapture quiet;
-    auto spaces = core::ConstraintSpaces::load(path, directoryShape());
+    auto spaces = core::ConstraintSpaces::load(path, state.settings().shape);
     if (!spaces.ok()) {
         error = list + ": the constraint space does not load (" + spaces.message() +
                 "); rebuild it with Gallery::rebuildConstraint";

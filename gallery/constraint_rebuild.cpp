@@ -13,10 +13,10 @@
 #include <optional>
 
 #include "core/constraint_spaces.h"
+#include "dictionary/DictChunk.h"
 #include "gallery/gallery_impl.h"
 #include "gallery/memory_file.h"
 #include "io/atomic_file.h"
-#include "normalise/face_patterns.h"
 #include "numeric/diagnostics.h"
 #include "recognition/class_data.h"
 #include "recognition/constraint_list.h"
@@ -48,6 +48,23 @@ std::string currentConstraintStem(const std::string& dir) {
     return stem.substr(stem.find_last_of('/') + 1);
 }
 
+// The directions the persons' leading vectors span, from the eigenvalues of a space written
+// under stem: those above rounding noise (a ten-thousandth of the largest). -1 when the file does
+// not read.
+int spannedDirections(const std::string& stem) {
+    DictChunk values;
+    values.SetModeAndLimit(kDicPrimFloat, 0);
+    if (values.ReadAll((stem + ".dckev").c_str()) != 1 || values.count < 1) return -1;
+    const DicPrim& v = values.prims[0];
+    const int rows = std::min(v.count, v.allocatedRows);
+    if (v.frows == nullptr || rows < 1) return -1;
+    const float largest = v.frows[0][0];
+    int spanned = 0;
+    for (int r = 0; r < rows; ++r)
+        if (v.frows[r][0] > 1e-4f * largest && v.frows[r][0] > 0.0f) ++spanned;
+    return spanned;
+}
+
 void removeConstraintFiles(const std::string& dir, const std::string& stem) {
     for (const char* ext : {".dck", ".dckev", ".mck"}) ::unlink((dir + "/" + stem + ext).c_str());
 }
@@ -69,9 +86,13 @@ void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook) {
 
 Status Gallery::rebuildConstraint(int dimension) {
     Impl& g = *impl_;
-    if (dimension < 1 || dimension > 256)
-        return fail(ErrorKind::Argument,
-                    "dimension " + std::to_string(dimension) + ": expected 1 to 256");
+    // The constraint space holds at most every direction of the directory's patterns.
+    const core::PatternShape shape = g.state->settings().shape;
+    if (dimension < 1 || dimension > shape.dimension)
+        return fail(ErrorKind::Argument, "dimension " + std::to_string(dimension) +
+                                             ": expected 1 to " + std::to_string(shape.dimension) +
+                                             " for " + patternKindName(g.state->kind) +
+                                             " patterns");
     msm::DirectoryLock directoryLock;
     Status status = g.beginWrite(directoryLock);
     if (!status.ok()) return status;
@@ -120,12 +141,28 @@ Status Gallery::rebuildConstraint(int dimension) {
     {
         // Our own message names the file; the legacy words would only repeat it.
         msm::DiagnosticCapture quiet;
-        status = msm::generateConstraintSpace(dictionaries, 0, msm::kFacePatternChannels,
-                                              g.dir() + "/" + fresh);
+        status =
+            msm::generateConstraintSpace(dictionaries, 0, shape.channels, g.dir() + "/" + fresh,
+                                         shape.dimension, g.state->settings().constraintBasisCount);
     }
     if (!status.ok()) {
         removeConstraintFiles(g.dir(), fresh);
         return status;
+    }
+    // A space weighs each direction it keeps by the inverse root of its eigenvalue: directions no
+    // person spans (eigenvalues of rounding noise) would outweigh every other, and all scores
+    // fall to nothing. Descriptors, of few vectors per person, meet that at ordinary dimensions.
+    if (g.state->kind == PatternKind::Descriptor) {
+        const int spanned = spannedDirections(g.dir() + "/" + fresh);
+        if (spanned >= 0 && dimension > spanned) {
+            removeConstraintFiles(g.dir(), fresh);
+            return fail(ErrorKind::Argument,
+                        "dimension " + std::to_string(dimension) + ": the " +
+                            std::to_string(g.state->persons.size()) +
+                            " persons' leading vectors span " + std::to_string(spanned) +
+                            " directions; expected at most " + std::to_string(spanned) +
+                            " (more persons span more)");
+        }
     }
     if (spaceWrittenHook()) spaceWrittenHook()(g.dir() + "/" + fresh);
     const std::string list = detail::constraintListPath(g.dir());
@@ -156,9 +193,8 @@ Status Gallery::rebuildConstraint(int dimension) {
         msm::DiagnosticCapture quiet;
         std::optional<MemoryFile> placed;
         if (blanks) placed.emplace(listText(detail::engineFolder(*g.state) + "/" + fresh));
-        auto loaded = core::ConstraintSpaces::load(
-            placed ? placed->path() : listFile.temporaryPath(),
-            core::PatternShape{msm::kFacePatternDimension, msm::kFacePatternChannels});
+        auto loaded =
+            core::ConstraintSpaces::load(placed ? placed->path() : listFile.temporaryPath(), shape);
         if (!loaded.ok()) {
             removeConstraintFiles(g.dir(), fresh);
             return fail(ErrorKind::File, g.dir() + "/" + fresh +

@@ -13,6 +13,7 @@
 
 #include "gallery/gallery_impl.h"
 #include "gallery/view_builder.h"
+#include "store/patterns_file.h"
 #include "store/registry.h"
 #include "store/threshold_file.h"
 
@@ -23,9 +24,19 @@ namespace detail {
 std::string readListed(const GalleryState& state, Listing& out) {
     const std::string& dir = state.dir;
     Listing l;
-    std::string error = loadRegistry(dir, l.listed);
+    // A gallery's view, streams and inputs are made for its kind: a directory recorded anew as
+    // another one (emptied and made again by another process) is opened again, not mixed in.
+    PatternKind kind = PatternKind::Seed;
+    std::string error = loadPatternKind(dir, kind);
     if (!error.empty()) return error;
-    error = loadThreshold(dir, kDefaultIdentifyThreshold, l.threshold);
+    if (kind != state.kind)
+        return patternsPath(dir) + ": the directory now holds " + patternKindName(kind) +
+               " patterns, not the " + patternKindName(state.kind) +
+               " patterns it was opened with; open it again";
+    error = loadRegistry(dir, l.listed);
+    if (!error.empty()) return error;
+    l.threshold = defaultIdentifyThreshold(kind);
+    error = loadThreshold(dir, l.threshold, l.threshold, kind);
     if (!error.empty()) return error;
     ViewBuilder builder(state);
     // One person's bad file must not take the others down: it is left out, and said why.

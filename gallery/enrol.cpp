@@ -168,19 +168,40 @@ Status gatherFaces(Gallery::Impl& g, const std::vector<Sample>& frames,
     return {};
 }
 
+// The descriptors of the first faces of the frames, as many as an enrolment takes. Fails when
+// fewer than the fewest it takes give one, or the host interrupts.
+Status gatherDescriptors(Gallery::Impl& g, const std::vector<Sample>& frames,
+                         msm::GatheredPatterns& gathered) {
+    for (std::size_t k = 0; k < frames.size() && !gathered.full(); ++k) {
+        if (g.interrupted && g.interrupted()) return fail(ErrorKind::Argument, "interrupted");
+        Result<bool> face = g.descriptorPattern(frames[k], k, frames.size(), gathered.next()[0]);
+        if (!face.ok()) return face.status();
+        if (*face) gathered.add();
+    }
+    const int fewest = g.state->settings().minEnrolFrames;
+    if (gathered.count() < fewest)
+        return fail(ErrorKind::Argument,
+                    "only " + std::to_string(gathered.count()) + " of " +
+                        std::to_string(frames.size()) + " frames gave a face descriptor; " +
+                        std::to_string(fewest) +
+                        " needed (a descriptor per sample, or a descriptor finder)");
+    return {};
+}
+
 // The person's dictionary made from the gathered patterns and written with the records and the
-// picture; on any failure none of the person's files is left.
+// picture (none for a gallery of descriptors: no face is normalised); on any failure none of the
+// person's files is left.
 Status writeNewPerson(const Gallery::Impl& g, const std::string& name,
-                      const msm::GatheredPatterns& gathered, EnrolmentPicture& picture) {
+                      const msm::GatheredPatterns& gathered, EnrolmentPicture* picture) {
+    const detail::PatternSettings& settings = g.state->settings();
     MtrxChunk records;
     DictChunk dictionaries;
-    Status status = msm::buildPersonRecords(gathered.rows(), msm::kFacePatternDimension, records);
+    Status status = msm::buildPersonRecords(gathered.rows(), settings.shape.dimension, records);
     if (!status.ok()) return status;
     // The legacy engine expands with the spectrum kept (its diagnostic names that form); the
     // gallery has no use for the values themselves.
     if (!msm::expandPersonRecords(
-             records, msm::kFacePatternChannels,
-             std::max(msm::kMinBasisCount, msm::kDefaultBasisCount), [](const float*) {},
+             records, settings.shape.channels, settings.minPersonVectors, [](const float*) {},
              dictionaries)
              .ok())
         return fail(ErrorKind::Argument, "the registration of \"" + name +
@@ -189,7 +210,7 @@ Status writeNewPerson(const Gallery::Impl& g, const std::string& name,
     msm::clearWriteFailure();
     const std::string stem = g.dir() + "/" + name;
     status = msm::writePersonFiles(stem, records, dictionaries, msm::kPersonDictionaryVectors);
-    if (status.ok()) picture.write(stem + ".bmp");
+    if (status.ok() && picture != nullptr) picture->write(stem + ".bmp");
     const std::string writeFailure = msm::lastWriteFailure();
     if (!status.ok() || !writeFailure.empty()) {
         g.removePersonFiles(name);
@@ -213,16 +234,21 @@ Status Gallery::enrol(int id, const std::string& name, const std::vector<Sample>
     if (!status.ok()) return status;
 
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
+    const detail::PatternSettings& settings = g.state->settings();
     std::optional<msm::GatheredPatterns> gathered;
     try {
-        gathered.emplace(msm::kFacePatternChannels, msm::kFacePatternDimension,
-                         msm::kFacesPerRegistration);
+        gathered.emplace(settings.shape.channels, settings.shape.dimension, settings.enrolFrames);
     } catch (const std::bad_alloc&) {
         return fail(ErrorKind::Internal, "out of memory for an enrolment");
     }
-    EnrolmentPicture picture(frames.front().frame.width, frames.front().frame.height);
-    status = gatherFaces(g, frames, *gathered, picture);
-    if (status.ok()) status = writeNewPerson(g, name, *gathered, picture);
+    if (g.state->kind == PatternKind::Descriptor) {
+        status = gatherDescriptors(g, frames, *gathered);
+        if (status.ok()) status = writeNewPerson(g, name, *gathered, nullptr);
+    } else {
+        EnrolmentPicture picture(frames.front().frame.width, frames.front().frame.height);
+        status = gatherFaces(g, frames, *gathered, picture);
+        if (status.ok()) status = writeNewPerson(g, name, *gathered, &picture);
+    }
     if (!status.ok()) return status;
     // The files are complete: the registry names the person last.
     const Person person{id, name};

@@ -15,6 +15,8 @@
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
 #include "io/folders.h"
+#include "recognition/descriptor_patterns.h"
+#include "store/patterns_file.h"
 #include "store/registry.h"
 #include "store/threshold_file.h"
 
@@ -26,6 +28,63 @@ using detail::GalleryState;
 namespace {
 
 constexpr std::size_t kMaxDirectoryName = 200;
+
+std::string frameOf(std::size_t index, std::size_t count) {
+    return "frame " + std::to_string(index + 1) + " of " + std::to_string(count);
+}
+
+// Why a directory without a kind file cannot become one of another kind: anything of the Seed
+// patterns it may hold (persons, their files, a constraint space, a threshold). Empty when it
+// holds none. requires: the directory's lock is held exclusively.
+std::string heldSeedPatterns(const std::string& dir) {
+    std::vector<Person> listed;
+    std::string error = detail::loadRegistry(dir, listed);
+    if (!error.empty()) return error;
+    if (!listed.empty())
+        return dir + ": lists " + std::to_string(listed.size()) + " person" +
+               (listed.size() == 1 ? "" : "s") + " of seed patterns";
+    for (const std::string& name : msm::regularFilesIn(dir))
+        if (!msm::personStemOf(name).empty() || name == kThresholdFileName ||
+            name == kConstraintListFileName)
+            return dir + "/" + name + ": a file of seed patterns";
+    return {};
+}
+
+// Makes the kind of the directory the asked one: an existing kind must be it; a directory without
+// a kind file (Seed) that holds nothing yet is recorded as the asked kind when the open may create.
+Status settleKind(const std::string& dir, const OpenOptions& options, PatternKind& kind) {
+    const auto differs = [&dir](PatternKind held, PatternKind asked) {
+        return fail(ErrorKind::Argument, dir + ": holds " + patternKindName(held) +
+                                             " patterns, not " + patternKindName(asked) +
+                                             " patterns (a directory keeps the kind it was "
+                                             "created with)");
+    };
+    std::string error = detail::loadPatternKind(dir, kind);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    if (!options.patterns || *options.patterns == kind) return {};
+    // Only a directory of no recorded kind can still take one, and only when asked to create.
+    if (kind != PatternKind::Seed || !options.create || detail::exists(detail::patternsPath(dir)))
+        return differs(kind, *options.patterns);
+    msm::DirectoryLock lock;
+    Status status = detail::lockDirectory(dir, msm::LockMode::Exclusive, options.lock, lock);
+    if (!status.ok()) return status;
+    // Under the lock: another process may have recorded a kind or enrolled meanwhile.
+    error = detail::loadPatternKind(dir, kind);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    if (kind == *options.patterns) return {};
+    if (detail::exists(detail::patternsPath(dir))) return differs(kind, *options.patterns);
+    const std::string held = heldSeedPatterns(dir);
+    if (!held.empty())
+        return fail(ErrorKind::Argument, held + "; a directory of " +
+                                             patternKindName(*options.patterns) +
+                                             " patterns needs a new or empty one");
+    // Under the lock, no temporary of a live writer is among these.
+    msm::removeOwnTemporaries(dir);
+    error = detail::savePatternKind(dir, *options.patterns);
+    if (!error.empty()) return fail(ErrorKind::File, error);
+    kind = *options.patterns;
+    return {};
+}
 
 }  // namespace
 
@@ -100,13 +159,38 @@ int Gallery::Impl::findPerson(int id) const {
 }
 
 Status Gallery::Impl::checkSamples(const std::vector<Sample>& frames) const {
+    const bool descriptors = state->kind == PatternKind::Descriptor;
+    float pattern[kDescriptorSize];
     for (std::size_t i = 0; i < frames.size(); ++i) {
-        const std::string error = detail::checkFrame(frames[i].frame);
+        const Sample& s = frames[i];
+        std::string error;
+        if (s.descriptor && !descriptors)
+            error = "a descriptor, but " + dir() +
+                    " holds seed patterns (give the frame and its points)";
+        else if (s.descriptor)
+            // The frame of a sample with its descriptor is not used: it may be empty.
+            error = msm::descriptorPattern(*s.descriptor, pattern);
+        else
+            error = detail::checkFrame(s.frame);
         if (!error.empty())
-            return fail(ErrorKind::Argument, "frame " + std::to_string(i + 1) + " of " +
-                                                 std::to_string(frames.size()) + ": " + error);
+            return fail(ErrorKind::Argument, frameOf(i, frames.size()) + ": " + error);
     }
     return {};
+}
+
+Result<bool> Gallery::Impl::descriptorPattern(const Sample& sample, std::size_t index,
+                                              std::size_t count, float* pattern) {
+    FaceDescriptor found;
+    const FaceDescriptor* descriptor = sample.descriptor ? &*sample.descriptor : nullptr;
+    if (descriptor == nullptr) {
+        if (!describer || !describer->findDescriptor(sample.frame, found)) return false;
+        descriptor = &found;
+    }
+    const std::string error = msm::descriptorPattern(*descriptor, pattern);
+    if (!error.empty())
+        return fail(ErrorKind::Argument,
+                    frameOf(index, count) + ": the descriptor finder gave " + error);
+    return true;
 }
 
 std::optional<PartsPosition> Gallery::Impl::greyFrame(const Sample& sample) {
@@ -153,9 +237,11 @@ Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options
     impl->state->folder.reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     impl->lockOptions = options.lock;
     impl->interrupted = options.interrupted;
+    Status status = settleKind(dir, options, impl->state->kind);
+    if (!status.ok()) return status;
     // Shared: a change another process is writing is either wholly in what we load or not at all.
     msm::DirectoryLock lock;
-    Status status = detail::lockDirectory(dir, msm::LockMode::Shared, options.lock, lock);
+    status = detail::lockDirectory(dir, msm::LockMode::Shared, options.lock, lock);
     if (!status.ok()) return status;
     status = impl->load();
     if (!status.ok()) return status;
@@ -164,6 +250,10 @@ Result<Gallery> Gallery::open(const std::string& dir, const OpenOptions& options
 
 const std::string& Gallery::directory() const {
     return impl_->dir();
+}
+
+PatternKind Gallery::patterns() const {
+    return impl_->state->kind;
 }
 
 std::vector<Person> Gallery::persons() const {
@@ -235,23 +325,35 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
     const bool constrained = method == core::Method::Cmsm || method == core::Method::CmsmAllSpaces;
     if (constrained && snapshot.spaceCount() == 0)
         return fail(view->spaceErrorKind, view->spaceError);
-    auto input = core::Input::create(snapshot, detail::kLegacyInputOptions);
+    auto input = core::Input::create(snapshot, g.state->settings().input);
     if (!input.ok()) return input.status();
-    if (!g.reader) g.reader = std::make_unique<detail::FaceReader>(snapshot.shape());
+    const bool descriptors = g.state->kind == PatternKind::Descriptor;
+    if (!descriptors && !g.reader)
+        g.reader = std::make_unique<detail::FaceReader>(snapshot.shape());
+    float descriptor[kDescriptorSize];
+    const float* const descriptorRows[] = {descriptor};
     // The single-pattern method scores each frame alone: a run's score is the mean of its frames'.
     std::vector<double> sums(static_cast<std::size_t>(n), 0.0);
     std::vector<int> counts(static_cast<std::size_t>(n), 0);
     int framesUsed = 0;
-    for (const Sample& s : frames) {
+    for (std::size_t k = 0; k < frames.size(); ++k) {
+        const Sample& s = frames[k];
         if (g.interrupted && g.interrupted()) return fail(ErrorKind::Argument, "interrupted");
-        FacePoints points;
-        if (s.points)
-            points = *s.points;
-        else if (!g.finder || !g.finder->findPoints(s.frame, points))
-            continue;
-        if (g.reader->read(s.frame, points) != detail::FaceRead::Face) continue;
+        if (descriptors) {
+            Result<bool> face = g.descriptorPattern(s, k, frames.size(), descriptor);
+            if (!face.ok()) return face.status();
+            if (!*face) continue;
+            (*input)->update(descriptorRows);
+        } else {
+            FacePoints points;
+            if (s.points)
+                points = *s.points;
+            else if (!g.finder || !g.finder->findPoints(s.frame, points))
+                continue;
+            if (g.reader->read(s.frame, points) != detail::FaceRead::Face) continue;
+            (*input)->update(g.reader->patterns());
+        }
         ++framesUsed;
-        (*input)->update(g.reader->patterns());
         if (method != core::Method::SinglePattern) continue;
         status = core::score(snapshot, **input, method);
         if (!status.ok()) return status;
@@ -263,7 +365,10 @@ Result<Ranking> Gallery::recognise(const std::vector<Sample>& frames,
             }
     }
     if (framesUsed == 0)
-        return fail(ErrorKind::Argument, "none of the frames gave a face (check the points)");
+        return fail(ErrorKind::Argument,
+                    descriptors ? "none of the frames gave a face (no descriptor, and no "
+                                  "descriptor finder found one)"
+                                : "none of the frames gave a face (check the points)");
     std::vector<int> scores(static_cast<std::size_t>(n), -1);
     if (method == core::Method::SinglePattern) {
         for (std::size_t i = 0; i < scores.size(); ++i)
@@ -296,7 +401,7 @@ Status Gallery::setThreshold(int threshold) {
     Status status = g.beginWrite(directoryLock);
     if (!status.ok()) return status;
     std::unique_lock<std::shared_mutex> lock(g.state->mutex);
-    const std::string error = detail::saveThreshold(g.dir(), threshold);
+    const std::string error = detail::saveThreshold(g.dir(), threshold, g.state->kind);
     if (!error.empty()) return fail(ErrorKind::File, error);
     g.finishWrite();
     g.state->threshold = threshold;
@@ -306,6 +411,10 @@ Status Gallery::setThreshold(int threshold) {
 
 void Gallery::setPointFinder(std::shared_ptr<PointFinder> finder) {
     impl_->finder = std::move(finder);
+}
+
+void Gallery::setDescriptorFinder(std::shared_ptr<DescriptorFinder> finder) {
+    impl_->describer = std::move(finder);
 }
 
 }  // namespace msmface

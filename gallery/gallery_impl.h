@@ -22,6 +22,7 @@
 #include "core/input.h"
 #include "core/snapshot.h"
 #include "gallery/face_reader.h"
+#include "gallery/pattern_settings.h"
 #include "normalise/face_cropping.h"
 #include "store/store_files.h"
 #include "store/store_lock.h"
@@ -46,9 +47,6 @@ inline bool hasBlank(const std::string& s) {
     return s.find_first_of(" \t\n\r\v\f") != std::string::npos;
 }
 
-// The pattern every existing directory holds: the legacy frame cycle's five 256-value channels.
-core::PatternShape directoryShape();
-
 // What recognitions score against: the persons with one snapshot of their dictionaries (projected
 // into the directory's constraint spaces when it has a list that loads). Never changed once
 // published: a change of the directory publishes a new one, and a stream keeps the one it
@@ -69,6 +67,9 @@ struct GalleryView {
 // and its streams (readers, each on its own thread).
 struct GalleryState {
     std::string dir;
+    // Read when the gallery opens the directory and never changed: a directory keeps its kind.
+    PatternKind kind = PatternKind::Seed;
+    const PatternSettings& settings() const { return patternSettings(kind); }
     // Held exclusively by the gallery while it changes the directory's files and the fields
     // below, shared by a stream while it copies them and reads the files they name.
     mutable std::shared_mutex mutex;
@@ -141,9 +142,6 @@ std::string engineFolder(const GalleryState& state);
 std::shared_ptr<const core::ConstraintSpaces> loadSpaces(const GalleryState& state,
                                                          std::string& error, ErrorKind& kind);
 
-// What a legacy engine's input takes: the core's defaults are the engine's.
-inline const core::InputOptions kLegacyInputOptions{};
-
 // For tests: called with the stem of a rebuilt constraint space once its files are written, before
 // they are loaded and the list names them (null: nothing).
 void setSpaceWrittenHook(std::function<void(const std::string& stem)> hook);
@@ -169,8 +167,7 @@ namespace msmface {
 // Enrolments and rebuilds write their files through the dictionary and constraint components.
 class Gallery::Impl {
   public:
-    explicit Impl(const std::string& dir)
-        : state(std::make_shared<detail::GalleryState>()) {
+    explicit Impl(const std::string& dir) : state(std::make_shared<detail::GalleryState>()) {
         state->dir = dir;
     }
 
@@ -190,9 +187,17 @@ class Gallery::Impl {
     Status reloadIfChanged();
     Status checkWritable() const;
     int findPerson(int id) const;
+    // Frames, and descriptors, that cannot be read are refused before the directory is touched;
+    // so are descriptors handed to a gallery of Seed patterns.
     Status checkSamples(const std::vector<Sample>& frames) const;
     // The sample's frame in grey into image, and its points; none when it has no face.
     std::optional<PartsPosition> greyFrame(const Sample& sample);
+    // A gallery of descriptors: the sample's face as the pattern the core compares (kDescriptorSize
+    // floats): its own descriptor, or the one the descriptor finder gives. False when it has
+    // none; fails (Argument, naming the frame of the count) on a finder's descriptor that is not
+    // one.
+    Result<bool> descriptorPattern(const Sample& sample, std::size_t index, std::size_t count,
+                                   float* pattern);
     void removePersonFiles(const std::string& name) const;
     // The first file of a person of this key name that exists in the directory (any type, a
     // dangling link included), or empty.
@@ -211,10 +216,11 @@ class Gallery::Impl {
     // to another process's change first, and the gallery still compares the disk with these.
     msm::DirectoryStamp loadedStamp;
     std::shared_ptr<PointFinder> finder;
+    std::shared_ptr<DescriptorFinder> describer;  // a gallery of descriptors' finder
     LockOptions lockOptions;
-    std::function<bool()> interrupted;                             // OpenOptions::interrupted
-    std::unique_ptr<detail::FaceReader> reader;                    // the recognitions' faces
-    BasicImageFile image;                                          // the current frame in grey
+    std::function<bool()> interrupted;                                 // OpenOptions::interrupted
+    std::unique_ptr<detail::FaceReader> reader;                        // the recognitions' faces
+    BasicImageFile image;                                              // the current frame in grey
     BasicImageFile face{kNormalisedFaceSize, kNormalisedFaceSize, 8};  // its normalised face
 };
 

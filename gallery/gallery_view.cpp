@@ -8,7 +8,7 @@
 #include "dictionary/dictionary_check.h"
 #include "gallery/gallery_impl.h"
 #include "gallery/view_builder.h"
-#include "normalise/face_patterns.h"
+#include "store/patterns_file.h"
 
 namespace msmface::detail {
 
@@ -18,13 +18,6 @@ namespace {
 // once laid out, so a large directory never holds them all at once.
 constexpr std::size_t kPersonsPerPart = 256;
 
-msm::DictionaryShape personShape(core::PatternShape shape) {
-    msm::DictionaryShape d = msm::personDictionaryShape();
-    d.sets = shape.channels;
-    d.dimension = shape.dimension;
-    return d;
-}
-
 std::vector<const ConstraintSpace*> spacesOf(
     const std::shared_ptr<const core::ConstraintSpaces>& s) {
     return s != nullptr ? s->spaces() : std::vector<const ConstraintSpace*>{};
@@ -32,11 +25,8 @@ std::vector<const ConstraintSpace*> spacesOf(
 
 }  // namespace
 
-core::PatternShape directoryShape() {
-    return core::PatternShape{msm::kFacePatternDimension, msm::kFacePatternChannels};
-}
-
-ViewBuilder::ViewBuilder(const GalleryState& state) : state_(state), shape_(directoryShape()) {
+ViewBuilder::ViewBuilder(const GalleryState& state)
+    : state_(state), shape_(state.settings().shape) {
     view_ = std::make_shared<GalleryView>();
     view_->spaces = loadSpaces(state, view_->spaceError, view_->spaceErrorKind);
 }
@@ -44,7 +34,7 @@ ViewBuilder::ViewBuilder(const GalleryState& state) : state_(state), shape_(dire
 ViewBuilder::ViewBuilder(const GalleryState& state,
                          std::shared_ptr<const core::ConstraintSpaces> spaces,
                          std::string spaceError, ErrorKind spaceErrorKind)
-    : state_(state), shape_(directoryShape()), view_(std::make_shared<GalleryView>()) {
+    : state_(state), shape_(state.settings().shape), view_(std::make_shared<GalleryView>()) {
     view_->spaces = std::move(spaces);
     view_->spaceError = std::move(spaceError);
     view_->spaceErrorKind = spaceErrorKind;
@@ -54,8 +44,9 @@ ViewBuilder::~ViewBuilder() = default;
 
 std::string ViewBuilder::add(const Person& p) {
     auto chunk = std::make_unique<DictChunk>();
-    const std::string problem = msm::loadDictionaryFile(
-        state_.dir + "/" + p.name + ".dck", personShape(shape_), msm::kRecognisedVectors, *chunk);
+    const std::string problem =
+        msm::loadDictionaryFile(state_.dir + "/" + p.name + ".dck", personShapeOf(state_.kind),
+                                msm::kRecognisedVectors, *chunk);
     if (!problem.empty()) return problem;
     pending_.push_back(std::move(chunk));
     view_->persons.push_back(p);
@@ -68,7 +59,7 @@ std::string ViewBuilder::flush() {
     std::vector<const DictChunk*> persons;
     for (const auto& chunk : pending_) persons.push_back(chunk.get());
     auto part =
-        core::Snapshot::build(shape_, core::SnapshotOptions{}, persons, spacesOf(view_->spaces));
+        core::Snapshot::build(shape_, state_.settings().snapshot, persons, spacesOf(view_->spaces));
     pending_.clear();
     if (!part.ok()) return state_.dir + ": " + part.message();
     parts_.push_back(std::move(*part));

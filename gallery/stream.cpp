@@ -6,6 +6,7 @@
 #include "gallery/face_reader.h"
 #include "gallery/frame_input.h"
 #include "gallery/gallery_impl.h"
+#include "recognition/descriptor_patterns.h"
 
 namespace msmface {
 
@@ -25,11 +26,15 @@ constexpr int kLegacyRefreshTime = 5;
 
 class Stream::Impl {
   public:
+    // Throws std::bad_alloc.
     Impl(std::shared_ptr<GalleryState> shared, const StreamOptions& o, const core::Snapshot& like)
         : state(std::move(shared)),
           options(o),
-          refreshTime(o.refreshTime == -2 ? kLegacyRefreshTime : o.refreshTime),
-          reader(like.shape()) {}
+          refreshTime(o.refreshTime == -2 ? kLegacyRefreshTime : o.refreshTime) {
+        // A gallery of descriptors normalises no face.
+        if (state->kind == PatternKind::Seed)
+            reader = std::make_unique<detail::FaceReader>(like.shape());
+    }
 
     // True when the gallery, or another process, changed the directory since this stream took
     // its view.
@@ -44,7 +49,13 @@ class Stream::Impl {
     Status reload();
 
     Result<StreamState> faceFrame(const FrameView& frame, const FacePoints& points);
+    // A face given by the patterns of its channels.
+    Result<StreamState> patternFrame(const float* const* patterns);
+    // A face given by its descriptor; fails (Argument) on values that are no descriptor.
+    Result<StreamState> descriptorFrame(const FaceDescriptor& descriptor, const char* from);
     StreamState facelessFrame();
+    // Fails (Argument) unless the gallery holds this kind of pattern; call names the push.
+    Status requireKind(PatternKind kind, const char* call) const;
     void clearRanking() {
         ranking = Ranking{};
         ranking.threshold = threshold;
@@ -55,8 +66,8 @@ class Stream::Impl {
     int refreshTime;
     std::shared_ptr<const detail::GalleryView> view;  // null until a view could be used
     std::unique_ptr<core::Input> input;
-    detail::FaceReader reader;
-    int facelessRun = 0;  // face-less frames in a row
+    std::unique_ptr<detail::FaceReader> reader;  // Seed patterns only
+    int facelessRun = 0;                         // face-less frames in a row
     int threshold = kDefaultIdentifyThreshold;
     uint64_t loadedGeneration = 0;
     uint64_t personsRevision = 0;
@@ -119,19 +130,39 @@ Status Stream::Impl::reload() {
     return {};
 }
 
+Status Stream::Impl::requireKind(PatternKind kind, const char* call) const {
+    if (state->kind == kind) return {};
+    return fail(ErrorKind::Argument, std::string(call) + ": " + state->dir + " holds " +
+                                         patternKindName(state->kind) + " patterns, this call " +
+                                         "gives " + patternKindName(kind) + " patterns");
+}
+
 Result<StreamState> Stream::Impl::faceFrame(const FrameView& frame, const FacePoints& points) {
-    const detail::FaceRead read = reader.read(frame, points);
+    const detail::FaceRead read = reader->read(frame, points);
     if (read == detail::FaceRead::NoMemory)
         return fail(ErrorKind::Internal, "frame: no memory for " + std::to_string(frame.width) +
                                              " x " + std::to_string(frame.height) + " pixels");
     if (read == detail::FaceRead::NoFace) return facelessFrame();
+    return patternFrame(reader->patterns());
+}
+
+Result<StreamState> Stream::Impl::descriptorFrame(const FaceDescriptor& descriptor,
+                                                  const char* from) {
+    float pattern[kDescriptorSize];
+    const std::string error = msm::descriptorPattern(descriptor, pattern);
+    if (!error.empty()) return fail(ErrorKind::Argument, std::string(from) + error);
+    const float* const rows[] = {pattern};
+    return patternFrame(rows);
+}
+
+Result<StreamState> Stream::Impl::patternFrame(const float* const* patterns) {
     facelessRun = 0;
     StreamState s;
     s.face = true;
     const int n = view != nullptr ? static_cast<int>(view->persons.size()) : 0;
     // As the legacy frame cycle: without persons the face is not gathered.
     if (n > 0) {
-        input->update(reader.patterns());
+        input->update(patterns);
         Status scored = core::score(*view->snapshot, *input, detail::coreMethod(options.method));
         if (!scored.ok()) return scored;
         ranking = detail::rankingOf(view->persons, detail::scoresOf(*input, n), threshold);
@@ -176,7 +207,7 @@ Result<Stream> Stream::create(Gallery& gallery, const StreamOptions& options) {
         view = state->view;
     }
     const core::Snapshot& like = *view->snapshot;
-    auto input = core::Input::create(like, detail::kLegacyInputOptions);
+    auto input = core::Input::create(like, state->settings().input);
     if (!input.ok()) return input.status();
     std::unique_ptr<Impl> impl;
     try {
@@ -192,9 +223,11 @@ Result<Stream> Stream::create(Gallery& gallery, const StreamOptions& options) {
 
 Result<StreamState> Stream::push(const FrameView& frame, const FacePoints& points) {
     Impl& s = *impl_;
+    Status status = s.requireKind(PatternKind::Seed, "push(frame, points)");
+    if (!status.ok()) return status;
     const std::string error = detail::checkFrame(frame);
     if (!error.empty()) return fail(ErrorKind::Argument, "frame: " + error);
-    Status status = s.reloadIfChanged();
+    status = s.reloadIfChanged();
     if (!status.ok()) return status;
     return s.faceFrame(frame, points);
 }
@@ -205,9 +238,31 @@ Result<StreamState> Stream::push(const FrameView& frame) {
     if (!error.empty()) return fail(ErrorKind::Argument, "frame: " + error);
     Status status = s.reloadIfChanged();
     if (!status.ok()) return status;
+    if (s.state->kind == PatternKind::Descriptor) {
+        FaceDescriptor descriptor;
+        if (s.options.describer && s.options.describer->findDescriptor(frame, descriptor))
+            return s.descriptorFrame(descriptor, "frame: the descriptor finder gave ");
+        return s.facelessFrame();
+    }
     FacePoints points;
     if (s.options.finder && s.options.finder->findPoints(frame, points))
         return s.faceFrame(frame, points);
+    return s.facelessFrame();
+}
+
+Result<StreamState> Stream::push(const FaceDescriptor& descriptor) {
+    Impl& s = *impl_;
+    Status status = s.requireKind(PatternKind::Descriptor, "push(descriptor)");
+    if (!status.ok()) return status;
+    status = s.reloadIfChanged();
+    if (!status.ok()) return status;
+    return s.descriptorFrame(descriptor, "");
+}
+
+Result<StreamState> Stream::pushWithoutFace() {
+    Impl& s = *impl_;
+    Status status = s.reloadIfChanged();
+    if (!status.ok()) return status;
     return s.facelessFrame();
 }
 
@@ -217,6 +272,7 @@ void Stream::reset() {
     s.facelessRun = 0;
     s.clearRanking();
     if (s.options.finder) s.options.finder->reset();
+    if (s.options.describer) s.options.describer->reset();
 }
 
 }  // namespace msmface

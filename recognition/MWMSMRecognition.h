@@ -122,7 +122,7 @@ class MWMSMRecognition : public MSMRecognition {
     bool ReserveSpaceBatch(int spaces);
     // Solves the batch and offers the pending persons to the ranking in the order they came.
     void ScorePendingInSpaces(msm::RankingPass& pass, int spaces);
-    msm::ClassStore Store() const { return {classData.data(), channelCount}; }
+    msm::ClassStore Store() const { return {classData.data(), channelCount, msm::kClassDataDim}; }
 
     msm::ProjectionWork projectionWork_;
     short** projectedInput_ = nullptr;  // spaces x channels x basis count rows

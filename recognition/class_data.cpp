@@ -16,17 +16,16 @@ namespace msm {
 
 namespace {
 
-constexpr int D = kClassDataDim;
 constexpr float kShortestFirstVector = 1e-7f;
 
-// The float rows of a channel's dictionary when they can enter the sums, else null.
-float* const* usableRows(const DicPrim& prim) {
+// The float rows of a channel's dictionary when they can enter sums of dimension D, else null.
+float* const* usableRows(const DicPrim& prim, int D) {
     if (prim.dim != D || prim.mode != kDicPrimFloat || prim.frows == nullptr) return nullptr;
     return prim.frows;
 }
 
 // row i of P = sum_{k<B} phi_k phi_kᵀ for columns [from, D), each element summed over k in float.
-void projectorRow(float* const* phi, int B, int i, int from, float* out) {
+void projectorRow(float* const* phi, int B, int D, int i, int from, float* out) {
     for (int j = from; j < D; ++j) out[j] = 0.0f;
     for (int k = 0; k < B; ++k) {
         const float a = phi[k][i];
@@ -36,15 +35,16 @@ void projectorRow(float* const* phi, int B, int i, int from, float* out) {
 }
 
 void accumulateClassData(const DictChunk& set, int B, const ClassStore& store, float sign) {
+    const int D = store.dimension;
     if (set.count < 1 || set.prims == nullptr || set.prims[0].dim != D) return;
     std::vector<float> p(D);
     for (int c = 0; c < set.count && c < store.channels; ++c) {
-        float* const* phi = usableRows(set.prims[c]);
+        float* const* phi = usableRows(set.prims[c], D);
         if (phi == nullptr) continue;
         int rows = std::min(B, std::min(set.prims[c].count, set.prims[c].allocatedRows));
         float** m = store.matrices[c];
         for (int i = 0; i < D; ++i) {
-            projectorRow(phi, rows, i, 0, p.data());
+            projectorRow(phi, rows, D, i, 0, p.data());
             if (sign > 0)
                 for (int j = 0; j < D; ++j) m[i][j] += p[j];
             else
@@ -55,7 +55,7 @@ void accumulateClassData(const DictChunk& set, int B, const ClassStore& store, f
 
 // Eigenvectors (rows, descending) and eigenvalues of the symmetric matrix whose upper triangle
 // is given, into channel c of the two chunks.
-bool diagonalise(float** upper, float** work, DicPrim& vectors, DicPrim& values) {
+bool diagonalise(int D, float** upper, float** work, DicPrim& vectors, DicPrim& values) {
     for (int i = 0; i < D; ++i)
         for (int j = i; j < D; ++j) work[i][j] = work[j][i] = upper[i][j];
     std::vector<float> d(D), e(D);
@@ -74,6 +74,7 @@ bool diagonalise(float** upper, float** work, DicPrim& vectors, DicPrim& values)
 }
 
 int writeMatrices(const ClassStore& store, int classCount, const std::string& path) {
+    const int D = store.dimension;
     MtrxChunk chunk;
     if (chunk.Allocate(store.channels) != 1) return 0;
     for (int c = 0; c < store.channels; ++c) {
@@ -135,11 +136,12 @@ void removeClassData(const DictChunk& set, int B, const ClassStore& store) {
 int recomputeAndWrite(const ClassStore& store, int classCount, const char* stem,
                       const char* evStem) {
     if (stem == nullptr) return 0;
+    const int D = store.dimension;
     SpaceFiles files;
     float** work = allocateRows<float>(D, D);
     bool ok = work != nullptr && prepareSpaceFiles(store.channels, files);
     for (int c = 0; ok && c < store.channels; ++c)
-        ok = diagonalise(store.matrices[c], work, files.vectors.prims[c], files.values.prims[c]);
+        ok = diagonalise(D, store.matrices[c], work, files.vectors.prims[c], files.values.prims[c]);
     freeRows(work);
     if (!ok) {
         reportNoMemory();
@@ -172,6 +174,7 @@ int readClassSet(const char* path, int sourceKind, DictChunk& out) {
 int rebuildFromFiles(int n, const char* const* paths, int B, const char* stem, const char* evStem,
                      const ClassStore& store, int sourceKind) {
     if (stem == nullptr || B < 1) return 0;
+    const int D = store.dimension;
     SpaceFiles files;
     float** sum = allocateRows<float>(D, D);
     float** work = allocateRows<float>(D, D);
@@ -183,21 +186,21 @@ int rebuildFromFiles(int n, const char* const* paths, int B, const char* stem, c
         for (int person = 0; paths != nullptr && person < n; ++person) {
             if (!readPersonChannel(paths[person], c, sourceKind, set)) continue;
             const DicPrim& prim = set.prims[c];
-            float* const* phi = usableRows(prim);
+            float* const* phi = usableRows(prim, D);
             if (phi == nullptr || std::min(prim.count, prim.allocatedRows) < B) continue;
             float first = 0.0f;
             for (int k = 0; k < D; ++k) first += phi[0][k] * phi[0][k];
             first = std::sqrt(first);
             if (!(first >= kShortestFirstVector && first > 0.0f)) continue;
             for (int i = 0; i < D; ++i) {
-                projectorRow(phi, B, i, i, p.data());
+                projectorRow(phi, B, D, i, i, p.data());
                 for (int j = i; j < D; ++j) sum[i][j] += p[j];
             }
         }
         float** m = store.matrices[c];
         for (int i = 0; i < D; ++i)
             for (int j = i; j < D; ++j) m[i][j] += sum[i][j];
-        ok = diagonalise(m, work, files.vectors.prims[c], files.values.prims[c]);
+        ok = diagonalise(D, m, work, files.vectors.prims[c], files.values.prims[c]);
     }
     freeRows(sum);
     freeRows(work);
@@ -211,13 +214,20 @@ int rebuildFromFiles(int n, const char* const* paths, int B, const char* stem, c
 
 int regenerateFromFiles(int n, const char* const* paths, int B, const char* stem,
                         const ClassStore& store, int sourceKind) {
+    const int D = store.dimension;
     for (int c = 0; c < store.channels; ++c)
         for (int i = 0; i < D; ++i) std::memset(store.matrices[c][i], 0, D * sizeof(float));
     return rebuildFromFiles(n, paths, B, stem, stem, store, sourceKind);
 }
 
 msmface::Status generateConstraintSpace(const std::vector<std::string>& personFiles, int sourceKind,
-                                        int channels, const std::string& stem) {
+                                        int channels, const std::string& stem, int dimension,
+                                        int basisCount) {
+    const int D = dimension;
+    if (D < 1 || D > kClassDataDim)
+        return msmface::Status::failure(msmface::ErrorKind::Argument,
+                                        "constraint space of dimension " + std::to_string(D) +
+                                            ": expected 1.." + std::to_string(kClassDataDim));
     std::vector<float**> matrices(static_cast<std::size_t>(std::max(channels, 0)), nullptr);
     const auto release = [&matrices] {
         for (float**& m : matrices) freeRows(m);
@@ -232,8 +242,8 @@ msmface::Status generateConstraintSpace(const std::vector<std::string>& personFi
     for (const std::string& f : personFiles) paths.push_back(f.c_str());
     clearWriteFailure();
     const int written =
-        regenerateFromFiles(static_cast<int>(paths.size()), paths.data(), kGenerationBasisCount,
-                            stem.c_str(), ClassStore{matrices.data(), channels}, sourceKind);
+        regenerateFromFiles(static_cast<int>(paths.size()), paths.data(), basisCount, stem.c_str(),
+                            ClassStore{matrices.data(), channels, D}, sourceKind);
     release();
     if (written == 1) return {};
     const std::string noted = lastWriteFailure();

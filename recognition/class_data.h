@@ -18,10 +18,12 @@ constexpr int kClassDataDim = 256;
 // Leading dictionary vectors of each person that enter the sums.
 constexpr int kGenerationBasisCount = 30;
 
-// A store: channels matrices of kClassDataDim x kClassDataDim floats.
+// A store: channels matrices of dimension x dimension floats (the engine's patterns: 256; a
+// directory of descriptors: their size). Only sets of vectors of that dimension enter it.
 struct ClassStore {
     float** const* matrices;
     int channels;
+    int dimension = kClassDataDim;
 };
 
 // matrices[c] += sum_{k<B} phi_k phi_kᵀ (full square, each element summed over k in float before
@@ -64,8 +66,11 @@ int regenerateFromFiles(int n, const char* const* paths, int B, const char* stem
 // person order, as regenerateFromFiles takes them) and written under stem, with a store of its own
 // that is released on return: the same files the legacy engine writes for the same persons.
 // Fails (File) naming the file that was not written, or (Internal) when memory runs out.
+// dimension and basisCount: the persons' vector length and the leading vectors each adds.
 msmface::Status generateConstraintSpace(const std::vector<std::string>& personFiles, int sourceKind,
-                                        int channels, const std::string& stem);
+                                        int channels, const std::string& stem,
+                                        int dimension = kClassDataDim,
+                                        int basisCount = kGenerationBasisCount);
 
 }  // namespace msm
 

@@ -15,14 +15,14 @@ int minimumConstraintVectors(int d) {
     return static_cast<int>(0.9 * d);
 }
 
-bool usableChunk(const DictChunk& chunk, int channels) {
+bool usableChunk(const DictChunk& chunk, int channels, int dimension) {
     if (chunk.count < channels) return false;
     for (int c = 0; c < channels; ++c)
-        if (chunk.prims[c].dim != kPatternDim || chunk.prims[c].frows == nullptr) return false;
+        if (chunk.prims[c].dim != dimension || chunk.prims[c].frows == nullptr) return false;
     return true;
 }
 
-int loadSubspace(ConstraintSpace& space, int channels) {
+int loadSubspace(ConstraintSpace& space, int channels, int dimension) {
     if (space.dimension < 0) return 0;
     DictChunk file;
     file.SetModeAndLimit(kDicPrimFloat, 0);
@@ -31,8 +31,9 @@ int loadSubspace(ConstraintSpace& space, int channels) {
     const int d = file.count > 0 ? file.prims[0].dim : 0;
     if (n < minimumConstraintVectors(d)) return -1;
     if (n < space.dimension) return 0;
-    // Every channel must be a 256-value basis of the space's size before it may be projected on.
-    if (!usableChunk(file, channels)) return 0;
+    // Every channel must be a basis of the patterns' length and the space's size before it may
+    // be projected on.
+    if (!usableChunk(file, channels, dimension)) return 0;
     for (int c = 0; c < channels; ++c)
         if (file.prims[c].count < space.dimension) return 0;
     if (space.subspace.CopyFrom(file) != 1) return 0;
@@ -49,11 +50,12 @@ int loadSubspace(ConstraintSpace& space, int channels) {
     return 1;
 }
 
-bool loadSecondSubspace(ConstraintSpace& space, int channels) {
+bool loadSecondSubspace(ConstraintSpace& space, int channels, int dimension) {
     if (space.dimension < 0) return false;
     DictChunk file;
     file.SetModeAndLimit(kDicPrimFloat, 0);
-    if (file.ReadAll((space.stem2 + ".dck").c_str()) != 1 || !usableChunk(file, channels))
+    if (file.ReadAll((space.stem2 + ".dck").c_str()) != 1 ||
+        !usableChunk(file, channels, dimension))
         return false;
     if (space.subspace.CopyFrom(file) != 1) return false;
     for (int c = 0; c < channels; ++c)
@@ -61,10 +63,11 @@ bool loadSecondSubspace(ConstraintSpace& space, int channels) {
     return true;
 }
 
-int loadLearnedSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix) {
-    const int r1 = loadSubspace(space, channels);
+int loadLearnedSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix,
+                     int dimension) {
+    const int r1 = loadSubspace(space, channels, dimension);
     auto fromSecond = [&](int ok, int fail, int none) {
-        if (!loadSecondSubspace(space, channels)) return none;
+        if (!loadSecondSubspace(space, channels, dimension)) return none;
         return matrix(space.stem2) == 1 ? ok : fail;
     };
     if (r1 >= 1) {
@@ -107,16 +110,17 @@ int matrixReads(const std::string& stem) {
     return chunk.ReadAll((stem + ".mck").c_str()) == 1 ? 1 : 0;
 }
 
-int loadConstraintSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix) {
+int loadConstraintSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix,
+                        int dimension) {
     switch (space.kind) {
         case kKindPlain:
             space.loadStatus = 1;
             break;
         case kKindFile:
-            space.loadStatus = loadSubspace(space, channels);
+            space.loadStatus = loadSubspace(space, channels, dimension);
             break;
         case kKindLearned:
-            space.loadStatus = loadLearnedSpace(space, channels, matrix);
+            space.loadStatus = loadLearnedSpace(space, channels, matrix, dimension);
             break;
         default:
             space.loadStatus = 0;
@@ -126,11 +130,11 @@ int loadConstraintSpace(ConstraintSpace& space, int channels, const MatrixLoader
 }
 
 int loadConstraintSpaces(ConstraintSpace* spaces, int count, int channels,
-                         const MatrixLoader& matrix) {
+                         const MatrixLoader& matrix, int dimension) {
     int learnedStatus = 1;
     for (int s = 0; s < count; ++s) spaces[s].loadStatus = kNotLoaded;
     for (int s = 0; s < count; ++s) {
-        int status = loadConstraintSpace(spaces[s], channels, matrix);
+        int status = loadConstraintSpace(spaces[s], channels, matrix, dimension);
         if (spaces[s].kind == kKindFile && status < 1) return status - 10;
         if (spaces[s].kind == kKindLearned) {
             if (status < 1) return status;

@@ -30,12 +30,14 @@ int matrixReads(const std::string& stem);
 // when a file does not read or does not fit, -1 when the basis holds fewer than 0.9 x its
 // dimension vectors; for "CMSML" the codes of the first and second set of files (1..4 when a
 // basis and its class data were read, -1..-5 and -9 for the ways that fails).
-int loadConstraintSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix);
+// dimension: the values of the vectors every channel must hold (the engine's patterns: 256).
+int loadConstraintSpace(ConstraintSpace& space, int channels, const MatrixLoader& matrix,
+                        int dimension = kPatternDim);
 
 // Loads every space in order: the learned space's status (1 without one) when every space
 // loaded, the failed "CMSMF" space's status - 10, or the failed learned space's status.
 int loadConstraintSpaces(ConstraintSpace* spaces, int count, int channels,
-                         const MatrixLoader& matrix);
+                         const MatrixLoader& matrix, int dimension = kPatternDim);
 
 }  // namespace msm
 

@@ -17,6 +17,7 @@
 #include "dictionary/dictionary_check.h"
 #include "io/byte_reader.h"
 #include "recognition/constraint_list.h"
+#include "store/patterns_file.h"
 #include "store/registry.h"
 #include "store/store_files.h"
 #include "store/store_lock.h"
@@ -84,7 +85,10 @@ void add(StoreReport& r, StoreProblemKind kind, const std::string& path, const s
     r.problems.push_back(StoreProblem{kind, path, what, repairable});
 }
 
-void checkConstraint(const std::string& dir, const std::set<std::string>& files, StoreReport& r) {
+// kind: the directory's, or empty when its patterns file does not read (then only whether the
+// files read is checked: a shape guessed wrong would condemn every file).
+void checkConstraint(const std::string& dir, const std::set<std::string>& files,
+                     const std::optional<PatternKind>& kind, StoreReport& r) {
     const std::string list = dir + "/" + msmface::kConstraintListFileName;
     const bool hasList = files.count(msmface::kConstraintListFileName) != 0;
     msm::ConstraintList parsed;
@@ -128,9 +132,13 @@ void checkConstraint(const std::string& dir, const std::set<std::string>& files,
                 continue;
             }
             const std::string path = stem.find('/') == std::string::npos ? dir + "/" + stem : stem;
-            std::string why = msm::checkDictionaryFile(path + ".dck", msm::constraintBasisShape());
+            std::string why = kind ? msm::checkDictionaryFile(path + ".dck",
+                                                              detail::constraintBasisShapeOf(*kind))
+                                   : unreadable(path + ".dck");
             if (!why.empty()) add(r, StoreProblemKind::Constraint, path + ".dck", why);
-            why = msm::checkDictionaryFile(path + ".dckev", msm::constraintValuesShape());
+            why = kind ? msm::checkDictionaryFile(path + ".dckev",
+                                                  detail::constraintValuesShapeOf(*kind))
+                       : unreadable(path + ".dckev");
             if (!why.empty()) add(r, StoreProblemKind::Constraint, path + ".dckev", why);
         }
     }
@@ -195,8 +203,17 @@ StoreReport checkLocked(const std::string& dir) {
     r.persons = static_cast<int>(listed.size());
 
     std::set<std::string> named;
+    PatternKind stored = PatternKind::Seed;
+    const std::string kindError = detail::loadPatternKind(dir, stored);
+    std::optional<PatternKind> kind;
+    if (kindError.empty())
+        kind = stored;
+    else
+        add(r, StoreProblemKind::UnreadableFile, detail::patternsPath(dir), kindError);
     int threshold = 0;
-    const std::string thresholdError = detail::loadThreshold(dir, 0, threshold);
+    // Without a kind no threshold can be told to be the directory's: the kind file is the problem.
+    const std::string thresholdError =
+        kind ? detail::loadThreshold(dir, 0, threshold, *kind) : std::string();
     if (!thresholdError.empty())
         add(r, StoreProblemKind::UnreadableFile, detail::thresholdPath(dir), thresholdError);
     for (const Person& p : listed) {
@@ -221,8 +238,8 @@ StoreReport checkLocked(const std::string& dir) {
             }
             // A dictionary is held to what the gallery checks when it loads the person.
             const std::string why =
-                ext == std::string(".dck")
-                    ? msm::checkDictionaryFile(path, msm::personDictionaryShape())
+                ext == std::string(".dck") && kind
+                    ? msm::checkDictionaryFile(path, detail::personShapeOf(*kind))
                     : unreadable(path);
             if (!why.empty()) add(r, StoreProblemKind::UnreadableFile, path, why);
         }
@@ -248,7 +265,7 @@ StoreReport checkLocked(const std::string& dir) {
     const std::string lostProblem = lostAndFoundProblem(dir);
     if (!lostProblem.empty())
         add(r, StoreProblemKind::UnreadableFile, dir + "/" + kLostAndFoundName, lostProblem);
-    checkConstraint(dir, files, r);
+    checkConstraint(dir, files, kind, r);
     std::stable_sort(r.problems.begin(), r.problems.end(),
                      [](const StoreProblem& a, const StoreProblem& b) {
                          return a.kind != b.kind ? a.kind < b.kind : a.path < b.path;

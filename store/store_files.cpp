@@ -33,7 +33,7 @@ bool digits(const std::string& s) {
 
 bool writtenByUs(const std::string& name) {
     if (name == msmface::kRegistryFileName || name == msmface::kThresholdFileName ||
-        name == msmface::kConstraintListFileName)
+        name == msmface::kConstraintListFileName || name == msmface::kPatternsFileName)
         return true;
     return !personStemOf(name).empty();
 }

@@ -44,26 +44,37 @@ std::string thresholdPath(const std::string& dir) {
     return dir + "/" + kThresholdFileName;
 }
 
-std::string parseThreshold(const std::string& text, int& value) {
+std::string parseThreshold(const std::string& text, int& value, PatternKind kind) {
     std::istringstream in(text);
     std::string line;
     int found = -1;
     for (int number = 1; std::getline(in, line); ++number) {
-        const std::string word = trimmed(line);
+        std::string word = trimmed(line);
         if (word.empty() || word[0] == '#') continue;
-        if (found >= 0)
-            return "line " + std::to_string(number) + ": " + kExpected +
-                   " on one line only, found a second value";
+        const std::string where = "line " + std::to_string(number) + ": ";
+        if (found >= 0) return where + kExpected + " on one line only, found a second value";
+        PatternKind stored = PatternKind::Seed;
+        const std::size_t blank = word.find_first_of(" \t");
+        if (blank != std::string::npos) {
+            const std::optional<PatternKind> named = patternKindNamed(word.substr(0, blank));
+            if (named) {
+                stored = *named;
+                word = trimmed(word.substr(blank));
+            }
+        }
         if (!parseValue(word, found))
-            return "line " + std::to_string(number) + ": " + kExpected + ", found \"" +
-                   quoteForMessage(word) + "\"";
+            return where + kExpected + ", found \"" + quoteForMessage(trimmed(line)) + "\"";
+        if (stored != kind)
+            return where + "a threshold for " + patternKindName(stored) +
+                   " patterns, expected one for " + patternKindName(kind) +
+                   " patterns (scores of the two kinds do not compare); store it again";
     }
     if (found < 0) return std::string(kExpected) + ", found none";
     value = found;
     return {};
 }
 
-std::string loadThreshold(const std::string& dir, int fallback, int& value) {
+std::string loadThreshold(const std::string& dir, int fallback, int& value, PatternKind kind) {
     value = fallback;
     const std::string path = thresholdPath(dir);
     std::string text;
@@ -82,20 +93,23 @@ std::string loadThreshold(const std::string& dir, int fallback, int& value) {
             return path + ": cannot be read (" + std::strerror(errno) + ")";
     }
     int parsed = 0;
-    std::string error = parseThreshold(text, parsed);
+    std::string error = parseThreshold(text, parsed, kind);
     if (!error.empty()) return path + ": " + error;
     value = parsed;
     return {};
 }
 
-std::string formatThreshold(int value) {
+std::string formatThreshold(int value, PatternKind kind) {
+    // A Seed directory's file stays as older versions write and read it.
+    const std::string named =
+        kind == PatternKind::Seed ? std::string() : std::string(patternKindName(kind)) + " ";
     return "# msmface identify threshold: a best score above it identifies the person (0 .. "
            "1000)\n" +
-           std::to_string(value) + "\n";
+           named + std::to_string(value) + "\n";
 }
 
-std::string saveThreshold(const std::string& dir, int value) {
-    return replaceSmallTextFile(dir, thresholdPath(dir), formatThreshold(value));
+std::string saveThreshold(const std::string& dir, int value, PatternKind kind) {
+    return replaceSmallTextFile(dir, thresholdPath(dir), formatThreshold(value, kind));
 }
 
 }  // namespace msmface::detail

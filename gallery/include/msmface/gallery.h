@@ -48,7 +48,8 @@ namespace msmface {
 struct Sample {
     FrameView frame;
     std::optional<FacePoints> points;
-    std::optional<FaceDescriptor> descriptor;
+    // Initialised, so that a host's {frame, points} still gives every member -Wextra asks for.
+    std::optional<FaceDescriptor> descriptor = std::nullopt;
 };
 
 // A listed person the gallery does not recognise, and why: the dictionary file is missing, does
@@ -97,7 +98,9 @@ struct OpenOptions {
     std::function<bool()> interrupted = {};
     // The kind of pattern. A directory created by this open records it (empty: Seed); an existing
     // one keeps the kind it was created with, and a kind given here that differs fails
-    // (Argument, naming both). Empty: whatever the directory holds.
+    // (Argument, naming both). Empty: whatever the directory holds. With create, an existing
+    // directory of no recorded kind that holds nothing yet (no person, no person's file, no
+    // threshold, no constraint space) takes the kind given.
     std::optional<PatternKind> patterns = {};
 };
 
@@ -108,8 +111,8 @@ class MSMFACE_API Gallery {
     // directory keeps for its constraint space (both: orphans()), whose dictionary does not read,
     // or does not hold an orthonormal dictionary of the directory's shape is left out of
     // persons() and reported by leftOut(); the others are recognised, as many as memory holds.
-    // Fails (File) on a registry or threshold file that does not parse, naming it; (NotFound) on a
-    // missing directory unless options.create.
+    // Fails (File) on a registry, threshold or kind file that does not parse, naming it;
+    // (NotFound) on a missing directory unless options.create.
     static Result<Gallery> open(const std::string& dir, const OpenOptions& options = {});
 
     Gallery(Gallery&&) noexcept;
@@ -137,13 +140,14 @@ class MSMFACE_API Gallery {
     // first removes what writers killed earlier left (temporaries).
 
     // Registers a new person from frames (a registration gathers 50 normalised faces; frames
-    // beyond are not used). Writes the person's files first and the registry last. requires:
-    // id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not starting with '.',
-    // unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3" in any case). Fails
-    // (File) while a file of that name that no entry lists is in the directory: an enrolment
-    // neither replaces nor removes a file it did not create. An enrolment leaves the constraint
-    // space as it is: a person enrolled after a rebuild is projected into that space, which takes
-    // the person into account only from the next rebuildConstraint on.
+    // beyond are not used; a gallery of descriptors gathers up to 50 descriptors, makes a person
+    // of one already and writes no picture). Writes the person's files first and the registry
+    // last. requires: id >= 1 and unused; name of 1 to 64 letters, digits, '_', '-' or '.', not
+    // starting with '.', unused, and none of the constraint space's ("cmsm", "cmsm-2", "cmsm-3"
+    // in any case). Fails (File) while a file of that name that no entry lists is in the
+    // directory: an enrolment neither replaces nor removes a file it did not create. An enrolment
+    // leaves the constraint space as it is: a person enrolled after a rebuild is projected into
+    // that space, which takes the person into account only from the next rebuildConstraint on.
     Status enrol(int id, const std::string& name, const std::vector<Sample>& frames);
     // Removes a person: the registry entry first, then the files (the files first where the
     // registry's replacement finds no room on the disk). Once the registry no longer lists the
@@ -152,8 +156,10 @@ class MSMFACE_API Gallery {
     Status remove(int id);
 
     // Builds the constraint space (methods Cmsm) from every person and loads it. dimension: 1 to
-    // 256 constraint vectors; at least two persons. The new space is loaded and checked before the
-    // directory's list names it: a space that does not load is removed, and the old one stays.
+    // 256 constraint vectors (a gallery of descriptors: 1 to 128, of use up to the directions the
+    // persons' leading vectors span); at least two persons. The new space is loaded and checked
+    // before the directory's list names it: a space that does not load is removed, and the old
+    // one stays.
     Status rebuildConstraint(int dimension);
     bool hasConstraint() const;
 
@@ -161,7 +167,8 @@ class MSMFACE_API Gallery {
     Result<Ranking> recognise(const std::vector<Sample>& frames,
                               const RecogniseOptions& options = {});
 
-    // The identify threshold stored in the directory (kDefaultIdentifyThreshold when none is).
+    // The identify threshold stored in the directory (defaultIdentifyThreshold(patterns()) when
+    // none is).
     int threshold() const;
     // Stores it (0 .. 1000) for every later open of the directory.
     Status setThreshold(int threshold);
@@ -185,7 +192,7 @@ struct StreamOptions {
     int refreshTime = -2;  // face-less frames before the input is cleared; -2: the default, 5
     std::shared_ptr<PointFinder> finder;  // used by push(frame); one per stream (it may follow)
     // A gallery of descriptors: used by push(frame) instead of finder.
-    std::shared_ptr<DescriptorFinder> describer;
+    std::shared_ptr<DescriptorFinder> describer = nullptr;
 };
 
 // What a stream knows after a frame.

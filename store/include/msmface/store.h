@@ -31,7 +31,9 @@ inline constexpr const char* kLockFileName = ".msmface.lock";
 
 // The kind of pattern a directory's dictionaries are made of, chosen when the directory is
 // created and recorded in kPatternsFileName. A directory without that file holds Seed patterns,
-// as every directory made before descriptors existed does.
+// as every directory made before descriptors existed does; only directories of descriptors have
+// the file (a Seed directory the gallery creates has none, and stays byte for byte what older
+// versions read and write).
 enum class PatternKind : int {
     Seed = 0,        // the engine's own: five 256-value channels from the normalised face
     Descriptor = 1,  // a learned descriptor: one channel of kDescriptorSize values

@@ -1,0 +1,37 @@
+#include "recognition/descriptor_patterns.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+
+namespace msm {
+
+std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* pattern) {
+    // In double: the squares of values near the float limit must not overflow before they are
+    // refused, nor those of tiny values vanish before their direction is taken.
+    double squares = 0.0;
+    for (std::size_t i = 0; i < descriptor.size(); ++i) {
+        const float v = descriptor[i];
+        if (!std::isfinite(v)) {
+            char text[16];
+            std::snprintf(text, sizeof text, "%g", static_cast<double>(v));
+            return "descriptor value " + std::to_string(i + 1) + " of " +
+                   std::to_string(descriptor.size()) + " is " + text + ", expected a finite number";
+        }
+        squares += static_cast<double>(v) * v;
+    }
+    if (squares == 0.0)
+        return "descriptor: every value is 0, expected a direction (a non-zero length)";
+    // The recognition works on squared values in float: a descriptor whose squared length
+    // does not fit one is no face any finder gives.
+    if (squares > static_cast<double>(FLT_MAX))
+        return "descriptor: its length is too large (its square exceeds the float range)";
+    // Centring by a mean descriptor, when a measurement shows it pays, goes here: the mean is
+    // subtracted before the length is taken.
+    const double length = std::sqrt(squares);
+    for (std::size_t i = 0; i < descriptor.size(); ++i)
+        pattern[i] = static_cast<float>(descriptor[i] / length);
+    return {};
+}
+
+}  // namespace msm
