@@ -61,8 +61,9 @@ class MSMClassifier:
     enrol_frames : frames offered per class at enrolment (a registration uses 50).
     probe_frames : frames offered per set at recognition (jittered copies when fewer).
     jitter : pixels by which the points of the copies are moved.
-    constraint_dimension : vectors of the constraint space (method "cmsm"), 1 to 256 (at most
-        128 are used with descriptors, whose space has 128 dimensions).
+    constraint_dimension : vectors of the constraint space (method "cmsm"), 1 to 256; with
+        descriptors at most as many as the classes' leading vectors span (fit's ValueError says
+        how many), and never more than the descriptors' 128.
     seed : seed of the jitter.
 
     patterns : "seed" (the engine's own patterns, from the points) or "descriptor" (learned face
