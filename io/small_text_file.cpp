@@ -50,6 +50,24 @@ SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, s
     return result;
 }
 
+std::string smallFileReadProblem(SmallFileRead read, const std::string& path,
+                                 const std::string& expected, const std::string& limit) {
+    switch (read) {
+        case SmallFileRead::Ok:
+        case SmallFileRead::Missing:
+            return {};
+        case SmallFileRead::NotAFile:
+            return path + ": " + expected + " in a file, found a folder or a device";
+        case SmallFileRead::Link:
+            return path + ": " + expected + " in a file of the directory, found a symbolic link";
+        case SmallFileRead::TooLarge:
+            return path + ": larger than " + limit + "; " + expected;
+        case SmallFileRead::Failed:
+            break;
+    }
+    return path + ": cannot be read (" + std::strerror(errno) + ")";
+}
+
 std::string quoteForMessage(const std::string& text, std::size_t maxChars) {
     std::string out;
     for (std::size_t i = 0; i < text.size() && i < maxChars; ++i) {

@@ -25,6 +25,12 @@ enum class Links { Follow, Refuse };
 SmallFileRead readSmallTextFile(const std::string& path, std::size_t maxBytes, std::string& text,
                                 Links links = Links::Follow);
 
+// One line for a read that found the file but gave no text (NotAFile, Link, TooLarge, Failed; errno
+// as the read left it): "<path>: <expected> in a file, found a folder or a device" and the like.
+// Empty for Ok and Missing. limit: the size limit as the line says it ("4 KiB").
+std::string smallFileReadProblem(SmallFileRead read, const std::string& path,
+                                 const std::string& expected, const std::string& limit);
+
 // At most maxChars of text as one printable line (other bytes shown as '?'), for messages that
 // quote what a file held.
 std::string quoteForMessage(const std::string& text, std::size_t maxChars = 24);

@@ -1,8 +1,5 @@
 #include "store/patterns_file.h"
 
-#include <cerrno>
-#include <cstring>
-
 #include "io/small_text_file.h"
 #include "recognition/descriptor_patterns.h"
 
@@ -60,21 +57,10 @@ std::string loadPatternKind(const std::string& dir, PatternKind& kind) {
     kind = PatternKind::Seed;
     const std::string path = patternsPath(dir);
     std::string text;
-    switch (readSmallTextFile(path, kMaxPatternsFileBytes, text, Links::Refuse)) {
-        case SmallFileRead::Ok:
-            break;
-        case SmallFileRead::Missing:
-            return {};
-        case SmallFileRead::NotAFile:
-            return path + ": " + kExpected + " in a file, found a folder or a device";
-        case SmallFileRead::Link:
-            return path + ": " + kExpected + " in a file of the directory, found a symbolic link";
-        case SmallFileRead::TooLarge:
-            return path + ": larger than " + std::to_string(kMaxPatternsFileBytes) + " bytes; " +
-                   kExpected;
-        case SmallFileRead::Failed:
-            return path + ": cannot be read (" + std::strerror(errno) + ")";
-    }
+    const SmallFileRead read = readSmallTextFile(path, kMaxPatternsFileBytes, text, Links::Refuse);
+    if (read != SmallFileRead::Ok)
+        return smallFileReadProblem(read, path, kExpected,
+                                    std::to_string(kMaxPatternsFileBytes) + " bytes");
     PatternKind parsed = PatternKind::Seed;
     const std::string error = parsePatternKind(text, parsed);
     if (!error.empty()) return path + ": " + error;

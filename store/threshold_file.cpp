@@ -78,20 +78,8 @@ std::string loadThreshold(const std::string& dir, int fallback, int& value, Patt
     value = fallback;
     const std::string path = thresholdPath(dir);
     std::string text;
-    switch (readSmallTextFile(path, kMaxThresholdFileBytes, text, Links::Refuse)) {
-        case SmallFileRead::Ok:
-            break;
-        case SmallFileRead::Missing:
-            return {};
-        case SmallFileRead::NotAFile:
-            return path + ": " + kExpected + " in a file, found a folder or a device";
-        case SmallFileRead::Link:
-            return path + ": " + kExpected + " in a file of the directory, found a symbolic link";
-        case SmallFileRead::TooLarge:
-            return path + ": larger than 4 KiB; " + kExpected;
-        case SmallFileRead::Failed:
-            return path + ": cannot be read (" + std::strerror(errno) + ")";
-    }
+    const SmallFileRead read = readSmallTextFile(path, kMaxThresholdFileBytes, text, Links::Refuse);
+    if (read != SmallFileRead::Ok) return smallFileReadProblem(read, path, kExpected, "4 KiB");
     int parsed = 0;
     std::string error = parseThreshold(text, parsed, kind);
     if (!error.empty()) return path + ": " + error;

@@ -489,6 +489,31 @@ TEST(DescriptorStream, IdentifiesAPersonAndForgetsAfterTheRefreshTime) {
     EXPECT_EQ(state.ranking.matches.front().id, 1);
 }
 
+TEST(DescriptorStream, InputHoldsTheLast25FacesOnly) {
+    Enrolled e;
+    auto stream = msmface::Stream::create(e.gallery);
+    ASSERT_TRUE(stream.ok());
+    const auto scoreOf = [](const msmface::StreamState& s, int id) {
+        for (const msmface::Match& m : s.ranking.matches)
+            if (m.id == id) return m.score;
+        return -1;
+    };
+    msmface::StreamState state;
+    for (const FaceDescriptor& v : e.faces.views(0, 25)) state = stream->push(v).value();
+    EXPECT_EQ(state.ranking.matches.front().id, 1);
+    const int firstWhileSeen = scoreOf(state, 1);
+    // Without a face-less frame between them, the second person's faces displace the first's
+    // one by one; once 25 have come, nothing of the first is left.
+    for (const FaceDescriptor& v : e.faces.views(1, 24)) state = stream->push(v).value();
+    EXPECT_EQ(state.frames, 25);
+    EXPECT_EQ(state.ranking.matches.front().id, 2);
+    const int firstWithOneLeft = scoreOf(state, 1);
+    state = stream->push(e.faces.view(1)).value();
+    EXPECT_EQ(state.ranking.matches.front().id, 2);
+    EXPECT_LT(scoreOf(state, 1), firstWithOneLeft);
+    EXPECT_LT(scoreOf(state, 1), firstWhileSeen - 100);
+}
+
 TEST(DescriptorStream, PicksUpAPersonEnrolledWhileItRuns) {
     Enrolled e;
     auto stream = msmface::Stream::create(e.gallery);
