@@ -10,15 +10,18 @@
 #include "browser_check.h"
 #include "cli_support.h"
 #include "json_flat.h"
+#include "report_support.h"
 #include "tools/msmface/evaluation/eval_summary.h"
 #include "tools/msmface/evaluation/report_page.h"
 
 namespace {
 
+using clitest::Charts;
 using clitest::CliRun;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
+using clitest::TitleOf;
 using msmcli::formatPercent;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
@@ -39,20 +42,6 @@ std::vector<std::string> RowCells(const std::string& html, const std::string& ro
          ++it)
         cells.push_back((*it)[1]);
     return cells;
-}
-
-// Every inline <svg> ... </svg> of a page.
-std::vector<std::string> Charts(const std::string& html) {
-    std::vector<std::string> charts;
-    for (std::size_t at = html.find("<svg"); at != std::string::npos;
-         at = html.find("<svg", at + 1))
-        charts.push_back(html.substr(at, html.find("</svg>", at) + 6 - at));
-    return charts;
-}
-
-std::string TitleOf(const std::string& svg) {
-    std::smatch m;
-    return std::regex_search(svg, m, std::regex("<title>([^<]*)</title>")) ? m[1].str() : "";
 }
 
 int Count(const std::string& text, const std::string& what) {

@@ -125,6 +125,8 @@ class MSMFACE_DETECT_API FaceDescriber : public DescriptorFinder {
     bool findDescriptor(const FrameView& frame, FaceDescriptor& out) override;
     // Forgets the face followed.
     void reset() override;
+    // The descriptor it describes with, for faces the host finds otherwise.
+    const Descriptor& descriptor() const { return descriptor_; }
 
   private:
     Follower follower_;

@@ -157,6 +157,15 @@ void CommandLine::addEval() {
     evalCmd_->add_flag("--no-sweep", eval_.noSweep, "Skip the CMSM constraint dimension sweep");
     evalCmd_->add_flag("--detect", eval_.detect,
                        "Ignore the manifest's points: find the faces and their points");
+    evalCmd_->add_option("--patterns", eval_.patterns,
+                         "Kinds of pattern evaluated: seed, descriptor or both. Without --detect "
+                         "a descriptor describes the face whose landmarks the landmark model "
+                         "fits in the box the manifest's points imply");
+    evalCmd_->add_option("--descriptor-dimension", eval_.descriptorDimension,
+                         "Constraint vectors of CMSM over descriptors (1 to 128)");
+    evalCmd_->add_option("--descriptor-threshold", eval_.descriptorThreshold,
+                         "Identify threshold over descriptors (-1: that of descriptor "
+                         "directories)");
 }
 
 void CommandLine::addCalibrate() {

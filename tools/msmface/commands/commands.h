@@ -74,7 +74,10 @@ struct EvalOptions {
     int threshold = msmface::kDefaultIdentifyThreshold;
     std::vector<int> sweep;  // CMSM dimensions to compare; empty: a handful up to the span
     bool noSweep = false;
-    bool detect = false;  // points found by the detector instead of the manifest's
+    bool detect = false;            // points found by the detector instead of the manifest's
+    std::string patterns = "seed";  // the kinds of pattern evaluated: seed, descriptor or both
+    int descriptorDimension = 64;   // CMSM's constraint dimension over descriptors
+    int descriptorThreshold = -1;   // -1: the identify threshold of descriptor directories
 };
 
 struct CalibrateOptions {

@@ -15,7 +15,7 @@
 #include "commands/commands.h"
 #include "commands/flag_names.h"
 #include "input/detected_frames.h"
-#include "input/frame_descriptors.h"
+#include "input/face_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 #include "io/folders.h"
@@ -53,20 +53,9 @@ std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::
     return {};
 }
 
-// What describes the frames of a directory of descriptors; nothing for one of seed patterns.
-std::optional<DescriberOptions> describerFor(const FrameOptions& o, msmface::PatternKind kind) {
-    if (kind != msmface::PatternKind::Descriptor) return std::nullopt;
-    DescriberOptions d;
-    d.landmarkModel = o.model;
-    d.descriptorModel = o.descriptorModel;
-    d.withPoints = !o.manifest.empty() || !o.points.empty();
-    return d;
-}
-
-// Frames of pictures, a video or a camera, with the points the detector finds (and with
-// describe, each face's descriptor).
-std::string gatherFoundFrames(const FrameOptions& o,
-                              const std::optional<DescriberOptions>& describe,
+// Frames of pictures, a video or a camera, with the points the detector finds (and for a
+// directory of descriptors, describeFor, each face's descriptor).
+std::string gatherFoundFrames(const FrameOptions& o, const std::optional<std::string>& describeFor,
                               std::vector<Frame>& frames) {
     if (o.images.empty() && o.videos.empty() && o.camera == -1)
         return "frames: expected either --manifest FILE --identity NAME or --points FILE, or "
@@ -81,16 +70,17 @@ std::string gatherFoundFrames(const FrameOptions& o,
     source.camera = o.camera;
     source.frames = o.frames;
     std::unique_ptr<FrameDescriber> describer;
-    if (describe) {
-        const std::string error = makeFrameDescriber(*describe, describer);
+    if (describeFor) {
+        const std::string error =
+            makeFrameDescriber(o.model, *describeFor, describer, o.descriptorModel);
         if (!error.empty()) return error;
     }
     return gatherDetectedFrames(source, o.model, frames, describer.get());
 }
 
-std::string readFrames(const FrameOptions& o, const std::optional<DescriberOptions>& describe,
+std::string readFrames(const FrameOptions& o, const std::optional<std::string>& describeFor,
                        std::vector<Frame>& frames) {
-    if (o.manifest.empty() && o.points.empty()) return gatherFoundFrames(o, describe, frames);
+    if (o.manifest.empty() && o.points.empty()) return gatherFoundFrames(o, describeFor, frames);
     if (!o.images.empty() || o.camera != -1)
         return "frames: expected one source, --points or --manifest or pictures, not both";
     std::vector<FrameRow> rows;
@@ -98,9 +88,9 @@ std::string readFrames(const FrameOptions& o, const std::optional<DescriberOptio
     std::string error = selectRows(o, rows, list);
     if (!error.empty()) return error;
     error = loadFrames(list, rows, frames);
-    if (!error.empty() || !describe) return error;
+    if (!error.empty() || !describeFor) return error;
     std::unique_ptr<FrameDescriber> describer;
-    error = makeFrameDescriber(*describe, describer);
+    error = makeFrameDescriber(o.model, *describeFor, describer, o.descriptorModel);
     if (!error.empty()) return error;
     return describeFramesByPoints(*describer, list, frames);
 }
@@ -108,12 +98,14 @@ std::string readFrames(const FrameOptions& o, const std::optional<DescriberOptio
 // The frames of the options and the samples made of them, which view the frames' pictures. A
 // directory of seed patterns is offered --copies of each frame, jittered; one of descriptors each
 // frame's descriptor once (jitter moves points, and a descriptor is not made from them).
-std::string gatherFrames(const FrameOptions& o, msmface::PatternKind kind,
+std::string gatherFrames(const FrameOptions& o, const std::string& dir, msmface::PatternKind kind,
                          std::vector<Frame>& frames, std::vector<msmface::Sample>& samples) {
-    const std::optional<DescriberOptions> describe = describerFor(o, kind);
-    std::string error = readFrames(o, describe, frames);
+    // The directory is named where descriptors cannot be made in this build.
+    std::optional<std::string> describeFor;
+    if (kind == msmface::PatternKind::Descriptor) describeFor = dir;
+    std::string error = readFrames(o, describeFor, frames);
     if (!error.empty()) return error;
-    if (describe) {
+    if (describeFor) {
         samples = samplesOf(frames);
         return {};
     }
@@ -182,7 +174,7 @@ int runEnrol(const EnrolOptions& o) {
     }
     std::vector<Frame> frames;
     std::vector<msmface::Sample> samples;
-    std::string error = gatherFrames(o.frames, kind, frames, samples);
+    std::string error = gatherFrames(o.frames, o.dir, kind, frames, samples);
     if (!error.empty()) return fail(error);
     if (!existing) {
         auto g = openGallery(o.dir, true, o.noWait, kind);
@@ -208,7 +200,7 @@ int runRecognise(const RecogniseOptions& o) {
     if (!g.ok()) return fail(g.message());
     std::vector<Frame> frames;
     std::vector<msmface::Sample> samples;
-    std::string error = gatherFrames(o.frames, g->patterns(), frames, samples);
+    std::string error = gatherFrames(o.frames, o.dir, g->patterns(), frames, samples);
     if (!error.empty()) return fail(error);
     const auto r = g->recognise(samples, {static_cast<msmface::Method>(o.method), o.threshold});
     if (!r.ok()) return fail(r.message());

@@ -17,8 +17,8 @@
 #include <opencv2/videoio.hpp>
 
 #include "commands/commands.h"
+#include "input/face_descriptors.h"
 #include "input/face_finder.h"
-#include "input/frame_descriptors.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -224,9 +224,10 @@ std::string WatchLoop::run() {
 // stream counts one whose points give no face.
 msmface::Result<msmface::StreamState> WatchLoop::pushDescribed(const cv::Mat& frame,
                                                                FoundFace& face, bool& hasFace) {
-    msmface::FaceDescriptor d;
-    hasFace = finder_.find(frame, face) && describer_->describeFound(frame, face, d);
-    return hasFace ? stream_.push(d) : stream_.pushWithoutFace();
+    std::optional<msmface::FaceDescriptor> d;
+    if (finder_.find(frame, face)) d = describer_->describeLandmarks(viewOf(frame), face.landmarks);
+    hasFace = d.has_value();
+    return hasFace ? stream_.push(*d) : stream_.pushWithoutFace();
 }
 
 std::string WatchLoop::take(const cv::Mat& frame) {
@@ -290,9 +291,7 @@ int runWatch(const WatchOptions& o) {
     if (!error.empty()) return fail(error);
     std::unique_ptr<FrameDescriber> describer;
     if (gallery->patterns() == msmface::PatternKind::Descriptor) {
-        DescriberOptions describe;
-        describe.descriptorModel = o.descriptorModel;
-        error = makeFrameDescriber(describe, describer);
+        error = makeFrameDescriber(o.model, o.dir, describer, o.descriptorModel);
         if (!error.empty()) return fail(error);
     }
     msmface::Result<msmface::Stream> stream =

@@ -1,13 +1,16 @@
 // Evaluation on a manifest of real faces: every person with two or more videos is enrolled from
 // all of them but the last and probed with the last, by the single-pattern method, MSM and CMSM,
-// and CMSM again over a range of constraint dimensions. The figures land in one EvalSummary,
-// which is printed, written as summary.json and drawn as report.html.
+// and CMSM again over a range of constraint dimensions; for each kind of pattern asked for, in a
+// gallery of that kind, and for descriptors also by one mean descriptor per person. The figures
+// land in one EvalSummary, which is printed, written as summary.json and drawn as report.html.
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +23,7 @@
 #include "evaluation/progress.h"
 #include "evaluation/report_page.h"
 #include "input/detected_frames.h"
+#include "input/face_descriptors.h"
 #include "input/face_finder.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
@@ -77,15 +81,29 @@ std::vector<EvalPerson> splitByVideo(const std::vector<FrameRow>& rows, int& ski
     return persons;
 }
 
+using msmface::PatternKind;
+
+// The largest constraint dimension of a kind: the length of its pattern, as far as the engine
+// takes it.
+int maxDimensionOf(PatternKind kind) {
+    return kind == PatternKind::Descriptor ? msmface::kDescriptorSize : 256;
+}
+
 // The dimensions the CMSM sweep tries: a handful up to the span of the enrolled persons (a space
-// has no more meaningful directions than about 30 per person), and the chosen one.
-std::vector<int> sweepDimensions(const std::vector<int>& asked, int persons, int chosen) {
-    const int span = std::min(256, 30 * persons);
+// has no more meaningful directions than about 30 per person), and the chosen one. Descriptors
+// have 128 directions in all; the sweep looks at how many common ones to leave out.
+std::vector<int> sweepDimensions(const std::vector<int>& asked, int persons, int chosen,
+                                 PatternKind kind) {
+    const int span = std::min(maxDimensionOf(kind), 30 * persons);
     std::vector<int> dims;
     if (!asked.empty()) {
-        dims = asked;
+        for (int d : asked)
+            if (d <= maxDimensionOf(kind)) dims.push_back(d);
     } else {
-        for (int d : {10, 25, 50, 100, 150, 200, 256})
+        const std::vector<int> steps = kind == PatternKind::Descriptor
+                                           ? std::vector<int>{16, 32, 64, 96, 112, 120, 128}
+                                           : std::vector<int>{10, 25, 50, 100, 150, 200, 256};
+        for (int d : steps)
             if (d <= span) dims.push_back(d);
         dims.push_back(span);
         dims.push_back(chosen);
@@ -121,54 +139,128 @@ std::string checkEvalOptions(const EvalOptions& o) {
     if (o.probeFrames < 1 || o.probeFrames > 2000) return "--probe-frames: expected 1 to 2000";
     if (o.threshold < 0 || o.threshold > 1000) return "--threshold: expected 0 to 1000";
     if (o.dimension < 1 || o.dimension > 256) return "--dimension: expected 1 to 256";
+    if (o.patterns != "seed" && o.patterns != "descriptor" && o.patterns != "both")
+        return "--patterns " + o.patterns + ": expected seed, descriptor or both";
+    if (o.descriptorDimension < 1 || o.descriptorDimension > msmface::kDescriptorSize)
+        return "--descriptor-dimension: expected 1 to " + std::to_string(msmface::kDescriptorSize);
+    if (o.descriptorThreshold < -1 || o.descriptorThreshold > 1000)
+        return "--descriptor-threshold: expected 0 to 1000 (or -1: the default of descriptors)";
     for (int d : o.sweep)
         if (d < 1 || d > 256)
             return "--sweep " + std::to_string(d) + ": expected dimensions of 1 to 256";
     return {};
 }
 
-struct EvalPaths {
+// The kinds of pattern of --patterns, in the order they are run and shown.
+std::vector<PatternKind> kindsAsked(const EvalOptions& o) {
+    if (o.patterns == "both") return {PatternKind::Seed, PatternKind::Descriptor};
+    if (o.patterns == "descriptor") return {PatternKind::Descriptor};
+    return {PatternKind::Seed};
+}
+
+// Where a kind's gallery and scores go: Seed patterns where they always went, descriptors in a
+// folder of their own beside them.
+struct KindPaths {
+    std::string out;  // the folder whose dictionary/ holds the gallery
     std::string dictionary;
     std::string csv;
+};
+
+KindPaths kindPathsIn(const std::string& out, PatternKind kind) {
+    if (kind == PatternKind::Seed) return {out, out + "/dictionary", out + "/scores.csv"};
+    const std::string own = out + "/" + msmface::patternKindName(kind);
+    return {own, own + "/dictionary", out + "/scores-" + msmface::patternKindName(kind) + ".csv"};
+}
+
+struct EvalPaths {
     std::string json;
     std::string page;
 };
 
 EvalPaths evalPathsIn(const std::string& out) {
-    return {out + "/dictionary", out + "/scores.csv", out + "/summary.json", out + "/report.html"};
+    return {out + "/summary.json", out + "/report.html"};
 }
 
-// Checked before any work: no output may replace the manifest, and the dictionary folder holds
+// Checked before any work: no output may replace the manifest, and the dictionary folders hold
 // nothing but an earlier run's files.
 std::string prepareEvalOutputs(const EvalOptions& o, const EvalPaths& paths) {
     InputFiles inputs;
     inputs.add(o.manifest);
-    for (const std::string& output : {paths.csv, paths.json, paths.page}) {
+    std::vector<std::string> outputs = {paths.json, paths.page};
+    for (PatternKind kind : kindsAsked(o)) outputs.push_back(kindPathsIn(o.out, kind).csv);
+    for (const std::string& output : outputs) {
         const std::string error = inputs.refuseOverwrite("--out", output);
         if (!error.empty()) return error;
     }
-    return prepareRunDictionary(o.out, "eval");
+    for (PatternKind kind : kindsAsked(o)) {
+        const std::string error = prepareRunDictionary(kindPathsIn(o.out, kind).out, "eval");
+        if (!error.empty()) return error;
+    }
+    return {};
 }
 
-// One evaluation over an opened gallery, step by step; each step returns an empty string or the
-// one line that ends the run.
+// One kind of pattern's gallery in the run, with what it was asked to run with.
+struct KindGallery {
+    PatternKind kind = PatternKind::Seed;
+    KindPaths paths;
+    msmface::Gallery gallery;
+    int dimension = 0;
+    int threshold = 0;
+    // The persons as of the constraint space: every score vector's order.
+    std::vector<msmface::Person> persons;
+    // Each evaluated person's probe samples (descriptors' samples view nothing).
+    std::vector<std::vector<msmface::Sample>> probes;
+};
+
+// What finds faces, points and descriptors in the frames; each null when not needed.
+struct Finders {
+    std::unique_ptr<FaceFinder> points;
+    std::unique_ptr<FrameDescriber> descriptors;
+};
+
+// The models the run needs, loaded before anything is written: a missing one leaves the output
+// folder as it was.
+std::string makeFinders(const EvalOptions& o, Finders& out) {
+    const std::vector<PatternKind> kinds = kindsAsked(o);
+    // One search per frame serves both kinds: the face's points and its descriptor.
+    if (std::find(kinds.begin(), kinds.end(), PatternKind::Descriptor) != kinds.end())
+        return makeFrameDescriber("", "--patterns", out.descriptors);
+    // With --detect the manifest gives only the pictures; each is a still of its own.
+    if (o.detect) return makeFaceFinder("", false, "--detect", out.points);
+    return {};
+}
+
+// One evaluation over the opened galleries (one per kind of pattern), step by step; each step
+// returns an empty string or the one line that ends the run.
 class EvalRun {
   public:
     EvalRun(const EvalOptions& o, const EvalPaths& paths, std::vector<EvalPerson> persons,
-            int leftOut, msmface::Gallery& g, const Stopwatch& watch)
+            int leftOut, std::vector<KindGallery> kinds, Finders finders, const Stopwatch& watch)
         : o_(o),
           paths_(paths),
           persons_(std::move(persons)),
-          g_(g),
+          kinds_(std::move(kinds)),
+          finders_(std::move(finders)),
           watch_(watch),
           probePictures_(persons_.size()),
-          probeSamples_(persons_.size()),
+          enrolDescriptors_(persons_.size()),
+          probeDescriptors_(persons_.size()),
           enrolledIndex_(persons_.size(), -1) {
         summary_.version = msmface_versionString();
-        summary_.settings = {o.manifest,    o.jitter,    o.enrolFrames,
-                             o.probeFrames, o.dimension, o.threshold};
+        summary_.settings = {
+            o.manifest,          o.jitter, o.enrolFrames, o.probeFrames, kinds_[0].dimension,
+            kinds_[0].threshold, o.detect};
         summary_.personsWithVideos = static_cast<int>(persons_.size());
         summary_.leftOut = leftOut;
+        for (KindGallery& k : kinds_) {
+            k.probes.resize(persons_.size());
+            describes_ = describes_ || k.kind == PatternKind::Descriptor;
+            KindPart part;
+            part.kind = k.kind;
+            part.dimension = k.dimension;
+            part.threshold = k.threshold;
+            summary_.kinds.push_back(part);
+        }
     }
 
     std::string enrolAll();
@@ -181,100 +273,176 @@ class EvalRun {
     const EvalSummary& summary() const { return summary_; }
 
   private:
-    std::string enrolPerson(std::size_t i, FaceFinder* finder, int& framesRead, int& framesFound);
-    std::vector<ProbeScores> probeAll(msmface::Method method, const std::string& stage,
-                                      std::FILE* rows);
-    bool cmsmFiguresAt(int dimension, Figures& f);
+    struct FrameCounts {
+        int read = 0, found = 0, described = 0;
+    };
+    std::string enrolPerson(std::size_t i, FrameCounts& counts);
+    void findFaces(std::vector<Frame>& frames, std::vector<msmface::FaceDescriptor>& descriptors,
+                   FrameCounts& counts) const;
+    std::vector<msmface::Sample> offered(const KindGallery& k, const std::vector<Frame>& frames,
+                                         std::size_t i, bool probe) const;
+    std::vector<ProbeScores> probeAll(KindGallery& k, msmface::Method method,
+                                      const std::string& stage, std::FILE* rows);
+    std::vector<ProbeScores> probeByMeanDescriptor(std::FILE* rows);
+    bool cmsmFiguresAt(KindGallery& k, int dimension, const Figures& chosen, Figures& f);
+    std::string stageName(const KindGallery& k, const std::string& stage) const;
 
     const EvalOptions& o_;
     const EvalPaths& paths_;
     const std::vector<EvalPerson> persons_;
-    msmface::Gallery& g_;
+    std::vector<KindGallery> kinds_;
+    Finders finders_;
     Stopwatch watch_;
     EvalSummary summary_;
     ReportFaces faces_;
+    bool describes_ = false;
     // The probes' frames, kept for the pictures their offered samples view.
     std::vector<std::vector<Frame>> probePictures_;
-    std::vector<std::vector<msmface::Sample>> probeSamples_;
-    std::vector<int> enrolledIndex_;  // index in the gallery, or -1
-    std::vector<msmface::Person> enrolledPersons_;
+    // Every frame's descriptor, computed once: the galleries of descriptors and the mean
+    // comparison read them all run long.
+    std::vector<std::vector<msmface::FaceDescriptor>> enrolDescriptors_;
+    std::vector<std::vector<msmface::FaceDescriptor>> probeDescriptors_;
+    std::vector<int> enrolledIndex_;  // index in every gallery, or -1
 };
+
+std::string EvalRun::stageName(const KindGallery& k, const std::string& stage) const {
+    return namesKinds(summary_) ? std::string(msmface::patternKindName(k.kind)) + ": " + stage
+                                : stage;
+}
 
 std::string EvalRun::enrolAll() {
     std::printf(
         "%zu persons with two or more videos (%d with one video left out); enrolling from "
         "all but the last video, probing with the last\n",
         persons_.size(), summary_.leftOut);
-    // With --detect the manifest gives only the pictures; each is a still of its own.
-    std::unique_ptr<FaceFinder> finder;
-    if (o_.detect) {
-        const std::string error = makeFaceFinder("", false, "--detect", finder);
-        if (!error.empty()) return error;
-    }
-    int framesRead = 0, framesFound = 0;
+    FrameCounts counts;
     {
         Progress bar("enrolling", static_cast<int>(persons_.size()));
         for (std::size_t i = 0; i < persons_.size(); ++i) {
-            const std::string error = enrolPerson(i, finder.get(), framesRead, framesFound);
+            const std::string error = enrolPerson(i, counts);
             if (!error.empty()) return error;
             bar.step(static_cast<int>(i) + 1);
         }
     }
-    if (finder)
-        std::printf("the detector found a face in %d of %d frames\n", framesFound, framesRead);
-    summary_.stages.push_back(
-        {o_.detect ? "reading frames, finding faces and enrolling" : "reading frames and enrolling",
-         watch_.lap()});
+    if (o_.detect)
+        std::printf("the detector found a face in %d of %d frames\n", counts.found, counts.read);
+    if (describes_)
+        std::printf("a descriptor for %d of %d frames\n", counts.described, counts.read);
+    summary_.stages.push_back({describes_ ? (o_.detect ? "reading frames, finding and "
+                                                         "describing faces and enrolling"
+                                                       : "reading frames, describing faces "
+                                                         "and enrolling")
+                                          : (o_.detect ? "reading frames, finding faces and "
+                                                         "enrolling"
+                                                       : "reading frames and enrolling"),
+                               watch_.lap()});
     return {};
 }
 
-// Enrols the i-th person from the jittered enrolment frames and keeps the person's jittered probe
-// frames. A person the gallery refuses is a warning: the others are still evaluated.
-std::string EvalRun::enrolPerson(std::size_t i, FaceFinder* finder, int& framesRead,
-                                 int& framesFound) {
+// The faces of frames: with --detect their points replaced by those found (frames without a
+// face dropped); with descriptors, the descriptor of each face that can be described.
+void EvalRun::findFaces(std::vector<Frame>& frames,
+                        std::vector<msmface::FaceDescriptor>& descriptors,
+                        FrameCounts& counts) const {
+    counts.read += static_cast<int>(frames.size());
+    if (!finders_.descriptors) {
+        if (finders_.points) counts.found += replaceWithFoundPoints(*finders_.points, frames);
+        return;
+    }
+    std::vector<Frame> kept;
+    for (Frame& frame : frames) {
+        if (!frame.image) continue;
+        std::optional<msmface::FaceDescriptor> described;
+        if (o_.detect) {
+            if (!finders_.descriptors->detect(*frame.image, frame.points, described)) continue;
+            ++counts.found;
+        } else {
+            described = finders_.descriptors->describeAt(*frame.image, frame.points);
+        }
+        if (described) descriptors.push_back(*described);
+        kept.push_back(std::move(frame));
+    }
+    counts.described += static_cast<int>(descriptors.size());
+    frames = std::move(kept);
+}
+
+// What kind k's gallery is offered of the i-th person's enrolment or probe: the jittered frames,
+// or the frames' descriptors, repeated alike; nothing when there is no face to offer.
+std::vector<msmface::Sample> EvalRun::offered(const KindGallery& k,
+                                              const std::vector<Frame>& frames, std::size_t i,
+                                              bool probe) const {
+    const std::vector<msmface::Sample> samples =
+        k.kind == PatternKind::Seed
+            ? samplesOf(frames)
+            : descriptorSamples(probe ? probeDescriptors_[i] : enrolDescriptors_[i]);
+    if (samples.empty()) return {};
+    const auto seed = static_cast<uint32_t>(1000 + i);
+    auto offer = probe ? msmface::offerFrames(samples, o_.probeFrames, o_.jitter, seed + 7777u)
+                       : msmface::offerFrames(samples, o_.enrolFrames, o_.jitter, seed);
+    return offer.ok() ? std::move(offer).value() : std::vector<msmface::Sample>{};
+}
+
+// Enrols the i-th person in every kind's gallery and keeps the person's probe. A person a gallery
+// refuses is a warning and is enrolled in none (every kind is measured on the same persons): the
+// others are still evaluated.
+std::string EvalRun::enrolPerson(std::size_t i, FrameCounts& counts) {
     const EvalPerson& p = persons_[i];
     std::vector<Frame> enrol, probe;
     std::string error = loadFrames(o_.manifest, p.enrolRows, enrol);
     if (error.empty()) error = loadFrames(o_.manifest, p.probeRows, probe);
     if (!error.empty()) return error;
-    if (finder) {
-        framesRead += static_cast<int>(enrol.size() + probe.size());
-        framesFound += replaceWithFoundPoints(*finder, enrol);
-        framesFound += replaceWithFoundPoints(*finder, probe);
+    findFaces(enrol, enrolDescriptors_[i], counts);
+    findFaces(probe, probeDescriptors_[i], counts);
+    const int id = static_cast<int>(i) + 1;
+    std::size_t enrolled = 0;
+    for (; enrolled < kinds_.size(); ++enrolled) {
+        KindGallery& k = kinds_[enrolled];
+        const msmface::Status done = k.gallery.enrol(id, keyNameOf(p.identity, static_cast<int>(i)),
+                                                     offered(k, enrol, i, false));
+        if (!done.ok()) {
+            std::fprintf(stderr, "\nmsmface: warning: %s not enrolled%s: %s\n", p.identity.c_str(),
+                         namesKinds(summary_)
+                             ? (std::string(" (") + msmface::patternKindName(k.kind) + ")").c_str()
+                             : "",
+                         done.message().c_str());
+            break;
+        }
     }
-    const auto seed = static_cast<uint32_t>(1000 + i);
-    const auto offered = msmface::offerFrames(samplesOf(enrol), o_.enrolFrames, o_.jitter, seed);
-    if (!offered.ok()) return offered.message();
-    const msmface::Status enrolled =
-        g_.enrol(static_cast<int>(i) + 1, keyNameOf(p.identity, static_cast<int>(i)), *offered);
-    if (!enrolled.ok()) {
-        std::fprintf(stderr, "\nmsmface: warning: %s not enrolled: %s\n", p.identity.c_str(),
-                     enrolled.message().c_str());
-    } else {
-        enrolledIndex_[i] = static_cast<int>(g_.persons().size()) - 1;
+    if (enrolled == kinds_.size()) {
+        enrolledIndex_[i] = static_cast<int>(kinds_[0].gallery.persons().size()) - 1;
         summary_.enrolled.push_back(p.identity);
         faces_.enrolled.push_back(pngOf(firstNormalisedFace(enrol)));
         faces_.probe.push_back(pngOf(firstNormalisedFace(probe)));
+    } else {
+        for (std::size_t k = 0; k < enrolled; ++k) {
+            const msmface::Status removed = kinds_[k].gallery.remove(id);
+            if (!removed.ok()) return removed.message();
+        }
     }
-    auto probed = msmface::offerFrames(samplesOf(probe), o_.probeFrames, o_.jitter, seed + 7777u);
-    if (!probed.ok()) return probed.message();
-    probeSamples_[i] = std::move(probed.value());
     probePictures_[i] = std::move(probe);
+    // Probes are offered whatever the person's enrolment did, as they always were.
+    for (KindGallery& k : kinds_) k.probes[i] = offered(k, probePictures_[i], i, true);
     return {};
 }
 
 std::string EvalRun::buildConstraint() {
-    const msmface::Status built = g_.rebuildConstraint(o_.dimension);
-    if (!built.ok()) return built.message();
+    for (KindGallery& k : kinds_) {
+        const msmface::Status built = k.gallery.rebuildConstraint(k.dimension);
+        // The library names the dimension by its parameter; the descriptors' is their own flag.
+        if (!built.ok() && k.kind != PatternKind::Seed &&
+            built.message().rfind("dimension ", 0) == 0)
+            return "--descriptor-" + built.message();
+        if (!built.ok()) return built.message();
+        k.persons = k.gallery.persons();
+    }
     summary_.stages.push_back({"constraint space", watch_.lap()});
-    enrolledPersons_ = g_.persons();
     return {};
 }
 
-// Every enrolled person's probe by one method: its scores, and the scores file's rows when rows is
-// given.
-std::vector<ProbeScores> EvalRun::probeAll(msmface::Method method, const std::string& stage,
-                                           std::FILE* rows) {
+// Every enrolled person's probe by one method of kind k: its scores, and the scores file's rows
+// when rows is given.
+std::vector<ProbeScores> EvalRun::probeAll(KindGallery& k, msmface::Method method,
+                                           const std::string& stage, std::FILE* rows) {
     std::vector<ProbeScores> all;
     Progress bar(stage, static_cast<int>(persons_.size()));
     for (std::size_t i = 0; i < persons_.size(); ++i) {
@@ -282,72 +450,126 @@ std::vector<ProbeScores> EvalRun::probeAll(msmface::Method method, const std::st
         const int truth = enrolledIndex_[i];
         if (truth < 0) continue;
         const std::vector<int> scores =
-            scoresOf(g_.recognise(probeSamples_[i], {method, o_.threshold}), enrolledPersons_);
+            scoresOf(k.gallery.recognise(k.probes[i], {method, k.threshold}), k.persons);
         all.push_back(ProbeScores{truth, scores});
         if (rows == nullptr) continue;
         for (std::size_t c = 0; c < scores.size(); ++c)
             std::fprintf(rows, "%d,%s,%s,%d,%d\n", static_cast<int>(method),
-                         persons_[i].identity.c_str(), enrolledPersons_[c].name.c_str(), scores[c],
+                         persons_[i].identity.c_str(), k.persons[c].name.c_str(), scores[c],
+                         static_cast<int>(c) == truth ? 1 : 0);
+    }
+    return all;
+}
+
+// Every enrolled person's probe by the mean-descriptor comparison, in the order of the gallery of
+// descriptors. A probe without any descriptor scores -1 (not computed) against everyone.
+std::vector<ProbeScores> EvalRun::probeByMeanDescriptor(std::FILE* rows) {
+    std::vector<std::optional<msmface::FaceDescriptor>> means;
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < persons_.size(); ++i) {
+        if (enrolledIndex_[i] < 0) continue;
+        means.push_back(meanDirection(enrolDescriptors_[i]));
+        names.push_back(keyNameOf(persons_[i].identity, static_cast<int>(i)));
+    }
+    std::vector<ProbeScores> all;
+    for (std::size_t i = 0; i < persons_.size(); ++i) {
+        const int truth = enrolledIndex_[i];
+        if (truth < 0) continue;
+        const auto probe = meanDirection(probeDescriptors_[i]);
+        std::vector<int> scores(means.size(), -1);
+        for (std::size_t c = 0; c < means.size(); ++c)
+            if (probe && means[c]) scores[c] = meanDescriptorScore(*probe, *means[c]);
+        all.push_back(ProbeScores{truth, scores});
+        if (rows == nullptr) continue;
+        for (std::size_t c = 0; c < scores.size(); ++c)
+            std::fprintf(rows, "%d,%s,%s,%d,%d\n", kMeanDescriptorMethod,
+                         persons_[i].identity.c_str(), names[c].c_str(), scores[c],
                          static_cast<int>(c) == truth ? 1 : 0);
     }
     return all;
 }
 
 std::string EvalRun::probeByEveryMethod() {
-    // Streamed into a temporary beside the target (all persons' scores by three methods can be
-    // large) and renamed over it only when complete.
-    msm::clearWriteFailure();
-    msm::AtomicFile csv(paths_.csv.c_str());
-    if (csv.stream() == nullptr) return msm::lastWriteFailure();
-    std::fprintf(csv.stream(), "method,probe,candidate,score,genuine\n");
     const std::pair<msmface::Method, const char*> methods[] = {
         {msmface::Method::SinglePattern, "SINGLE PATTERN"},
         {msmface::Method::Msm, "MSM"},
         {msmface::Method::Cmsm, "CMSM"}};
-    for (const auto& [method, name] : methods) {
-        MethodResult m;
-        m.method = static_cast<int>(method);
-        m.name = name;
-        m.scores = probeAll(method, std::string("probing ") + name, csv.stream());
-        m.figures = computeFigures(m.scores, o_.threshold);
-        summary_.methods.push_back(std::move(m));
-        summary_.stages.push_back({std::string("probing by ") + name, watch_.lap()});
+    for (KindGallery& k : kinds_) {
+        // Streamed into a temporary beside the target (all persons' scores by three methods can
+        // be large) and renamed over it only when complete.
+        msm::clearWriteFailure();
+        msm::AtomicFile csv(k.paths.csv.c_str());
+        if (csv.stream() == nullptr) return msm::lastWriteFailure();
+        std::fprintf(csv.stream(), "method,probe,candidate,score,genuine\n");
+        for (const auto& [method, name] : methods) {
+            MethodResult m;
+            m.method = static_cast<int>(method);
+            m.name = name;
+            m.kind = k.kind;
+            m.scores =
+                probeAll(k, method, stageName(k, std::string("probing ") + name), csv.stream());
+            m.figures = computeFigures(m.scores, k.threshold);
+            summary_.methods.push_back(std::move(m));
+            summary_.stages.push_back(
+                {stageName(k, std::string("probing by ") + name), watch_.lap()});
+        }
+        if (k.kind == PatternKind::Descriptor) {
+            MethodResult m;
+            m.method = kMeanDescriptorMethod;
+            m.name = "MEAN DESCRIPTOR";
+            m.kind = k.kind;
+            m.scores = probeByMeanDescriptor(csv.stream());
+            m.figures = computeFigures(m.scores, k.threshold);
+            summary_.methods.push_back(std::move(m));
+            summary_.stages.push_back({stageName(k, "probing by mean descriptor"), watch_.lap()});
+        }
+        if (!csv.Commit()) return msm::lastWriteFailure();
     }
-    if (!csv.Commit()) return msm::lastWriteFailure();
     return {};
 }
 
 // CMSM's figures with a constraint space of the given dimension; false (said as a warning) when
 // the space cannot take it.
-bool EvalRun::cmsmFiguresAt(int dimension, Figures& f) {
-    if (dimension == o_.dimension) {
-        f = summary_.methods.back().figures;
+bool EvalRun::cmsmFiguresAt(KindGallery& k, int dimension, const Figures& chosen, Figures& f) {
+    if (dimension == k.dimension) {
+        f = chosen;
         return true;
     }
-    const msmface::Status rebuilt = g_.rebuildConstraint(dimension);
+    const msmface::Status rebuilt = k.gallery.rebuildConstraint(dimension);
     if (!rebuilt.ok()) {
         // One dimension the space cannot take does not spoil the others.
         std::fprintf(stderr, "\nmsmface: warning: sweep left out %d: %s\n", dimension,
                      rebuilt.message().c_str());
         return false;
     }
-    f = computeFigures(
-        probeAll(msmface::Method::Cmsm, "CMSM at " + std::to_string(dimension), nullptr),
-        o_.threshold);
+    f = computeFigures(probeAll(k, msmface::Method::Cmsm,
+                                stageName(k, "CMSM at " + std::to_string(dimension)), nullptr),
+                       k.threshold);
     return true;
 }
 
 std::string EvalRun::sweepConstraintDimensions() {
     if (o_.noSweep) return {};
-    for (int d :
-         sweepDimensions(o_.sweep, static_cast<int>(summary_.enrolled.size()), o_.dimension)) {
-        Figures f;
-        if (cmsmFiguresAt(d, f)) summary_.sweep.push_back({d, f.rank1, f.eer, f.eerThreshold});
+    for (std::size_t n = 0; n < kinds_.size(); ++n) {
+        KindGallery& k = kinds_[n];
+        KindPart& part = summary_.kinds[n];
+        const Figures* chosen = nullptr;
+        for (const MethodResult& m : summary_.methods)
+            if (m.kind == k.kind && m.method == static_cast<int>(msmface::Method::Cmsm))
+                chosen = &m.figures;
+        for (int d : sweepDimensions(o_.sweep, static_cast<int>(summary_.enrolled.size()),
+                                     k.dimension, k.kind)) {
+            Figures f;
+            if (cmsmFiguresAt(k, d, *chosen, f))
+                part.sweep.push_back({d, f.rank1, f.eer, f.eerThreshold});
+        }
+        part.bestDimension = bestSweepDimension(part.sweep);
+        // The dictionary is left with the space this run was asked for.
+        const msmface::Status rebuilt = k.gallery.rebuildConstraint(k.dimension);
+        if (!rebuilt.ok()) return rebuilt.message();
     }
-    summary_.bestDimension = bestSweepDimension(summary_.sweep);
-    // The dictionary is left with the space this run was asked for.
-    const msmface::Status rebuilt = g_.rebuildConstraint(o_.dimension);
-    if (!rebuilt.ok()) return rebuilt.message();
+    summary_.sweep = summary_.kinds.front().sweep;
+    summary_.bestDimension = summary_.kinds.front().bestDimension;
     summary_.stages.push_back({"CMSM dimension sweep", watch_.lap()});
     return {};
 }
@@ -357,8 +579,37 @@ std::string EvalRun::writeReport(std::size_t& pageBytes) {
     pageBytes = page.size();
     std::string error = writeOutputFile(paths_.json, summaryJson(summary_));
     if (error.empty()) error = writeOutputFile(paths_.page, page);
-    if (error.empty()) error = recordRunDictionary(o_.out, "eval");
+    for (const KindGallery& k : kinds_)
+        if (error.empty()) error = recordRunDictionary(k.paths.out, "eval");
     return error;
+}
+
+// A gallery for each kind asked for, in its own dictionary folder.
+std::string openKindGalleries(const EvalOptions& o, std::vector<KindGallery>& out) {
+    for (PatternKind kind : kindsAsked(o)) {
+        const KindPaths paths = kindPathsIn(o.out, kind);
+        msmface::OpenOptions options;
+        // A folder that prepareRunDictionary emptied: a gallery of another kind than Seed
+        // patterns records its kind there as it is created.
+        if (kind != PatternKind::Seed) {
+            options.create = true;
+            options.patterns = kind;
+        }
+        auto opened = msmface::Gallery::open(paths.dictionary, options);
+        if (!opened.ok()) return opened.message();
+        const bool seed = kind == PatternKind::Seed;
+        out.push_back(KindGallery{kind,
+                                  paths,
+                                  std::move(opened).value(),
+                                  seed ? o.dimension : o.descriptorDimension,
+                                  seed ? o.threshold
+                                  : o.descriptorThreshold >= 0
+                                      ? o.descriptorThreshold
+                                      : msmface::defaultIdentifyThreshold(kind),
+                                  {},
+                                  {}});
+    }
+    return {};
 }
 
 }  // namespace
@@ -374,13 +625,17 @@ int runEval(const EvalOptions& o) {
     std::vector<EvalPerson> persons = splitByVideo(list.value(), skipped);
     if (persons.size() < 2)
         return fail(o.manifest + ": expected at least two persons with two or more videos each");
+    Finders finders;
+    error = makeFinders(o, finders);
+    if (!error.empty()) return fail(error);
     const EvalPaths paths = evalPathsIn(o.out);
     error = prepareEvalOutputs(o, paths);
     if (!error.empty()) return fail(error);
-    auto opened = msmface::Gallery::open(paths.dictionary);
-    if (!opened.ok()) return fail(opened.message());
+    std::vector<KindGallery> kinds;
+    error = openKindGalleries(o, kinds);
+    if (!error.empty()) return fail(error);
 
-    EvalRun run(o, paths, std::move(persons), skipped, opened.value(), watch);
+    EvalRun run(o, paths, std::move(persons), skipped, std::move(kinds), std::move(finders), watch);
     error = run.enrolAll();
     if (error.empty()) error = run.buildConstraint();
     if (error.empty()) error = run.probeByEveryMethod();
@@ -392,7 +647,10 @@ int runEval(const EvalOptions& o) {
     std::fputs(summaryTable(run.summary()).c_str(), stdout);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("scores: %s; summary: %s; report: %s (%zu kB); %.1f s\n", paths.csv.c_str(),
+    std::string written;
+    for (PatternKind kind : kindsAsked(o))
+        written += (written.empty() ? "" : ", ") + kindPathsIn(o.out, kind).csv;
+    std::printf("scores: %s; summary: %s; report: %s (%zu kB); %.1f s\n", written.c_str(),
                 paths.json.c_str(), paths.page.c_str(), (pageBytes + 512) / 1024, seconds);
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "evaluation/eval_metrics.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace msmcli {
@@ -54,6 +55,28 @@ Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold) {
         }
     }
     return f;
+}
+
+std::optional<msmface::FaceDescriptor> meanDirection(
+    const std::vector<msmface::FaceDescriptor>& descriptors) {
+    std::array<double, msmface::kDescriptorSize> sum{};
+    for (const msmface::FaceDescriptor& d : descriptors)
+        for (int i = 0; i < msmface::kDescriptorSize; ++i) sum[i] += d[i];
+    double length = 0;
+    for (double v : sum) length += v * v;
+    length = std::sqrt(length);
+    if (!(length > 0) || !std::isfinite(length)) return std::nullopt;
+    msmface::FaceDescriptor mean;
+    for (int i = 0; i < msmface::kDescriptorSize; ++i)
+        mean[i] = static_cast<float>(sum[i] / length);
+    return mean;
+}
+
+int meanDescriptorScore(const msmface::FaceDescriptor& a, const msmface::FaceDescriptor& b) {
+    double cosine = 0;
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) cosine += static_cast<double>(a[i]) * b[i];
+    if (!(cosine > 0)) return 0;
+    return static_cast<int>(std::lround(1000 * std::min(1.0, cosine * cosine)));
 }
 
 }  // namespace msmcli

@@ -4,9 +4,11 @@
 #ifndef MSMFACE_TOOLS_MSMFACE_EVAL_METRICS_H
 #define MSMFACE_TOOLS_MSMFACE_EVAL_METRICS_H
 
+#include <optional>
 #include <vector>
 
 #include <msmface/calibration.h>
+#include <msmface/frame.h>
 
 namespace msmcli {
 
@@ -49,6 +51,16 @@ int rankOfTruth(const ProbeScores& p);
 
 // "accepted" means a score strictly above the threshold, as the engine identifies.
 Figures computeFigures(const std::vector<ProbeScores>& probes, int threshold);
+
+// The direction of the mean of descriptors (unit length), or nothing when they have none (no
+// descriptors, or their sum is zero or not finite).
+std::optional<msmface::FaceDescriptor> meanDirection(
+    const std::vector<msmface::FaceDescriptor>& descriptors);
+
+// The mean-descriptor comparison's score of two unit directions: 1000 x cosine squared, rounded,
+// and 0 for directions a right angle or more apart. The square makes it the score MSM gives two
+// subspaces of one vector each, so that the two read on one scale.
+int meanDescriptorScore(const msmface::FaceDescriptor& a, const msmface::FaceDescriptor& b);
 
 }  // namespace msmcli
 

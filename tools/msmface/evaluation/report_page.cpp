@@ -9,15 +9,23 @@
 namespace msmcli {
 namespace {
 
-const char* colourOf(int method) {
-    switch (method) {
+const char* colourOf(const MethodResult& m) {
+    if (m.method == kMeanDescriptorMethod) return "#c51b7d";
+    const bool seed = m.kind == msmface::PatternKind::Seed;
+    switch (m.method) {
         case 0:
-            return "#d98410";
+            return seed ? "#d98410" : "#8c510a";
         case 1:
-            return "#2a56c6";
+            return seed ? "#2a56c6" : "#5e3c99";
         default:
-            return "#1e9632";
+            return seed ? "#1e9632" : "#01665e";
     }
+}
+
+// An id or attribute suffix for a kind's own parts of the page: nothing for Seed patterns.
+std::string kindSuffix(msmface::PatternKind kind) {
+    return kind == msmface::PatternKind::Seed ? std::string()
+                                              : std::string("-") + msmface::patternKindName(kind);
 }
 
 std::string esc(const std::string& s) {
@@ -56,7 +64,7 @@ std::string rocPlot(const EvalSummary& s) {
         // Thresholds fall along the curve; below 1e-4 false accepts the curve meets the axis.
         for (auto it = m.figures.roc.rbegin(); it != m.figures.roc.rend(); ++it)
             pts.push_back({std::max(it->falseAccept, 1e-4), it->trueAccept});
-        p.curve(std::to_string(m.method) + " " + m.name, colourOf(m.method), pts);
+        p.curve(methodLabel(s, m), colourOf(m), pts);
     }
     return p.svg();
 }
@@ -69,7 +77,7 @@ std::string detPlot(const EvalSummary& s) {
         std::vector<std::pair<double, double>> pts;
         for (auto it = m.figures.roc.rbegin(); it != m.figures.roc.rend(); ++it)
             pts.push_back({it->falseAccept, 1.0 - it->trueAccept});
-        p.curve(std::to_string(m.method) + " " + m.name, colourOf(m.method), pts);
+        p.curve(methodLabel(s, m), colourOf(m), pts);
     }
     return p.svg();
 }
@@ -82,7 +90,7 @@ std::string cmcPlot(const EvalSummary& s) {
         std::vector<std::pair<double, double>> pts;
         for (std::size_t k = 0; k < m.figures.cmc.size(); ++k)
             pts.push_back({static_cast<double>(k + 1), m.figures.cmc[k]});
-        p.curve(std::to_string(m.method) + " " + m.name, colourOf(m.method), pts, true);
+        p.curve(methodLabel(s, m), colourOf(m), pts, true);
     }
     return p.svg();
 }
@@ -108,25 +116,26 @@ std::string histogramPlot(const EvalSummary& s, const MethodResult& m) {
     Axis y{"share of scores", 0, top, Scale::Linear, {}};
     for (int k = 0; k * step <= top + 1e-9; ++k)
         y.ticks.push_back({k * step, percentTicks(k * step)});
-    SvgPlot p(std::to_string(m.method) + " " + m.name + ": scores", x, y, 420, 260);
+    SvgPlot p(methodLabel(s, m) + ": scores", x, y, 420, 260);
     p.bars("impostor", "#c83232", 0, kBinWidth, im);
-    p.bars("genuine", colourOf(m.method), 0, kBinWidth, g);
-    p.marker("threshold " + std::to_string(s.settings.threshold), "#000000", s.settings.threshold,
-             false);
+    p.bars("genuine", colourOf(m), 0, kBinWidth, g);
+    // The identify threshold of the method's own kind: the kinds' scales differ.
+    const int threshold = kindPartOf(s, m.kind).threshold;
+    p.marker("threshold " + std::to_string(threshold), "#000000", threshold, false);
     p.marker("EER " + std::to_string(m.figures.eerThreshold), "#7a2ea0", m.figures.eerThreshold);
     p.marker("1% FAR " + std::to_string(m.figures.atFar1.threshold), "#c83232",
              m.figures.atFar1.threshold);
     return p.svg();
 }
 
-std::string sweepPlot(const EvalSummary& s) {
+std::string sweepPlot(const KindPart& s, const std::string& title) {
     int maxDim = 0;
     for (const SweepPoint& pt : s.sweep) maxDim = std::max(maxDim, pt.dimension);
-    maxDim = std::max(maxDim, s.settings.dimension);
+    maxDim = std::max(maxDim, s.dimension);
     Axis x{"constraint dimension", 0, static_cast<double>(maxDim), Scale::Linear, {}};
     for (const SweepPoint& pt : s.sweep)
         x.ticks.push_back({static_cast<double>(pt.dimension), std::to_string(pt.dimension)});
-    SvgPlot p("CMSM by constraint dimension", x, shareAxis("rate"), 560, 320);
+    SvgPlot p(title, x, shareAxis("rate"), 560, 320);
     std::vector<std::pair<double, double>> rank1, eer;
     for (const SweepPoint& pt : s.sweep) {
         rank1.push_back({static_cast<double>(pt.dimension), pt.rank1});
@@ -134,8 +143,7 @@ std::string sweepPlot(const EvalSummary& s) {
     }
     p.curve("rank-1", "#1e9632", rank1, true);
     p.curve("EER", "#c83232", eer, true);
-    p.marker("chosen " + std::to_string(s.settings.dimension), "#000000", s.settings.dimension,
-             false);
+    p.marker("chosen " + std::to_string(s.dimension), "#000000", s.dimension, false);
     if (s.bestDimension > 0)
         p.marker("best " + std::to_string(s.bestDimension), "#7a2ea0", s.bestDimension);
     return p.svg();
@@ -155,44 +163,69 @@ std::string nameOf(const EvalSummary& s, int i) {
     return i >= 0 && i < static_cast<int>(s.enrolled.size()) ? s.enrolled[i] : std::string("?");
 }
 
-std::string resultsTable(const EvalSummary& s) {
-    std::string h =
-        "<table class=\"figures\"><tr><th>method</th><th>probes</th><th>rank-1</th>"
-        "<th>rank-5</th><th>EER</th><th>EER threshold</th><th>TAR at 1% FAR</th>"
-        "<th>threshold</th><th>TAR at 0.1% FAR</th><th>threshold</th><th>TAR at " +
-        std::to_string(s.settings.threshold) + "</th><th>FAR at " +
-        std::to_string(s.settings.threshold) + "</th></tr>\n";
+// One kind's figures; with kinds named, its rows carry the kind as well.
+std::string resultsTable(const EvalSummary& s, const KindPart& k) {
+    const bool named = namesKinds(s);
+    const std::string threshold = std::to_string(k.threshold);
+    std::string h = named ? "<div><h3>" + esc(std::string(msmface::patternKindName(k.kind))) +
+                                " patterns</h3>\n"
+                          : std::string();
+    h += "<table class=\"figures\"><tr><th>method</th><th>probes</th><th>rank-1</th>"
+         "<th>rank-5</th><th>EER</th><th>EER threshold</th><th>TAR at 1% FAR</th>"
+         "<th>threshold</th><th>TAR at 0.1% FAR</th><th>threshold</th><th>TAR at " +
+         threshold + "</th><th>FAR at " + threshold + "</th></tr>\n";
     for (const MethodResult& m : s.methods) {
+        if (m.kind != k.kind) continue;
         const Figures& f = m.figures;
-        h += "<tr data-method=\"" + std::to_string(m.method) + "\"><td>" +
-             esc(std::to_string(m.method) + " " + m.name) + "</td><td>" + std::to_string(f.probes) +
-             "</td><td>" + formatPercent(f.rank1) + "</td><td>" + formatPercent(f.rank5) +
-             "</td><td>" + formatPercent(f.eer) + "</td><td>" + std::to_string(f.eerThreshold) +
-             "</td><td>" + formatPercent(f.atFar1.trueAccept) + "</td><td>" +
-             std::to_string(f.atFar1.threshold) + "</td><td>" +
-             formatPercent(f.atFar01.trueAccept) + "</td><td>" +
+        const std::string kind =
+            m.kind == msmface::PatternKind::Seed
+                ? std::string()
+                : std::string("data-kind=\"") + msmface::patternKindName(m.kind) + "\" ";
+        const std::string label =
+            m.method == kMeanDescriptorMethod ? m.name : std::to_string(m.method) + " " + m.name;
+        h += "<tr " + kind + "data-method=\"" + std::to_string(m.method) + "\"><td>" + esc(label) +
+             "</td><td>" + std::to_string(f.probes) + "</td><td>" + formatPercent(f.rank1) +
+             "</td><td>" + formatPercent(f.rank5) + "</td><td>" + formatPercent(f.eer) +
+             "</td><td>" + std::to_string(f.eerThreshold) + "</td><td>" +
+             formatPercent(f.atFar1.trueAccept) + "</td><td>" + std::to_string(f.atFar1.threshold) +
+             "</td><td>" + formatPercent(f.atFar01.trueAccept) + "</td><td>" +
              std::to_string(f.atFar01.threshold) + "</td><td>" + formatPercent(f.trueAcceptAt) +
              "</td><td>" + formatPercent(f.falseAcceptAt) + "</td></tr>\n";
     }
-    return h + "</table>\n";
+    return h + "</table>\n" + (named ? "</div>" : "");
 }
 
-std::string sweepSection(const EvalSummary& s) {
-    if (s.sweep.empty()) return "";
-    std::string h =
-        "<h2 id=\"sweep\">CMSM: the constraint dimension</h2>\n<p>CMSM run again "
-        "with each constraint dimension (the space rebuilt from the same enrolled "
-        "persons). Chosen for this run: <b>" +
-        std::to_string(s.settings.dimension) +
-        "</b>; best here (rank-1, then EER): "
-        "<b id=\"best-dimension\">" +
-        std::to_string(s.bestDimension) + "</b>.</p>\n<div class=\"row\">" + sweepPlot(s) +
-        "<table class=\"sweep\"><tr><th>dimension</th><th>rank-1</th><th>EER</th>"
-        "<th>EER threshold</th></tr>\n";
-    for (const SweepPoint& p : s.sweep) {
-        const bool chosen = p.dimension == s.settings.dimension;
-        const bool best = p.dimension == s.bestDimension;
-        h += "<tr data-dimension=\"" + std::to_string(p.dimension) + "\"" +
+// Every kind's figures, side by side.
+std::string resultsTables(const EvalSummary& s) {
+    const std::vector<KindPart> kinds = kindsOf(s);
+    if (kinds.size() == 1) return resultsTable(s, kinds.front());
+    std::string h = "<div class=\"row\">";
+    for (const KindPart& k : kinds) h += resultsTable(s, k);
+    return h + "</div>\n";
+}
+
+std::string sweepSection(const EvalSummary& s, const KindPart& k) {
+    if (k.sweep.empty()) return "";
+    const std::string suffix = kindSuffix(k.kind);
+    const std::string of =
+        namesKinds(s) ? std::string(" over ") + msmface::patternKindName(k.kind) + " patterns" : "";
+    std::string h = "<h2 id=\"sweep" + suffix + "\">CMSM" + esc(of) +
+                    ": the constraint dimension</h2>\n<p>CMSM run again "
+                    "with each constraint dimension (the space rebuilt from the same enrolled "
+                    "persons). Chosen for this run: <b>" +
+                    std::to_string(k.dimension) +
+                    "</b>; best here (rank-1, then EER): "
+                    "<b id=\"best-dimension" +
+                    suffix + "\">" + std::to_string(k.bestDimension) +
+                    "</b>.</p>\n<div class=\"row\">" +
+                    sweepPlot(k, "CMSM by constraint dimension" + of) +
+                    "<table class=\"sweep\"><tr><th>dimension</th><th>rank-1</th><th>EER</th>"
+                    "<th>EER threshold</th></tr>\n";
+    for (const SweepPoint& p : k.sweep) {
+        const bool chosen = p.dimension == k.dimension;
+        const bool best = p.dimension == k.bestDimension;
+        h += "<tr " + (suffix.empty() ? std::string() : "data-kind=\"" + suffix.substr(1) + "\" ") +
+             "data-dimension=\"" + std::to_string(p.dimension) + "\"" +
              (best ? " class=\"best\"" : "") + "><td>" + std::to_string(p.dimension) +
              (chosen ? " (chosen)" : "") + (best ? " (best)" : "") + "</td><td>" +
              formatPercent(p.rank1) + "</td><td>" + formatPercent(p.eer) + "</td><td>" +
@@ -209,7 +242,7 @@ std::string failureSection(const EvalSummary& s, const ReportFaces& faces) {
         "taken for, with the scores.</p>\n<table class=\"failures\"><tr><th>probe</th>"
         "<th>true person</th>";
     for (const MethodResult& m : s.methods)
-        h += "<th>" + esc(std::to_string(m.method) + " " + m.name) + " took it for</th>";
+        h += "<th>" + esc(methodLabel(s, m)) + " took it for</th>";
     h += "</tr>\n";
     if (s.methods.empty()) return h + "</table>\n";
     int rows = 0;
@@ -222,8 +255,9 @@ std::string failureSection(const EvalSummary& s, const ReportFaces& faces) {
         const int truth = s.methods.front().scores[p].truth;
         std::string trueScores;
         for (const MethodResult& m : s.methods)
-            trueScores += "<br>" + esc(m.name) + " " + std::to_string(m.scores[p].scores[truth]) +
-                          " (rank " + std::to_string(rankOfTruth(m.scores[p])) + ")";
+            trueScores += "<br>" + esc(namesKinds(s) ? methodLabel(s, m) : m.name) + " " +
+                          std::to_string(m.scores[p].scores[truth]) + " (rank " +
+                          std::to_string(rankOfTruth(m.scores[p])) + ")";
         h += "<tr class=\"failure\"><td>" + img(faceOf(faces.probe, truth), "probe") + "<br>" +
              esc(nameOf(s, truth)) + "</td><td>" + img(faceOf(faces.enrolled, truth), "enrolled") +
              "<br>" + esc(nameOf(s, truth)) + trueScores + "</td>";
@@ -256,10 +290,11 @@ std::string lowestSection(const EvalSummary& s, const ReportFaces& faces) {
     std::string h =
         "<h2 id=\"lowest\">Lowest genuine scores</h2>\n<p>The persons whose probe "
         "scored lowest against their own enrolment by " +
-        esc(std::to_string(last.method) + " " + last.name) +
+        esc(methodLabel(s, last)) +
         ", with the other methods' scores.</p>\n<table class=\"lowest\"><tr>"
         "<th>person</th><th>probe</th><th>enrolled</th>";
-    for (const MethodResult& m : s.methods) h += "<th>" + esc(m.name) + "</th>";
+    for (const MethodResult& m : s.methods)
+        h += "<th>" + esc(namesKinds(s) ? methodLabel(s, m) : m.name) + "</th>";
     h += "</tr>\n";
     for (std::size_t p : order) {
         const int truth = last.scores[p].truth;
@@ -279,7 +314,7 @@ std::string settingsSection(const EvalSummary& s) {
     std::snprintf(jitter, sizeof jitter, "%g", s.settings.jitter);
     std::string methods;
     for (const MethodResult& m : s.methods)
-        methods += (methods.empty() ? "" : ", ") + std::to_string(m.method) + " " + m.name;
+        methods += (methods.empty() ? "" : ", ") + methodLabel(s, m);
     std::string h = "<h2 id=\"settings\">The run</h2>\n<table class=\"settings\">";
     auto row = [&](const std::string& k, const std::string& v) {
         h += "<tr><th>" + esc(k) + "</th><td>" + esc(v) + "</td></tr>\n";
@@ -296,8 +331,24 @@ std::string settingsSection(const EvalSummary& s) {
     row("point jitter", std::string(jitter) + " pixels");
     row("frames", std::to_string(s.settings.enrolFrames) + " offered to each registration, " +
                       std::to_string(s.settings.probeFrames) + " per probe");
-    row("constraint dimension", std::to_string(s.settings.dimension));
-    row("identify threshold", std::to_string(s.settings.threshold));
+    if (!namesKinds(s)) {
+        row("constraint dimension", std::to_string(s.settings.dimension));
+        row("identify threshold", std::to_string(s.settings.threshold));
+    } else {
+        for (const KindPart& k : kindsOf(s)) {
+            const std::string kind = msmface::patternKindName(k.kind);
+            row(kind + " patterns", "constraint dimension " + std::to_string(k.dimension) +
+                                        ", identify threshold " + std::to_string(k.threshold));
+        }
+        row("descriptors", s.settings.detect
+                               ? "of the faces the detector found"
+                               : "of the faces in the box the manifest's points imply, their "
+                                 "landmarks fitted by the detector's landmark model");
+        row("mean descriptor",
+            "one mean descriptor per person (of its enrolment frames, "
+            "normalised) against the probe's, scored 1000 x cosine squared "
+            "(0 below a cosine of 0)");
+    }
     h += "</table>\n<table class=\"stages\"><tr><th>stage</th><th>seconds</th></tr>\n";
     for (const StageTime& t : s.stages) {
         char sec[32];
@@ -355,16 +406,26 @@ std::string reportPage(const EvalSummary& s, const ReportFaces& faces) {
          "threshold.</p>\n";
     h +=
         "<p class=\"nav\"><a href=\"#figures\">figures</a> &middot; <a href=\"#scores\">scores</a>";
-    if (!s.sweep.empty()) h += " &middot; <a href=\"#sweep\">constraint dimension</a>";
+    for (const KindPart& k : kindsOf(s))
+        if (!k.sweep.empty())
+            h += " &middot; <a href=\"#sweep" + kindSuffix(k.kind) + "\">constraint dimension" +
+                 (namesKinds(s) ? std::string(" (") + msmface::patternKindName(k.kind) + ")"
+                                : std::string()) +
+                 "</a>";
     h += " &middot; <a href=\"#failures\">failures</a> &middot; <a href=\"#lowest\">lowest genuine "
          "scores</a> &middot; "
          "<a href=\"#settings\">the run</a></p>\n";
-    h += "<h2 id=\"figures\">Figures</h2>\n" + resultsTable(s);
+    h += "<h2 id=\"figures\">Figures</h2>\n" + resultsTables(s);
     h += "<div class=\"row\">" + rocPlot(s) + detPlot(s) + cmcPlot(s) + "</div>\n";
-    h += "<h2 id=\"scores\">Genuine and impostor scores</h2>\n<div class=\"row\">";
-    for (const MethodResult& m : s.methods) h += histogramPlot(s, m);
-    h += "</div>\n";
-    h += sweepSection(s);
+    h += "<h2 id=\"scores\">Genuine and impostor scores</h2>\n";
+    // A row of charts per kind: each kind's scores against its own threshold.
+    for (const KindPart& k : kindsOf(s)) {
+        h += "<div class=\"row\">";
+        for (const MethodResult& m : s.methods)
+            if (m.kind == k.kind) h += histogramPlot(s, m);
+        h += "</div>\n";
+    }
+    for (const KindPart& k : kindsOf(s)) h += sweepSection(s, k);
     h += failureSection(s, faces);
     h += lowestSection(s, faces);
     h += settingsSection(s);

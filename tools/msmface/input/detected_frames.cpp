@@ -2,8 +2,8 @@
 
 #include <memory>
 
+#include "input/face_descriptors.h"
 #include "input/face_finder.h"
-#include "input/frame_descriptors.h"
 #include "input/image_io.h"
 
 namespace msmcli {
@@ -33,9 +33,8 @@ std::string gatherDetectedFrames(const PictureSourceOptions& source, const std::
         ++found;
         Frame frame;
         if (describer != nullptr) {
-            msmface::FaceDescriptor d;
-            if (!describer->describeFound(picture, face, d)) continue;
-            frame.descriptor = d;
+            frame.descriptor = describer->describeLandmarks(viewOf(picture), face.landmarks);
+            if (!frame.descriptor) continue;
         }
         frame.image = std::make_shared<GreyImage>(greyOf(picture));
         frame.points = face.points;
