@@ -6,9 +6,11 @@
 
 namespace msm {
 
-std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* pattern) {
+std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* pattern,
+                              const float* centre) {
     // In double: the squares of values near the float limit must not overflow before they are
     // refused, nor those of tiny values vanish before their direction is taken.
+    double values[msmface::kDescriptorSize];
     double squares = 0.0;
     for (std::size_t i = 0; i < descriptor.size(); ++i) {
         const float v = descriptor[i];
@@ -18,19 +20,20 @@ std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* 
             return "descriptor value " + std::to_string(i + 1) + " of " +
                    std::to_string(descriptor.size()) + " is " + text + ", expected a finite number";
         }
-        squares += static_cast<double>(v) * v;
+        values[i] = centre != nullptr ? static_cast<double>(v) - centre[i] : v;
+        squares += values[i] * values[i];
     }
     if (squares == 0.0)
-        return "descriptor: every value is 0, expected a direction (a non-zero length)";
+        return centre != nullptr
+                   ? "descriptor: equal to the centre taken away, expected a direction"
+                   : "descriptor: every value is 0, expected a direction (a non-zero length)";
     // The recognition works on squared values in float: a descriptor whose squared length
     // does not fit one is no face any finder gives.
     if (squares > static_cast<double>(FLT_MAX))
         return "descriptor: its length is too large (its square exceeds the float range)";
-    // Centring by a mean descriptor, when a measurement shows it pays, goes here: the mean is
-    // subtracted before the length is taken.
     const double length = std::sqrt(squares);
     for (std::size_t i = 0; i < descriptor.size(); ++i)
-        pattern[i] = static_cast<float>(descriptor[i] / length);
+        pattern[i] = static_cast<float>(values[i] / length);
     return {};
 }
 

@@ -29,14 +29,20 @@ struct DescriptorSettings {
     int constraintBasisCount = 3;
     // The identify threshold of a directory that stores none.
     int identifyThreshold = 500;
+    // kDescriptorSize values taken away from every descriptor, enrolled and recognised alike,
+    // before its direction is taken; null: none. A change of it changes every direction, so the
+    // dictionaries of directories made before it would have to be enrolled again.
+    const float* centre = nullptr;
 };
 
 inline constexpr DescriptorSettings kDescriptorSettings{};
 
 // Writes into pattern (kDescriptorSize floats) the descriptor as the recognition compares it: its
-// direction, of unit length. Returns an empty string, or one line saying why the values are no
-// descriptor: a value that is not finite, no length, or a length too large for float arithmetic.
-std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* pattern);
+// direction, of unit length, after centre (kDescriptorSize values, or null) is taken away.
+// Returns an empty string, or one line saying why the values are no descriptor: a value that is
+// not finite, no length (left), or a length too large for float arithmetic.
+std::string descriptorPattern(const msmface::FaceDescriptor& descriptor, float* pattern,
+                              const float* centre = kDescriptorSettings.centre);
 
 }  // namespace msm
 

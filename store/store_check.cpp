@@ -207,7 +207,7 @@ StoreReport checkLocked(const std::string& dir) {
     const std::string kindError = detail::loadPatternKind(dir, stored);
     std::optional<PatternKind> kind;
     if (kindError.empty())
-        kind = stored;
+        kind = r.patterns = stored;
     else
         add(r, StoreProblemKind::UnreadableFile, detail::patternsPath(dir), kindError);
     int threshold = 0;

@@ -18,8 +18,8 @@ namespace {
 
 using msmface::FaceDescriptor;
 
-constexpr std::size_t kPersons = 4;
-constexpr std::size_t kEnrolFrames = 6;
+constexpr std::size_t kPersons = 3;
+constexpr std::size_t kEnrolFrames = 4;
 
 // The video of a frame named ".../<split>_v<video>f<frame>.pgm".
 int videoOf(const std::string& image) {

@@ -13,6 +13,7 @@
 #include "descriptor_support.h"
 #include "dictionary/dictionary_check.h"
 #include "gallery_support.h"
+#include "recognition/descriptor_patterns.h"
 #include "store/patterns_file.h"
 #include "store/threshold_file.h"
 
@@ -121,6 +122,31 @@ TEST(DescriptorKind, PatternsFileParserTakesOneKindNameAndRefusesTheRest) {
     std::string withZero("seed\n", 5);
     withZero.insert(2, 1, '\0');
     EXPECT_NE(d::parsePatternKind(withZero, kind), "");
+}
+
+TEST(DescriptorPattern, IsTheDirectionOfWhatIsLeftOnceTheCentreIsTakenAway) {
+    SynthDescriptors faces(2, 3);
+    const FaceDescriptor d = faces.view(0), c = faces.view(1);
+    float pattern[msmface::kDescriptorSize];
+    for (const float* centre : {static_cast<const float*>(nullptr), c.data()}) {
+        ASSERT_EQ(msm::descriptorPattern(d, pattern, centre), "");
+        double length = 0.0, along = 0.0, left = 0.0;
+        for (int i = 0; i < msmface::kDescriptorSize; ++i) {
+            const double x = d[i] - (centre != nullptr ? centre[i] : 0.0f);
+            length += static_cast<double>(pattern[i]) * pattern[i];
+            along += pattern[i] * x;
+            left += x * x;
+        }
+        EXPECT_NEAR(length, 1.0, 1e-6);
+        // Parallel to what is left: the cosine is 1.
+        EXPECT_NEAR(along / std::sqrt(left), 1.0, 1e-6);
+    }
+    EXPECT_THAT(msm::descriptorPattern(d, pattern, d.data()), HasSubstr("equal to the centre"));
+    // Without a centre by default: nothing is taken away until a measured one is set.
+    float plain[msmface::kDescriptorSize];
+    ASSERT_EQ(msm::descriptorPattern(d, plain), "");
+    ASSERT_EQ(msm::descriptorPattern(d, pattern, nullptr), "");
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) EXPECT_EQ(plain[i], pattern[i]);
 }
 
 TEST(DescriptorKind, IsRecordedWhenCreatedAndKeptOnEveryLaterOpen) {
@@ -260,6 +286,7 @@ TEST(DescriptorGallery, PersonFilesAreTheEngineFormatsOfOneChannelOf128) {
     const auto report = msmface::checkStore(e.dir);
     ASSERT_TRUE(report.ok()) << report.message();
     EXPECT_EQ(report->persons, kPersons);
+    EXPECT_EQ(report->patterns, PatternKind::Descriptor);
     for (const msmface::StoreProblem& p : report->problems) ADD_FAILURE() << p.message;
 }
 
@@ -541,6 +568,7 @@ TEST(DescriptorThreshold, IsStoredWithItsKindAndNeverTakenForTheOther) {
     EXPECT_THAT(ReadText(descriptors + "/threshold.txt"), HasSubstr("\ndescriptor 640\n"));
     EXPECT_EQ(Gallery::open(descriptors)->threshold(), 640);
     EXPECT_EQ(Gallery::open(seed)->threshold(), 640);
+    EXPECT_EQ(msmface::checkStore(seed)->patterns, PatternKind::Seed);
 
     // Swapped, each is refused by the open, naming the file, rather than used.
     const std::string seedText = ReadText(seed + "/threshold.txt");
@@ -604,6 +632,7 @@ TEST(DescriptorStore, CheckKnowsTheKindFileAndHoldsDictionariesToTheDirectorySha
     ASSERT_TRUE(report.ok()) << report.message();
     ASSERT_EQ(report->problems.size(), 1u) << report->problems[0].message;
     EXPECT_EQ(report->problems[0].path, e.dir + "/patterns.txt");
+    EXPECT_FALSE(report->patterns.has_value());
     EXPECT_THAT(report->problems[0].message, HasSubstr("expected \"seed\" or \"descriptor\""));
     EXPECT_TRUE(report->repaired.empty());
     for (int p = 0; p < kPersons; ++p)

@@ -218,7 +218,8 @@ class MSMFACE_API Stream {
     // every person (points that do not give a face make a face-less frame). Fails (Argument) on
     // a bad view, and (File) when the directory is gone or a change of the gallery cannot be
     // loaded; the stream then tries again at its next frame. A person whose files
-    // become unusable is left out (Gallery::leftOut), the others go on being recognised.
+    // become unusable is left out (Gallery::leftOut), the others go on being recognised. A
+    // gallery of descriptors normalises no face: it refuses points (Argument).
     Result<StreamState> push(const FrameView& frame, const FacePoints& points);
     // One camera frame without known points: the stream's finder looks for the face; without a
     // finder, or when it finds none, this is a face-less frame.

@@ -74,7 +74,10 @@ struct StoreProblem {
 };
 
 struct StoreReport {
-    int persons = 0;                     // entries of the registry
+    int persons = 0;  // entries of the registry
+    // The kind of pattern the directory holds; empty when its kind file does not read (one of
+    // the problems then says why).
+    std::optional<PatternKind> patterns = std::nullopt;
     std::vector<StoreProblem> problems;  // in a stable order: by kind, then by path
     std::vector<std::string> repaired;   // one line per file removed or moved by a repair
     // Problems other than the leftovers Orphan and Temporary.
