@@ -12,7 +12,7 @@
 
 #include "commands/commands.h"
 #include "evaluation/calibration_scores.h"
-#include "input/face_descriptors.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -105,7 +105,7 @@ int runCalibrate(const CalibrateOptions& o) {
     if (!error.empty()) return fail(error);
     std::unique_ptr<FrameDescriber> describer;
     if (g.patterns() == msmface::PatternKind::Descriptor) {
-        error = makeFrameDescriber(o.model, o.dir, describer, o.descriptorModel);
+        error = makeFrameDescriber({o.model, o.descriptorModel, true, o.dir}, describer);
         if (!error.empty()) return fail(error);
     }
     CalibrationScores scores;

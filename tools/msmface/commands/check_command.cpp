@@ -2,26 +2,11 @@
 // losing a registered person.
 #include <cstdio>
 
-#include <msmface/gallery.h>
 #include <msmface/store.h>
 
 #include "commands/commands.h"
 
 namespace msmcli {
-
-namespace {
-
-// The kind of the directory's patterns as ", seed patterns", or nothing when the directory does
-// not open as a gallery (its problems then say why).
-std::string kindOf(const std::string& dir, const msmface::LockOptions& lock) {
-    msmface::OpenOptions options;
-    options.lock = lock;
-    const auto g = msmface::Gallery::open(dir, options);
-    if (!g.ok()) return {};
-    return std::string(", ") + msmface::patternKindName(g->patterns()) + " patterns";
-}
-
-}  // namespace
 
 int runCheck(const CheckOptions& o) {
     msmface::LockOptions lock;
@@ -31,8 +16,11 @@ int runCheck(const CheckOptions& o) {
         o.repair ? msmface::repairStore(o.dir, lock) : msmface::checkStore(o.dir);
     if (!r.ok()) return fail(r.message());
     for (const std::string& line : r->repaired) std::printf("repaired: %s\n", line.c_str());
+    // Nothing when the kind file does not read: a problem then says why.
+    const std::string kind =
+        r->patterns ? std::string(", ") + msmface::patternKindName(*r->patterns) + " patterns" : "";
     std::printf("%s: %d person%s listed%s; %zu problem%s\n", o.dir.c_str(), r->persons,
-                r->persons == 1 ? "" : "s", kindOf(o.dir, lock).c_str(), r->problems.size(),
+                r->persons == 1 ? "" : "s", kind.c_str(), r->problems.size(),
                 r->problems.size() == 1 ? "" : "s");
     for (const msmface::StoreProblem& p : r->problems)
         std::printf("  %s%s\n", p.message.c_str(),

@@ -15,7 +15,7 @@
 #include "commands/commands.h"
 #include "commands/flag_names.h"
 #include "input/detected_frames.h"
-#include "input/face_descriptors.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 #include "io/folders.h"
@@ -72,7 +72,7 @@ std::string gatherFoundFrames(const FrameOptions& o, const std::optional<std::st
     std::unique_ptr<FrameDescriber> describer;
     if (describeFor) {
         const std::string error =
-            makeFrameDescriber(o.model, *describeFor, describer, o.descriptorModel);
+            makeFrameDescriber({o.model, o.descriptorModel, false, *describeFor}, describer);
         if (!error.empty()) return error;
     }
     return gatherDetectedFrames(source, o.model, frames, describer.get());
@@ -90,7 +90,7 @@ std::string readFrames(const FrameOptions& o, const std::optional<std::string>& 
     error = loadFrames(list, rows, frames);
     if (!error.empty() || !describeFor) return error;
     std::unique_ptr<FrameDescriber> describer;
-    error = makeFrameDescriber(o.model, *describeFor, describer, o.descriptorModel);
+    error = makeFrameDescriber({o.model, o.descriptorModel, true, *describeFor}, describer);
     if (!error.empty()) return error;
     return describeFramesByPoints(*describer, list, frames);
 }

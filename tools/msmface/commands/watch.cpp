@@ -17,8 +17,8 @@
 #include <opencv2/videoio.hpp>
 
 #include "commands/commands.h"
-#include "input/face_descriptors.h"
 #include "input/face_finder.h"
+#include "input/frame_descriptors.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -291,7 +291,7 @@ int runWatch(const WatchOptions& o) {
     if (!error.empty()) return fail(error);
     std::unique_ptr<FrameDescriber> describer;
     if (gallery->patterns() == msmface::PatternKind::Descriptor) {
-        error = makeFrameDescriber(o.model, o.dir, describer, o.descriptorModel);
+        error = makeFrameDescriber({o.model, o.descriptorModel, false, o.dir}, describer);
         if (!error.empty()) return fail(error);
     }
     msmface::Result<msmface::Stream> stream =

@@ -8,7 +8,7 @@
 
 #include "evaluation/key_name.h"
 #include "evaluation/progress.h"
-#include "input/face_descriptors.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 

@@ -12,8 +12,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <msmface/face_input.h>
 #include <msmface/msmface.h>
 
 #include "commands/commands.h"
@@ -23,13 +25,16 @@
 #include "evaluation/progress.h"
 #include "evaluation/report_page.h"
 #include "input/detected_frames.h"
-#include "input/face_descriptors.h"
 #include "input/face_finder.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 #include "input/image_io.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
+
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+#include <msmface/descriptor.h>
+#endif
 
 namespace msmcli {
 namespace {
@@ -212,10 +217,85 @@ struct KindGallery {
     std::vector<std::vector<msmface::Sample>> probes;
 };
 
+// The descriptors of eval's frames (grey stills). With --detect one search finds a frame's face,
+// its points for Seed patterns and its descriptor; with the manifest's points, the landmark model
+// is fitted in the box they imply (msmface::boxFromPoints), where the detector would have put it.
+class EvalDescriber {
+  public:
+    virtual ~EvalDescriber() = default;
+    // True when the frame shows a face: points are the ones found, and descriptor holds the
+    // face's descriptor, or nothing when it is too small or too near the border to describe.
+    virtual bool detect(const GreyImage& image, std::array<double, 28>& points,
+                        std::optional<msmface::FaceDescriptor>& descriptor) = 0;
+    // The descriptor of the face the frame's points place, or nothing.
+    virtual std::optional<msmface::FaceDescriptor> describeAt(
+        const GreyImage& image, const std::array<double, 28>& points) = 0;
+};
+
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+msmface::FrameView greyView(const GreyImage& image) {
+    return {image.pixels.data(), image.width, image.height, 0, msmface::PixelFormat::Grey};
+}
+
+class LibraryDescriber : public EvalDescriber {
+  public:
+    LibraryDescriber(msmface::Detector detector, msmface::Descriptor descriptor)
+        : detector_(std::move(detector)),
+          // Stills: every frame searched afresh, as eval's face finder searches them.
+          describer_(detector_, std::move(descriptor), msmface::FollowerOptions{1}) {}
+
+    bool detect(const GreyImage& image, std::array<double, 28>& points,
+                std::optional<msmface::FaceDescriptor>& descriptor) override {
+        msmface::DetectedFace face;
+        if (!describer_.describe(greyView(image), face, descriptor)) return false;
+        for (int k = 0; k < 28; ++k) points[k] = face.points.xy[k];
+        return true;
+    }
+
+    std::optional<msmface::FaceDescriptor> describeAt(
+        const GreyImage& image, const std::array<double, 28>& points) override {
+        const auto box = msmface::boxFromPoints(msmface::toFacePoints(points));
+        if (!box) return std::nullopt;
+        const auto fitted = detector_.fit(greyView(image), *box);
+        if (!fitted) return std::nullopt;
+        auto described = describer_.descriptor().compute(greyView(image), *fitted);
+        if (!described) return std::nullopt;
+        return *described;
+    }
+
+  private:
+    msmface::Detector detector_;
+    msmface::FaceDescriber describer_;
+};
+
+std::string makeEvalDescriber(std::unique_ptr<EvalDescriber>& out) {
+    auto detector = msmface::Detector::create();
+    if (!detector) return detector.message();
+    auto descriptor = msmface::Descriptor::load();
+    if (!descriptor) return descriptor.message();
+    out = std::make_unique<LibraryDescriber>(std::move(detector).value(),
+                                             std::move(descriptor).value());
+    return {};
+}
+#else
+std::string makeEvalDescriber(std::unique_ptr<EvalDescriber>&) {
+    return "--patterns: face descriptors are not available in this build (built without the "
+           "detector's descriptor, which needs libdlib-dev and libopencv-dnn-dev)";
+}
+#endif
+
+// Samples given by their descriptors alone, for a gallery of descriptors.
+std::vector<msmface::Sample> descriptorSamples(
+    const std::vector<msmface::FaceDescriptor>& descriptors) {
+    std::vector<msmface::Sample> samples(descriptors.size());
+    for (std::size_t i = 0; i < descriptors.size(); ++i) samples[i].descriptor = descriptors[i];
+    return samples;
+}
+
 // What finds faces, points and descriptors in the frames; each null when not needed.
 struct Finders {
     std::unique_ptr<FaceFinder> points;
-    std::unique_ptr<FrameDescriber> descriptors;
+    std::unique_ptr<EvalDescriber> descriptors;
 };
 
 // The models the run needs, loaded before anything is written: a missing one leaves the output
@@ -224,7 +304,7 @@ std::string makeFinders(const EvalOptions& o, Finders& out) {
     const std::vector<PatternKind> kinds = kindsAsked(o);
     // One search per frame serves both kinds: the face's points and its descriptor.
     if (std::find(kinds.begin(), kinds.end(), PatternKind::Descriptor) != kinds.end())
-        return makeFrameDescriber("", "--patterns", out.descriptors);
+        return makeEvalDescriber(out.descriptors);
     // With --detect the manifest gives only the pictures; each is a still of its own.
     if (o.detect) return makeFaceFinder("", false, "--detect", out.points);
     return {};

@@ -199,7 +199,7 @@ std::string resultsTable(const EvalSummary& s, const KindPart& k) {
 std::string resultsTables(const EvalSummary& s) {
     const std::vector<KindPart> kinds = kindsOf(s);
     if (kinds.size() == 1) return resultsTable(s, kinds.front());
-    std::string h = "<div class=\"row\">";
+    std::string h = "<div class=\"row kinds\">";
     for (const KindPart& k : kinds) h += resultsTable(s, k);
     return h + "</div>\n";
 }
@@ -365,7 +365,9 @@ font-size:13px;text-align:right;vertical-align:top}th{background:#f2f2f2}
 table.settings td,table.settings th,table.failures td,table.lowest td{text-align:left}
 .row{display:flex;flex-wrap:wrap;gap:12px;align-items:flex-start}
 img.face{image-rendering:pixelated;width:96px;height:96px;display:block}
-tr.best td{background:#eef7ee}td.right{color:#1e9632}.noface{color:#999})";
+tr.best td{background:#eef7ee}td.right{color:#1e9632}.noface{color:#999}
+.kinds{flex-wrap:nowrap}.kinds>div{flex:1 1 auto;min-width:0}.kinds table{margin-right:0}.kinds td,.kinds th{padding:2px;font-size:12px}
+.kinds h3{font-size:15px;margin:4px 0})";
 
 }  // namespace
 

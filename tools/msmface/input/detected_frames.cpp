@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "input/face_descriptors.h"
+#include "input/frame_descriptors.h"
 #include "input/face_finder.h"
 #include "input/image_io.h"
 

@@ -16,7 +16,7 @@
 namespace msmcli {
 
 // A camera frame with the fourteen feature points of the face in it, and for a directory of
-// descriptors the face's descriptor (input/face_descriptors.h).
+// descriptors the face's descriptor (input/frame_descriptors.h).
 struct Frame {
     std::shared_ptr<const GreyImage> image;
     std::array<double, 28> points{};
