@@ -23,6 +23,7 @@
 #include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
 #include "recognition/MWMSMRecognition.h"
+#include "support/random_basis.h"
 
 namespace {
 
@@ -42,25 +43,7 @@ std::string ScratchFolder() {
 // Orthonormal rows from a seed (Gram-Schmidt in double).
 std::vector<std::vector<float>> RandomBasis(int k, unsigned seed) {
     std::mt19937 gen(seed);
-    std::normal_distribution<double> normal;
-    std::vector<std::vector<double>> r(k, std::vector<double>(kDim));
-    for (auto& row : r)
-        for (double& v : row) v = normal(gen);
-    for (int i = 0; i < k; ++i)
-        for (int pass = 0; pass < 2; ++pass) {
-            for (int j = 0; j < i; ++j) {
-                double d = 0;
-                for (int x = 0; x < kDim; ++x) d += r[i][x] * r[j][x];
-                for (int x = 0; x < kDim; ++x) r[i][x] -= d * r[j][x];
-            }
-            double n = 0;
-            for (double v : r[i]) n += v * v;
-            for (double& v : r[i]) v /= std::sqrt(n);
-        }
-    std::vector<std::vector<float>> f(k, std::vector<float>(kDim));
-    for (int i = 0; i < k; ++i)
-        for (int x = 0; x < kDim; ++x) f[i][x] = static_cast<float>(r[i][x]);
-    return f;
+    return msmbench::randomOrthonormalRows(k, kDim, gen);
 }
 
 void FillPerson(DictChunk& chunk, unsigned seed, int vectors = kVectors) {

@@ -127,12 +127,17 @@ TEST(DescriptorKind, PatternsFileParserTakesOneKindNameAndRefusesTheRest) {
 TEST(DescriptorPattern, IsTheDirectionOfWhatIsLeftOnceTheCentreIsTakenAway) {
     SynthDescriptors faces(2, 3);
     const FaceDescriptor d = faces.view(0), c = faces.view(1);
+    double dLength = 0.0;
+    for (float v : d) dLength += static_cast<double>(v) * v;
+    dLength = std::sqrt(dLength);
     float pattern[msmface::kDescriptorSize];
-    for (const float* centre : {static_cast<const float*>(nullptr), c.data()}) {
+    for (const float* centre : {static_cast<const float*>(nullptr), c.data(),
+                                static_cast<const float*>(msm::kDescriptorCentre)}) {
         ASSERT_EQ(msm::descriptorPattern(d, pattern, centre), "");
         double length = 0.0, along = 0.0, left = 0.0;
         for (int i = 0; i < msmface::kDescriptorSize; ++i) {
-            const double x = d[i] - (centre != nullptr ? centre[i] : 0.0f);
+            // The centre is taken from the descriptor's unit direction.
+            const double x = d[i] / dLength - (centre != nullptr ? centre[i] : 0.0f);
             length += static_cast<double>(pattern[i]) * pattern[i];
             along += pattern[i] * x;
             left += x * x;
@@ -140,12 +145,20 @@ TEST(DescriptorPattern, IsTheDirectionOfWhatIsLeftOnceTheCentreIsTakenAway) {
         EXPECT_NEAR(length, 1.0, 1e-6);
         // Parallel to what is left: the cosine is 1.
         EXPECT_NEAR(along / std::sqrt(left), 1.0, 1e-6);
+        // The descriptor's length never moves it relative to the centre.
+        FaceDescriptor scaled = d;
+        for (float& v : scaled) v *= 37.5f;
+        float again[msmface::kDescriptorSize];
+        ASSERT_EQ(msm::descriptorPattern(scaled, again, centre), "");
+        for (int i = 0; i < msmface::kDescriptorSize; ++i) EXPECT_NEAR(again[i], pattern[i], 1e-6);
     }
-    EXPECT_THAT(msm::descriptorPattern(d, pattern, d.data()), HasSubstr("equal to the centre"));
-    // Without a centre by default: nothing is taken away until a measured one is set.
+    FaceDescriptor unit = d;
+    for (float& v : unit) v = static_cast<float>(v / dLength);
+    EXPECT_THAT(msm::descriptorPattern(d, pattern, unit.data()), HasSubstr("the centre's"));
+    // The shipped centre by default.
     float plain[msmface::kDescriptorSize];
     ASSERT_EQ(msm::descriptorPattern(d, plain), "");
-    ASSERT_EQ(msm::descriptorPattern(d, pattern, nullptr), "");
+    ASSERT_EQ(msm::descriptorPattern(d, pattern, msm::kDescriptorCentre), "");
     for (int i = 0; i < msmface::kDescriptorSize; ++i) EXPECT_EQ(plain[i], pattern[i]);
 }
 
