@@ -15,6 +15,7 @@ Frames are NumPy uint8 arrays, (H, W) grey or (H, W, 3) colour in BGR order (pas
 
 from ._msmface import (
     HAVE_DETECT,
+    DescriptorFinder,
     Engine,
     FalseAcceptPoint,
     Gallery,
@@ -42,6 +43,7 @@ if HAVE_DETECT:
 
 __all__ = [
     "HAVE_DETECT",
+    "DescriptorFinder",
     "Engine",
     "FalseAcceptPoint",
     "Gallery",

@@ -5,10 +5,16 @@ from typing import Iterator, List, Optional, Tuple
 import numpy as np
 import numpy.typing as npt
 
-from ._msmface import PointFinder
+from ._msmface import DescriptorFinder, PointFinder
 
 DEFAULT_MODEL: str
 MODEL_ENVIRONMENT: str
+HAVE_DESCRIPTOR: bool
+# Present when HAVE_DESCRIPTOR is true:
+DESCRIPTOR_SIZE: int
+DESCRIPTOR_CHIP_SIDE: int
+DESCRIPTOR_MODEL_ENVIRONMENT: str
+def default_descriptor_model_folder() -> str: ...
 
 class FaceBox:
     @property
@@ -41,6 +47,20 @@ class Detector:
 class Follower(PointFinder):
     def __init__(self, detector: Detector, *, redetect_every: int = 10) -> None: ...
     def track(self, frame: npt.NDArray[np.uint8], *, format: str = "bgr") -> Optional[Face]: ...
+    def reset(self) -> None: ...
+
+class Descriptor:
+    def __init__(self, model: Optional[str] = None, *, threads: int = 1) -> None: ...
+    def compute(self, frame: npt.NDArray[np.uint8], face: Face, *,
+                format: str = "bgr") -> npt.NDArray[np.float32]: ...
+    def compute_chip(self, chip: npt.NDArray[np.uint8], *,
+                     format: str = "bgr") -> npt.NDArray[np.float32]: ...
+
+class FaceDescriber(DescriptorFinder):
+    def __init__(self, detector: Detector, model: Optional[str] = None, *,
+                 redetect_every: int = 10, threads: int = 1) -> None: ...
+    def describe(self, frame: npt.NDArray[np.uint8], *, format: str = "bgr"
+                 ) -> Optional[Tuple[Face, Optional[npt.NDArray[np.float32]]]]: ...
     def reset(self) -> None: ...
 
 def points_from_landmarks(landmarks: npt.ArrayLike) -> npt.NDArray[np.float32]: ...

@@ -18,6 +18,22 @@ from ._msmface import HAVE_DETECT, Gallery
 from .frames import MAX_COPIES, offer_frames
 
 _METHODS = ("single", "msm", "cmsm")
+_PATTERNS = ("seed", "descriptor")
+_DESCRIPTOR_SIZE = 128
+
+
+def _detect_module() -> Any:
+    """msmface.detect (present with HAVE_DETECT only)."""
+    from ._msmface import detect
+    return detect
+
+
+def _descriptor_set(frame_set: Any) -> Optional[np.ndarray]:
+    """The set as an (n, 128) array when it is one of descriptors rather than of frames."""
+    if isinstance(frame_set, np.ndarray) and frame_set.ndim == 2 and \
+            frame_set.shape[1] == _DESCRIPTOR_SIZE and frame_set.dtype.kind == "f":
+        return frame_set
+    return None
 
 
 def _as_samples(frame_set: Any, where: str) -> list:
@@ -45,23 +61,34 @@ class MSMClassifier:
     enrol_frames : frames offered per class at enrolment (a registration uses 50).
     probe_frames : frames offered per set at recognition (jittered copies when fewer).
     jitter : pixels by which the points of the copies are moved.
-    constraint_dimension : vectors of the constraint space (method "cmsm"), 1 to 256.
+    constraint_dimension : vectors of the constraint space (method "cmsm"), 1 to 256; with
+        descriptors at most as many as the classes' leading vectors span (fit's ValueError says
+        how many), and never more than the descriptors' 128.
     seed : seed of the jitter.
 
+    patterns : "seed" (the engine's own patterns, from the points) or "descriptor" (learned face
+        descriptors: a gallery created with ``patterns="descriptor"``).
+
     A frame set holds (frame, points) pairs or frames alone; frames alone need the detector
-    (``msmface.HAVE_DETECT``).
+    (``msmface.HAVE_DETECT``). With ``patterns="descriptor"`` a frame set is an (n, 128) float
+    array of descriptors, or frames whose faces the detector finds and
+    ``msmface.detect.Descriptor`` describes (points given with them are not used); each
+    descriptor is taken once (no jittered copies), at most ``probe_frames`` of a set at
+    recognition.
     """
 
     _estimator_type = "classifier"
 
     def __init__(self, method: str = "msm", enrol_frames: int = 60, probe_frames: int = 15,
-                 jitter: float = 1.5, constraint_dimension: int = 200, seed: int = 0):
+                 jitter: float = 1.5, constraint_dimension: int = 200, seed: int = 0,
+                 patterns: str = "seed"):
         self.method = method
         self.enrol_frames = enrol_frames
         self.probe_frames = probe_frames
         self.jitter = jitter
         self.constraint_dimension = constraint_dimension
         self.seed = seed
+        self.patterns = patterns
 
     # --- scikit-learn's parameter conventions -------------------------------------------------
     @classmethod
@@ -91,6 +118,9 @@ class MSMClassifier:
     def _check_params(self) -> None:
         if self.method not in _METHODS:
             raise ValueError(f"method: expected one of {', '.join(_METHODS)}, got {self.method!r}")
+        if self.patterns not in _PATTERNS:
+            raise ValueError(f"patterns: expected one of {', '.join(_PATTERNS)}, "
+                             f"got {self.patterns!r}")
         # Frames are offered as jittered copies: beyond the copies jitter makes, a few frames
         # would become a list larger than memory.
         for name, most in (("enrol_frames", MAX_COPIES), ("probe_frames", MAX_COPIES),
@@ -112,17 +142,25 @@ class MSMClassifier:
             raise ValueError("y: expected at least one label")
         if self.method == "cmsm" and len(classes) < 2:
             raise ValueError("method 'cmsm' needs at least two classes")
-        sets = [self._with_points(_as_samples(s, f"X[{i}]"), f"X[{i}]") for i, s in enumerate(X)]
+        describing = self.patterns == "descriptor"
+        sets = [self._described(s, f"X[{i}]") if describing else
+                self._with_points(_as_samples(s, f"X[{i}]"), f"X[{i}]") for i, s in enumerate(X)]
         self._release()
         folder = tempfile.mkdtemp(prefix="msmface-estimator-")
         self._cleanup = weakref.finalize(self, shutil.rmtree, folder, True)
-        gallery = Gallery(folder + "/gallery", create=True)
+        gallery = Gallery(folder + "/gallery", create=True, patterns=self.patterns)
         for k, label in enumerate(classes):
+            if describing:
+                gallery.enrol(k + 1, f"class{k + 1}", descriptors=np.vstack(
+                    [s for s, l in zip(sets, labels) if l == label]))
+                continue
             samples = [x for s, l in zip(sets, labels) if l == label for x in s]
             gallery.enrol(k + 1, f"class{k + 1}", offer_frames(samples, self.enrol_frames,
                                                                self.jitter, self.seed + k))
         if self.method == "cmsm":
-            gallery.rebuild_constraint(self.constraint_dimension)
+            # A space of descriptors has 128 dimensions: no more constraint vectors than that.
+            most = _DESCRIPTOR_SIZE if describing else self.constraint_dimension
+            gallery.rebuild_constraint(min(self.constraint_dimension, most))
         self.classes_ = classes
         self.n_features_in_ = None
         self.gallery_ = gallery
@@ -151,6 +189,37 @@ class MSMClassifier:
             raise ValueError(f"{where}: the detector found no face in any frame of the set")
         return out
 
+    def _described(self, frame_set: Any, where: str, required: bool = True) -> np.ndarray:
+        """The set's descriptors, (n, 128): given as such, or of the faces the detector finds in
+        its frames (frames without a describable face are left out)."""
+        given = _descriptor_set(frame_set)
+        if given is not None:
+            if len(given) == 0 and required:
+                raise ValueError(f"{where}: a set of descriptors holds at least one")
+            return given
+        samples = _as_samples(frame_set, where)
+        if not HAVE_DETECT or not getattr(_detect_module(), "HAVE_DESCRIPTOR", False):
+            raise ValueError(f"{where}: frames need the detector and the face descriptor to be "
+                             "described, which this build lacks; give (n, 128) descriptors")
+        if getattr(self, "_detector", None) is None:
+            self._detector = _detect_module().Detector()
+        if getattr(self, "_descriptor", None) is None:
+            self._descriptor = _detect_module().Descriptor()
+        out = []
+        for frame, _ in samples:
+            faces = self._detector.detect(frame)
+            if not faces:
+                continue
+            try:
+                out.append(self._descriptor.compute(frame, faces[0]))
+            except ValueError:
+                continue  # a face too small or too close to the border for a chip
+        if not out:
+            if required:
+                raise ValueError(f"{where}: no face that can be described in any frame of the set")
+            return np.zeros((0, _DESCRIPTOR_SIZE), np.float32)
+        return np.vstack(out)
+
     def _check_fitted(self) -> None:
         if not hasattr(self, "gallery_"):
             raise RuntimeError(f"this {type(self).__name__} is not fitted yet; call fit first")
@@ -161,13 +230,20 @@ class MSMClassifier:
         self._check_params()
         out = np.zeros((len(X), len(self.classes_)), np.float64)
         for i, frame_set in enumerate(X):
-            samples = self._with_points(_as_samples(frame_set, f"X[{i}]"), f"X[{i}]",
-                                        required=False)
-            if not samples:
-                continue  # no face in the set: no class scores above 0
-            ranking = self.gallery_.recognise(offer_frames(samples, self.probe_frames,
-                                                           self.jitter, self.seed + 7919 + i),
-                                              method=self.method)
+            if self.patterns == "descriptor":
+                described = self._described(frame_set, f"X[{i}]", required=False)
+                if len(described) == 0:
+                    continue  # no face in the set: no class scores above 0
+                ranking = self.gallery_.recognise(descriptors=described[:self.probe_frames],
+                                                  method=self.method)
+            else:
+                samples = self._with_points(_as_samples(frame_set, f"X[{i}]"), f"X[{i}]",
+                                            required=False)
+                if not samples:
+                    continue  # no face in the set: no class scores above 0
+                ranking = self.gallery_.recognise(offer_frames(samples, self.probe_frames,
+                                                               self.jitter, self.seed + 7919 + i),
+                                                  method=self.method)
             for match in ranking.matches:
                 out[i, match.id - 1] = match.score
         return out

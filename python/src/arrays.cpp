@@ -1,5 +1,6 @@
 #include "arrays.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <limits>
@@ -147,6 +148,73 @@ msmface::FacePoints pointsFromArray(const py::handle& points, const char* what) 
             std::isnan(v[i]) || std::fabs(v[i]) <= std::numeric_limits<float>::max();
         out.xy[i] = inRange ? static_cast<float>(v[i]) : std::numeric_limits<float>::infinity();
     }
+    return out;
+}
+
+namespace {
+
+// A real-number array of the caller's, or ValueError naming what and what was expected.
+py::array realArray(const py::handle& value, const std::string& name, const std::string& expected) {
+    if (value.is_none()) raiseValueError(name + ": expected " + expected + ", got None");
+    py::array raw;
+    try {
+        raw = py::array::ensure(value);
+    } catch (const py::error_already_set&) {
+    }
+    if (!raw) raiseValueError(name + ": expected " + expected + ", got " + typeName(value));
+    const char kind = raw.dtype().kind();
+    if (kind != 'f' && kind != 'i' && kind != 'u')
+        raiseValueError(name + ": expected " + expected + " of real numbers, got " +
+                        dtypeText(raw) + " " + shapeText(raw));
+    return raw;
+}
+
+// Beyond float's range a cast would be undefined: such a value is infinite, which the library
+// refuses as it refuses NaN.
+float toFloat(double v) {
+    if (std::isnan(v) || std::fabs(v) <= std::numeric_limits<float>::max())
+        return static_cast<float>(v);
+    return v > 0 ? std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::infinity();
+}
+
+msmface::FaceDescriptor descriptorOfRow(const double* v) {
+    msmface::FaceDescriptor d;
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) d[i] = toFloat(v[i]);
+    return d;
+}
+
+}  // namespace
+
+msmface::FaceDescriptor descriptorFromArray(const py::handle& descriptor, const char* what) {
+    const std::string name = what;
+    const std::string expected =
+        "an array of shape (" + std::to_string(msmface::kDescriptorSize) + ",)";
+    const py::array raw = realArray(descriptor, name, expected);
+    if (raw.ndim() != 1 || raw.shape(0) != msmface::kDescriptorSize)
+        raiseValueError(name + ": expected " + expected + ", got " + shapeText(raw));
+    auto values = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(raw);
+    return descriptorOfRow(values.data());
+}
+
+std::vector<msmface::FaceDescriptor> descriptorsFromArray(const py::handle& descriptors,
+                                                          const char* what) {
+    const std::string name = what;
+    const std::string expected =
+        "an array of shape (n, " + std::to_string(msmface::kDescriptorSize) + ")";
+    const py::array raw = realArray(descriptors, name, expected);
+    if (raw.ndim() != 2 || raw.shape(1) != msmface::kDescriptorSize)
+        raiseValueError(name + ": expected " + expected + ", got " + shapeText(raw));
+    auto values = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(raw);
+    std::vector<msmface::FaceDescriptor> out;
+    out.reserve(static_cast<std::size_t>(raw.shape(0)));
+    for (py::ssize_t r = 0; r < raw.shape(0); ++r)
+        out.push_back(descriptorOfRow(values.data() + r * msmface::kDescriptorSize));
+    return out;
+}
+
+py::array_t<float> descriptorToArray(const msmface::FaceDescriptor& descriptor) {
+    py::array_t<float> out(msmface::kDescriptorSize);
+    std::copy(descriptor.begin(), descriptor.end(), out.mutable_data());
     return out;
 }
 

@@ -41,6 +41,18 @@ msmface::FacePoints pointsFromArray(const py::handle& points, const char* what =
 // The points as a float32 array of shape (14, 2).
 py::array_t<float> pointsToArray(const msmface::FacePoints& points);
 
+// descriptor: an array-like of 128 real numbers (any real dtype, shape (128,)). The values are
+// taken as they are: whether they describe a face (finite, of non-zero length) the library says.
+msmface::FaceDescriptor descriptorFromArray(const py::handle& descriptor,
+                                            const char* what = "descriptor");
+
+// descriptors: an (n, 128) array or a sequence of n descriptors.
+std::vector<msmface::FaceDescriptor> descriptorsFromArray(const py::handle& descriptors,
+                                                          const char* what = "descriptors");
+
+// The descriptor as a float32 array of shape (128,).
+py::array_t<float> descriptorToArray(const msmface::FaceDescriptor& descriptor);
+
 // Raises the Python exception for a failed status: ValueError for Argument and NotFound,
 // OSError for File and Busy, RuntimeError otherwise. requires: !status.ok().
 [[noreturn]] void raise(const msmface::Status& status);

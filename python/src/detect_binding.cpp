@@ -13,6 +13,9 @@
 #include <pybind11/stl.h>
 
 #include <msmface/detect.h>
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+#include <msmface/descriptor.h>
+#endif
 
 #include "arrays.h"
 
@@ -58,6 +61,148 @@ py::array_t<float> landmarksArray(const std::array<float, 136>& l) {
     std::copy(l.begin(), l.end(), out.mutable_data());
     return out;
 }
+
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+// The network serves one thread at a time, as its contract asks.
+struct DescriptorBox {
+    explicit DescriptorBox(msmface::Descriptor d) : descriptor(std::move(d)) {}
+    msmface::Descriptor descriptor;
+    std::mutex lock;
+};
+
+// A FaceDescriber that keeps its Detector alive and serialises Python threads on it, as
+// PyFollower does for the Follower.
+class PyDescriber : public msmface::FaceDescriber {
+  public:
+    PyDescriber(std::shared_ptr<DetectorBox> d, msmface::Descriptor descriptor,
+                const msmface::FollowerOptions& o)
+        : msmface::FaceDescriber(d->detector, std::move(descriptor), o), detector_(std::move(d)) {}
+
+    bool describeLocked(const msmface::FrameView& frame, msmface::DetectedFace& face,
+                        std::optional<msmface::FaceDescriptor>& out) {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        return describe(frame, face, out);
+    }
+    bool findDescriptor(const msmface::FrameView& frame, msmface::FaceDescriptor& out) override {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        return msmface::FaceDescriber::findDescriptor(frame, out);
+    }
+    void reset() override {
+        std::lock_guard<std::recursive_mutex> l(lock_);
+        msmface::FaceDescriber::reset();
+    }
+
+  private:
+    std::shared_ptr<DetectorBox> detector_;
+    std::recursive_mutex lock_;
+};
+
+void bindDescriptor(py::module_& d) {
+    d.attr("DESCRIPTOR_SIZE") = msmface::kDescriptorSize;
+    d.attr("DESCRIPTOR_CHIP_SIDE") = msmface::kDescriptorChipSide;
+    d.attr("DESCRIPTOR_MODEL_ENVIRONMENT") = msmface::kDescriptorModelEnvironment;
+    d.def("default_descriptor_model_folder", &msmface::defaultDescriptorModelFolder,
+          "Where the descriptor model is looked for when neither the argument nor "
+          "$MSMFACE_DESCRIPTOR_MODEL names it.");
+    py::class_<DescriptorBox, std::shared_ptr<DescriptorBox>>(d, "Descriptor", R"doc(
+A learned face descriptor: 128 numbers per face (float32, unit length) whose cosines tell persons
+apart, for galleries created with patterns="descriptor". model: the model's folder or its
+manifest (None: $MSMFACE_DESCRIPTOR_MODEL, else default_descriptor_model_folder(), where
+tools/fetch_descriptor_model.sh installs it). threads: OpenCV's thread count for the whole
+process as loading leaves it (1: the calling thread alone; 0: untouched). A missing model raises
+ValueError naming the command that installs it; a damaged one OSError. Calls release the GIL.
+)doc")
+        .def(py::init([](const py::object& model, const py::handle& threads) {
+                 msmface::DescriptorOptions o;
+                 if (!model.is_none()) o.modelPath = py::str(model).cast<std::string>();
+                 o.threads = intArgument(threads, "threads", 0, 1024);
+                 std::optional<msmface::Result<msmface::Descriptor>> r;
+                 {
+                     py::gil_scoped_release unlocked;
+                     r.emplace(msmface::Descriptor::load(o));
+                 }
+                 return std::make_shared<DescriptorBox>(take(std::move(*r)));
+             }),
+             py::arg("model") = py::none(), py::kw_only(), py::arg("threads") = 1)
+        .def(
+            "compute",
+            [](DescriptorBox& b, const py::handle& frame, const msmface::DetectedFace& face,
+               const std::string& format) {
+                FrameArg f = frameFromArray(frame, format);
+                std::optional<msmface::Result<msmface::FaceDescriptor>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.descriptor.compute(f.view, face));
+                }
+                return descriptorToArray(take(std::move(*r)));
+            },
+            py::arg("frame"), py::arg("face"), py::kw_only(), py::arg("format") = "bgr",
+            "The descriptor (128,) of a face Detector.detect, Detector.fit or Follower.track "
+            "found\n"
+            "in frame. ValueError for a face too small or too close to the border for a chip.")
+        .def(
+            "compute_chip",
+            [](DescriptorBox& b, const py::handle& chip, const std::string& format) {
+                FrameArg f = frameFromArray(chip, format, "chip");
+                std::optional<msmface::Result<msmface::FaceDescriptor>> r;
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.descriptor.computeChip(f.view));
+                }
+                return descriptorToArray(take(std::move(*r)));
+            },
+            py::arg("chip"), py::kw_only(), py::arg("format") = "bgr",
+            "The descriptor (128,) of a face chip already cut: 150 x 150, grey or colour.");
+
+    py::class_<PyDescriber, msmface::DescriptorFinder, std::shared_ptr<PyDescriber>>(
+        d, "FaceDescriber", R"doc(
+The descriptor of the face of each frame of a video: the detector's Follower finds it, the
+descriptor model (loaded here: model, threads as Descriptor's) describes it. Pass it as the
+describer of a Stream (or Gallery.set_descriptor_finder) of a gallery of descriptors to push
+frames alone; a face too small or too close to the border counts as no face.
+)doc")
+        .def(py::init([](std::shared_ptr<DetectorBox> detector, const py::object& model,
+                         const py::handle& redetect, const py::handle& threads) {
+                 msmface::FollowerOptions o;
+                 o.redetectEvery = intArgument(redetect, "redetect_every", 1);
+                 msmface::DescriptorOptions options;
+                 if (!model.is_none()) options.modelPath = py::str(model).cast<std::string>();
+                 options.threads = intArgument(threads, "threads", 0, 1024);
+                 std::optional<msmface::Result<msmface::Descriptor>> r;
+                 {
+                     py::gil_scoped_release unlocked;
+                     r.emplace(msmface::Descriptor::load(options));
+                 }
+                 return std::make_shared<PyDescriber>(std::move(detector), take(std::move(*r)), o);
+             }),
+             py::arg("detector"), py::arg("model") = py::none(), py::kw_only(),
+             py::arg("redetect_every") = msmface::FollowerOptions{}.redetectEvery,
+             py::arg("threads") = 1)
+        .def(
+            "describe",
+            [](PyDescriber& f, const py::handle& frame, const std::string& format) -> py::object {
+                FrameArg a = frameFromArray(frame, format);
+                msmface::DetectedFace face;
+                std::optional<msmface::FaceDescriptor> described;
+                bool found = false;
+                {
+                    py::gil_scoped_release unlocked;
+                    found = f.describeLocked(a.view, face, described);
+                }
+                if (!found) return py::none();
+                return py::make_tuple(face, described ? py::object(descriptorToArray(*described))
+                                                      : py::object(py::none()));
+            },
+            py::arg("frame"), py::kw_only(), py::arg("format") = "bgr",
+            "(face, descriptor) of this frame, the descriptor None when the face cannot be\n"
+            "described; None when there is no face.")
+        .def(
+            "reset", [](PyDescriber& f) { f.reset(); },
+            "Forgets the previous frames (a new video).");
+}
+#endif
 
 }  // namespace
 
@@ -187,6 +332,12 @@ Follows the largest face of a video between full detections. Pass it as the find
             "reset", [](PyFollower& f) { f.reset(); },
             "Forgets the previous frames (a new video).");
 
+#ifdef MSMFACE_PYTHON_DESCRIPTOR
+    bindDescriptor(d);
+    d.attr("HAVE_DESCRIPTOR") = true;
+#else
+    d.attr("HAVE_DESCRIPTOR") = false;
+#endif
     d.def(
         "points_from_landmarks",
         [](const py::handle& landmarks) {

@@ -110,6 +110,32 @@ SampleList samplesFrom(const py::handle& items, const std::string& colour) {
     return out;
 }
 
+// The samples of a call given either frames or descriptors (a gallery of descriptors takes both).
+SampleList samplesOrDescriptors(const py::handle& frames, const py::handle& descriptors,
+                                const std::string& colour) {
+    if (frames.is_none() == descriptors.is_none())
+        raiseValueError("frames, descriptors: expected one of the two");
+    if (!frames.is_none()) return samplesFrom(frames, colour);
+    SampleList out;
+    for (const msmface::FaceDescriptor& d : descriptorsFromArray(descriptors)) {
+        msmface::Sample s;
+        s.descriptor = d;
+        out.samples.push_back(s);
+    }
+    return out;
+}
+
+std::optional<msmface::PatternKind> patternsFrom(const py::handle& patterns) {
+    if (patterns.is_none()) return std::nullopt;
+    if (py::isinstance<py::str>(patterns)) {
+        const std::string name = patterns.cast<std::string>();
+        if (auto kind = msmface::patternKindNamed(name)) return kind;
+        raiseValueError("patterns: expected \"seed\" or \"descriptor\", got \"" + name + "\"");
+    }
+    raiseValueError("patterns: expected \"seed\" or \"descriptor\", got " +
+                    py::str(py::type::handle_of(patterns).attr("__name__")).cast<std::string>());
+}
+
 std::string matchRepr(const msmface::Match& m) {
     return "Match(id=" + std::to_string(m.id) + ", name='" + m.name +
            "', score=" + std::to_string(m.score) + ")";
@@ -204,9 +230,10 @@ frame arrays and (frame, points) pairs; frames without points need a point finde
 Calls that read or write files or recognise release the GIL; Ctrl-C (KeyboardInterrupt) stops
 enrol and recognise between frames, leaving the directory as it was.
 )doc");
-    g.def(py::init([](const std::string& directory, bool create) {
+    g.def(py::init([](const std::string& directory, bool create, const py::handle& patterns) {
               msmface::OpenOptions o;
               o.create = create;
+              o.patterns = patternsFrom(patterns);
               o.interrupted = pythonInterruptCheck();
               std::optional<msmface::Result<msmface::Gallery>> r;
               {
@@ -216,7 +243,18 @@ enrol and recognise between frames, leaving the directory as it was.
               return std::make_shared<GalleryBox>(take(std::move(*r)));
           }),
           py::arg("directory"), py::kw_only(), py::arg("create") = false,
-          "Opens a dictionary directory (create=True makes it when it does not exist).");
+          py::arg("patterns") = py::none(),
+          "Opens a dictionary directory (create=True makes it when it does not exist).\n"
+          "patterns: \"seed\" (the engine's own) or \"descriptor\" (learned face descriptors,\n"
+          "msmface.detect.Descriptor): the kind a new directory records and an existing one must\n"
+          "have (ValueError naming both otherwise); None: whatever the directory holds.");
+    g.def_property_readonly(
+        "patterns",
+        [](GalleryBox& b) {
+            std::shared_lock<std::shared_mutex> l(b.lock);
+            return std::string(msmface::patternKindName(b.gallery.patterns()));
+        },
+        "The kind of pattern of the directory's persons: \"seed\" or \"descriptor\".");
     g.def_property_readonly("directory", [](GalleryBox& b) {
         std::shared_lock<std::shared_mutex> l(b.lock);
         return b.gallery.directory();
@@ -275,9 +313,9 @@ enrol and recognise between frames, leaving the directory as it was.
     g.def(
         "enrol",
         [](GalleryBox& b, const py::handle& id, const std::string& name, const py::handle& frames,
-           const std::string& format) {
+           const py::handle& descriptors, const std::string& format) {
             const int key = intArgument(id, "id");
-            SampleList s = samplesFrom(frames, format);
+            SampleList s = samplesOrDescriptors(frames, descriptors, format);
             msmface::Status st;
             {
                 py::gil_scoped_release unlocked;
@@ -287,10 +325,13 @@ enrol and recognise between frames, leaving the directory as it was.
             raiseIfInterrupted();
             check(st);
         },
-        py::arg("id"), py::arg("name"), py::arg("frames"), py::kw_only(), py::arg("format") = "bgr",
+        py::arg("id"), py::arg("name"), py::arg("frames") = py::none(), py::kw_only(),
+        py::arg("descriptors") = py::none(), py::arg("format") = "bgr",
         "Registers a new person from frames (a registration gathers 50 normalised faces; see\n"
-        "msmface.jitter for fewer frames). id >= 1 and unused; name: 1 to 64 letters, digits,\n"
-        "'_', '-' or '.', not starting with '.'.");
+        "msmface.jitter for fewer frames), or in a gallery of descriptors from descriptors, an\n"
+        "(n, 128) array (ValueError for one that is not finite or has no length; the directory\n"
+        "stays as it was). id >= 1 and unused; name: 1 to 64 letters, digits, '_', '-' or '.',\n"
+        "not starting with '.'.");
     g.def(
         "remove",
         [](GalleryBox& b, const py::handle& id) {
@@ -325,12 +366,12 @@ enrol and recognise between frames, leaving the directory as it was.
     });
     g.def(
         "recognise",
-        [](GalleryBox& b, const py::handle& frames, const py::handle& method,
-           const py::object& threshold, const std::string& format) {
+        [](GalleryBox& b, const py::handle& frames, const py::handle& descriptors,
+           const py::handle& method, const py::object& threshold, const std::string& format) {
             msmface::RecogniseOptions o;
             o.method = methodFrom(method);
             o.threshold = optionalIntArgument(threshold, -1, "threshold");
-            SampleList s = samplesFrom(frames, format);
+            SampleList s = samplesOrDescriptors(frames, descriptors, format);
             std::optional<msmface::Result<msmface::Ranking>> r;
             {
                 py::gil_scoped_release unlocked;
@@ -340,10 +381,11 @@ enrol and recognise between frames, leaving the directory as it was.
             raiseIfInterrupted();
             return take(std::move(*r));
         },
-        py::arg("frames"), py::kw_only(), py::arg("method") = "msm",
-        py::arg("threshold") = py::none(), py::arg("format") = "bgr",
-        "Recognises frames as one face seen by a camera: the ranked persons. method: 'single',\n"
-        "'msm' or 'cmsm' (or a Method); threshold: None for the gallery's stored one.");
+        py::arg("frames") = py::none(), py::kw_only(), py::arg("descriptors") = py::none(),
+        py::arg("method") = "msm", py::arg("threshold") = py::none(), py::arg("format") = "bgr",
+        "Recognises frames (or in a gallery of descriptors an (n, 128) array of descriptors) as\n"
+        "one face seen by a camera: the ranked persons. method: 'single', 'msm' or 'cmsm' (or a\n"
+        "Method); threshold: None for the gallery's stored one.");
     g.def_property(
         "threshold",
         [](GalleryBox& b) {
@@ -368,6 +410,15 @@ enrol and recognise between frames, leaving the directory as it was.
             b.gallery.setPointFinder(std::move(f));
         },
         py::arg("finder"), "Finds the points of frames given without them (None: no finder).");
+    g.def(
+        "set_descriptor_finder",
+        [](GalleryBox& b, std::shared_ptr<msmface::DescriptorFinder> f) {
+            std::unique_lock<std::shared_mutex> l(b.lock);
+            b.gallery.setDescriptorFinder(std::move(f));
+        },
+        py::arg("finder"),
+        "A gallery of descriptors: finds the descriptors of frames given alone (a\n"
+        "msmface.detect.FaceDescriber; None: no finder).");
 
     py::class_<StreamBox, std::shared_ptr<StreamBox>> s(m, "Stream", R"doc(
 One camera's frame cycle over a gallery. push() each frame (with its points, or without: the
@@ -377,8 +428,10 @@ threads at once, also while the gallery changes: a stream picks a change up at i
 )doc");
     s.def(py::init([](std::shared_ptr<GalleryBox> gallery, const py::handle& method,
                       const py::object& threshold, const py::object& refreshTime,
-                      std::shared_ptr<msmface::PointFinder> finder) {
+                      std::shared_ptr<msmface::PointFinder> finder,
+                      std::shared_ptr<msmface::DescriptorFinder> describer) {
               msmface::StreamOptions o;
+              o.describer = std::move(describer);
               o.method = methodFrom(method);
               o.threshold = optionalIntArgument(threshold, -1, "threshold");
               o.refreshTime = optionalIntArgument(refreshTime, -2, "refresh_time");
@@ -393,17 +446,31 @@ threads at once, also while the gallery changes: a stream picks a change up at i
           }),
           py::arg("gallery"), py::kw_only(), py::arg("method") = "msm",
           py::arg("threshold") = py::none(), py::arg("refresh_time") = py::none(),
-          py::arg("finder") = py::none(),
+          py::arg("finder") = py::none(), py::arg("describer") = py::none(),
           "A stream over gallery. refresh_time: face-less frames before the input is cleared\n"
-          "(None: the engine's). finder: a PointFinder for push(frame) without points.");
+          "(None: the engine's). finder: a PointFinder for push(frame) without points;\n"
+          "describer: in a gallery of descriptors, a DescriptorFinder for push(frame).");
     s.def(
         "push",
         [](StreamBox& b, const py::handle& frame, const py::handle& points,
-           const std::string& format) {
+           const py::handle& descriptor, const std::string& format) {
+            if (frame.is_none() == descriptor.is_none())
+                raiseValueError("frame, descriptor: expected one of the two");
+            std::optional<msmface::Result<msmface::StreamState>> r;
+            if (!descriptor.is_none()) {
+                if (!points.is_none())
+                    raiseValueError("points: expected None with a descriptor (it is the face)");
+                const msmface::FaceDescriptor d = descriptorFromArray(descriptor);
+                {
+                    py::gil_scoped_release unlocked;
+                    std::lock_guard<std::mutex> l(b.lock);
+                    r.emplace(b.stream.push(d));
+                }
+                return take(std::move(*r));
+            }
             FrameArg f = frameFromArray(frame, format);
             std::optional<msmface::FacePoints> p;
             if (!points.is_none()) p = pointsFromArray(points);
-            std::optional<msmface::Result<msmface::StreamState>> r;
             {
                 py::gil_scoped_release unlocked;
                 std::lock_guard<std::mutex> l(b.lock);
@@ -411,8 +478,22 @@ threads at once, also while the gallery changes: a stream picks a change up at i
             }
             return take(std::move(*r));
         },
-        py::arg("frame"), py::arg("points") = py::none(), py::kw_only(), py::arg("format") = "bgr",
-        "One camera frame, with the face's points (14, 2) or without (None).");
+        py::arg("frame") = py::none(), py::arg("points") = py::none(), py::kw_only(),
+        py::arg("descriptor") = py::none(), py::arg("format") = "bgr",
+        "One camera frame, with the face's points (14, 2) or without (None); or in a gallery of\n"
+        "descriptors one frame's face as its descriptor (128,).");
+    s.def(
+        "push_without_face",
+        [](StreamBox& b) {
+            std::optional<msmface::Result<msmface::StreamState>> r;
+            {
+                py::gil_scoped_release unlocked;
+                std::lock_guard<std::mutex> l(b.lock);
+                r.emplace(b.stream.pushWithoutFace());
+            }
+            return take(std::move(*r));
+        },
+        "A frame in which the host found no face (counts toward the refresh time).");
     s.def(
         "reset",
         [](StreamBox& b) {

@@ -16,6 +16,10 @@ PYBIND11_MODULE(_msmface, m) {
     // The base of every finder a stream or gallery accepts (msmface.detect.Follower).
     pybind11::class_<msmface::PointFinder, std::shared_ptr<msmface::PointFinder>>(
         m, "PointFinder", "Finds the fourteen points of a face; msmface.detect.Follower is one.");
+    // The base of the finders of descriptors (msmface.detect.FaceDescriber).
+    pybind11::class_<msmface::DescriptorFinder, std::shared_ptr<msmface::DescriptorFinder>>(
+        m, "DescriptorFinder",
+        "Finds the descriptor of a face; msmface.detect.FaceDescriber is one.");
     msmpy::bindEngine(m);
     msmpy::bindGallery(m);
     msmpy::bindClients(m);

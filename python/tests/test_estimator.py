@@ -18,7 +18,7 @@ def test_params_follow_the_conventions():
     c = msmface.MSMClassifier(method="cmsm", constraint_dimension=30)
     params = c.get_params()
     assert params == {"method": "cmsm", "enrol_frames": 60, "probe_frames": 15, "jitter": 1.5,
-                      "constraint_dimension": 30, "seed": 0}
+                      "constraint_dimension": 30, "seed": 0, "patterns": "seed"}
     assert c.set_params(method="single", seed=3) is c
     assert (c.method, c.seed) == ("single", 3)
     assert type(c)(**c.get_params()).get_params() == c.get_params()

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/videoio.hpp>
+
 #include "common/scratch_dir.h"
 #include "tools/synth/synth_face.h"
 
@@ -150,6 +152,29 @@ inline std::string WriteSyntheticManifest(const std::string& folder, int persons
     const std::string path = folder + "/m.csv";
     WriteText(path, manifest);
     return path;
+}
+
+// Frames written as an MJPG AVI, which Debian's OpenCV writes and reads without extra codecs.
+// False when the video does not read back with as many frames.
+inline bool WriteVideo(const std::string& path, const std::vector<cv::Mat>& frames,
+                       double fps = 25) {
+    if (frames.empty()) return false;
+    cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps,
+                           frames.front().size(), frames.front().channels() == 3);
+    if (!writer.isOpened()) return false;
+    for (const cv::Mat& f : frames) writer.write(f);
+    writer.release();
+    cv::VideoCapture check(path, cv::CAP_FFMPEG);
+    int count = 0;
+    for (cv::Mat f; check.read(f);) ++count;
+    return count == static_cast<int>(frames.size());
+}
+
+// The first line of recognise's ranking naming this person.
+inline std::string TopLine(int id, const std::string& name) {
+    char line[128];  // key names are at most 64 characters
+    std::snprintf(line, sizeof line, "   1 %4d  %s ", id, name.c_str());
+    return line;
 }
 
 inline std::string Join(const std::vector<std::string>& lines) {

@@ -22,6 +22,7 @@ using clitest::ExpectOneLineFailure;
 using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
+using clitest::TopLine;
 using clitest::WriteText;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
@@ -31,13 +32,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr const char* kNames[] = {"alice", "bob", "carol"};
-
-// The first line of recognise's ranking naming this person.
-std::string TopLine(int id, const std::string& name) {
-    char line[64];
-    std::snprintf(line, sizeof line, "   1 %4d  %s ", id, name.c_str());
-    return line;
-}
 
 // Frames of three synthetic persons written once: 25 frames of a take to enrol from, and the 16
 // frames that follow in the same take to recognise, as a camera would see the person again.

@@ -28,6 +28,7 @@ using clitest::ReadText;
 using clitest::RunCli;
 using clitest::Scratch;
 using clitest::WriteText;
+using clitest::WriteVideo;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -40,21 +41,6 @@ constexpr bool kDetector = false;
 #endif
 
 const std::string kFaces = std::string(MSMFACE_SHARED_DIR) + "/faces";
-
-// Frames written as an MJPG AVI, which Debian's OpenCV writes and reads without extra codecs.
-// False when the video does not read back with as many frames.
-bool WriteVideo(const std::string& path, const std::vector<cv::Mat>& frames, double fps = 25) {
-    if (frames.empty()) return false;
-    cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps,
-                           frames.front().size(), frames.front().channels() == 3);
-    if (!writer.isOpened()) return false;
-    for (const cv::Mat& f : frames) writer.write(f);
-    writer.release();
-    cv::VideoCapture check(path, cv::CAP_FFMPEG);
-    int count = 0;
-    for (cv::Mat f; check.read(f);) ++count;
-    return count == static_cast<int>(frames.size());
-}
 
 // A dictionary of two synthetic persons enrolled from points files, to check that a refused
 // command leaves it as it was.

@@ -1,8 +1,6 @@
 // msmface calibrate: the identify threshold of a dictionary directory measured for a
 // false-accept rate on the scores of a manifest's videos (see calibration_scores.h), and stored
 // in the directory.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,17 +12,13 @@
 
 #include "commands/commands.h"
 #include "evaluation/calibration_scores.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
 
 namespace msmcli {
 namespace {
-
-bool isDirectory(const std::string& path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 // One line naming the flag and the values it takes, or empty.
 std::string checkCalibrateOptions(const CalibrateOptions& o) {
@@ -109,9 +103,15 @@ int runCalibrate(const CalibrateOptions& o) {
     std::unique_ptr<msm::AtomicFile> scoresFile;
     error = prepareCalibrateOutputs(o, scoresFile);
     if (!error.empty()) return fail(error);
+    std::unique_ptr<FrameDescriber> describer;
+    if (g.patterns() == msmface::PatternKind::Descriptor) {
+        error = makeFrameDescriber({o.model, o.descriptorModel, true, o.dir}, describer);
+        if (!error.empty()) return fail(error);
+    }
     CalibrationScores scores;
     error = gatherCalibrationScores(g, persons, o, list.value(),
-                                    scoresFile ? scoresFile->stream() : nullptr, scores);
+                                    scoresFile ? scoresFile->stream() : nullptr, scores,
+                                    describer.get());
     if (!error.empty()) return fail(error);
     if (scoresFile && !scoresFile->Commit()) return fail(msm::lastWriteFailure());
     error = refuseOneSided(o, scores);

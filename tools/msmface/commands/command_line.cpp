@@ -12,6 +12,13 @@ namespace {
 
 constexpr const char* kNoWaitHelp =
     "Fail at once, instead of waiting, while another process changes the directory";
+constexpr const char* kDescriptorModelHelp =
+    "A directory of descriptors: the descriptor model's folder (default: "
+    "$MSMFACE_DESCRIPTOR_MODEL, else ~/.local/share/msmface/descriptor, which "
+    "tools/fetch_descriptor_model.sh installs)";
+constexpr const char* kLandmarkModelHelp =
+    "Landmark model (default: $MSMFACE_LANDMARK_MODEL, else "
+    "/usr/share/dlib/shape_predictor_68_face_landmarks.dat)";
 
 void addFrameOptions(CLI::App* cmd, FrameOptions& o) {
     cmd->add_option("--manifest", o.manifest, "Face manifest (CSV: identity, video, ... x13, y13)");
@@ -23,15 +30,17 @@ void addFrameOptions(CLI::App* cmd, FrameOptions& o) {
     cmd->add_option("--camera", o.camera, "Camera index (/dev/videoN) whose faces are found");
     cmd->add_option("--frames", o.frames,
                     "Frames taken from a video or camera (0: the whole video, 100 of a camera)");
-    cmd->add_option("--model", o.model,
-                    "Landmark model (default: $MSMFACE_LANDMARK_MODEL, else "
-                    "/usr/share/dlib/shape_predictor_68_face_landmarks.dat)");
+    cmd->add_option("--model", o.model, kLandmarkModelHelp);
+    cmd->add_option("--descriptor-model", o.descriptorModel, kDescriptorModelHelp);
     cmd->add_option("--points", o.points,
-                    "Points file: lines \"image x0 y0 ... x13 y13\", images relative to it");
-    cmd->add_option("--jitter", o.jitter, "Move each point by up to this many pixels per copy");
+                    "Points file: lines \"image x0 y0 ... x13 y13\", images relative to it (a "
+                    "directory of descriptors fits the landmark model in the box the points "
+                    "imply)");
+    cmd->add_option("--jitter", o.jitter,
+                    "Move each point by up to this many pixels per copy (seed patterns only)");
     cmd->add_option("--copies", o.copies,
-                    "Feed every frame this many times (jittered after the "
-                    "first)");
+                    "Feed every frame this many times, jittered after the first (seed patterns "
+                    "only: a directory of descriptors takes each frame's descriptor once)");
 }
 
 }  // namespace
@@ -74,6 +83,10 @@ void CommandLine::addEnrol() {
     enrolCmd_->add_option("--id", enrol_.id, "ID number of the new person (1 or more)")->required();
     enrolCmd_->add_option("--name", enrol_.name, "Key name: the base name of the person's files")
         ->required();
+    enrolCmd_->add_option("--patterns", enrol_.patterns,
+                          "seed (the engine's own) or descriptor (a learned face descriptor): the "
+                          "kind of a new directory, which an existing one must have (default: "
+                          "what the directory holds, seed for a new one)");
     addFrameOptions(enrolCmd_, enrol_.frames);
     enrolCmd_->add_flag("--no-wait", enrol_.noWait, kNoWaitHelp);
 }
@@ -169,6 +182,12 @@ void CommandLine::addCalibrate() {
     calibrateCmd_->add_option("--jitter", calibrate_.jitter, "Point jitter of repeated frames");
     calibrateCmd_->add_option("--probe-frames", calibrate_.probeFrames, "Frames per video");
     calibrateCmd_->add_option("--scores", calibrate_.scores, "Write every score to this CSV file");
+    calibrateCmd_->add_option("--model", calibrate_.model,
+                              std::string(kLandmarkModelHelp) +
+                                  "; a directory of descriptors fits it in the box the "
+                                  "manifest's points imply");
+    calibrateCmd_->add_option("--descriptor-model", calibrate_.descriptorModel,
+                              kDescriptorModelHelp);
     calibrateCmd_->add_flag("--no-wait", calibrate_.noWait, kNoWaitHelp);
 }
 
@@ -204,6 +223,7 @@ void CommandLine::addWatch() {
                           "Write the video with the box, the points and the best person drawn "
                           "(.mp4 or .avi)");
     watchCmd_->add_option("--model", watch_.model, "Landmark model");
+    watchCmd_->add_option("--descriptor-model", watch_.descriptorModel, kDescriptorModelHelp);
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {

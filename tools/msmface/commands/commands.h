@@ -4,6 +4,7 @@
 #define MSMFACE_TOOLS_MSMFACE_COMMANDS_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ inline constexpr int kExitUsage = 2;
 // Prints "msmface: message" (a library message with the flag of the argument it names, see
 // withFlagNames) on standard error; returns kExitFailure.
 int fail(const std::string& message);
+
+// True when path is a folder (following links).
+bool isDirectory(const std::string& path);
 
 // Where the frames of one person come from.
 struct FrameOptions {
@@ -32,6 +36,7 @@ struct FrameOptions {
     int camera = -1;                  // camera index; -1: none
     int frames = 0;                   // frames taken from a video or camera; 0: all (camera: 100)
     std::string model;                // landmark model; empty: the detector's default
+    std::string descriptorModel;      // descriptor model; empty: the descriptor's default
 };
 
 struct DemoOptions {
@@ -46,6 +51,9 @@ struct EnrolOptions {
     std::string name;
     FrameOptions frames;
     bool noWait = false;  // fail at once while another process writes the directory
+    // "seed" or "descriptor": the kind of a new directory, which an existing one must have;
+    // empty: whatever the directory holds (seed for a new one).
+    std::string patterns;
 };
 
 struct RecogniseOptions {
@@ -81,6 +89,9 @@ struct CalibrateOptions {
     int probeFrames = 15;
     std::string scores;   // when given, every score as CSV
     bool noWait = false;  // fail at once while another process writes the directory
+    // A directory of descriptors: the models that describe the manifest's frames.
+    std::string model;            // landmark model; empty: the detector's default
+    std::string descriptorModel;  // empty: the descriptor's default
 };
 
 struct CheckOptions {
@@ -101,9 +112,11 @@ int runInspect(const std::string& path);
 int runEval(const EvalOptions& o);
 int runCalibrate(const CalibrateOptions& o);
 // The directory opened for a command: waiting for its lock is said on standard error, or with
-// noWait refused at once; persons listed without their files are warned about.
-msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create = false,
-                                              bool noWait = false);
+// noWait refused at once; persons listed without their files are warned about. patterns: the kind
+// a new directory records and an existing one must have (nothing: whatever it holds).
+msmface::Result<msmface::Gallery> openGallery(
+    const std::string& dir, bool create = false, bool noWait = false,
+    std::optional<msmface::PatternKind> patterns = std::nullopt);
 
 struct DetectOptions {
     std::vector<std::string> images;
@@ -124,6 +137,7 @@ struct WatchOptions {
     int threshold = -1;  // -1: the threshold stored in the directory
     std::string annotate;
     std::string model;
+    std::string descriptorModel;  // a directory of descriptors; empty: the descriptor's default
 };
 int runWatch(const WatchOptions& o);
 

@@ -15,6 +15,7 @@
 #include "commands/commands.h"
 #include "commands/flag_names.h"
 #include "input/detected_frames.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 #include "io/folders.h"
@@ -52,8 +53,10 @@ std::string selectRows(const FrameOptions& o, std::vector<FrameRow>& rows, std::
     return {};
 }
 
-// Frames of pictures, a video or a camera, with the points the detector finds.
-std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames) {
+// Frames of pictures, a video or a camera, with the points the detector finds (and for a
+// directory of descriptors, describeFor, each face's descriptor).
+std::string gatherFoundFrames(const FrameOptions& o, const std::optional<std::string>& describeFor,
+                              std::vector<Frame>& frames) {
     if (o.images.empty() && o.videos.empty() && o.camera == -1)
         return "frames: expected either --manifest FILE --identity NAME or --points FILE, or "
                "--images FILE..., --video FILE or --camera INDEX";
@@ -66,26 +69,46 @@ std::string gatherFoundFrames(const FrameOptions& o, std::vector<Frame>& frames)
     source.video = o.videos.empty() ? std::string() : o.videos.front();
     source.camera = o.camera;
     source.frames = o.frames;
-    return gatherDetectedFrames(source, o.model, frames);
+    std::unique_ptr<FrameDescriber> describer;
+    if (describeFor) {
+        const std::string error =
+            makeFrameDescriber({o.model, o.descriptorModel, false, *describeFor}, describer);
+        if (!error.empty()) return error;
+    }
+    return gatherDetectedFrames(source, o.model, frames, describer.get());
 }
 
-std::string readFrames(const FrameOptions& o, std::vector<Frame>& frames) {
-    if (o.manifest.empty() && o.points.empty()) return gatherFoundFrames(o, frames);
+std::string readFrames(const FrameOptions& o, const std::optional<std::string>& describeFor,
+                       std::vector<Frame>& frames) {
+    if (o.manifest.empty() && o.points.empty()) return gatherFoundFrames(o, describeFor, frames);
     if (!o.images.empty() || o.camera != -1)
         return "frames: expected one source, --points or --manifest or pictures, not both";
     std::vector<FrameRow> rows;
     std::string list;
     std::string error = selectRows(o, rows, list);
     if (!error.empty()) return error;
-    return loadFrames(list, rows, frames);
+    error = loadFrames(list, rows, frames);
+    if (!error.empty() || !describeFor) return error;
+    std::unique_ptr<FrameDescriber> describer;
+    error = makeFrameDescriber({o.model, o.descriptorModel, true, *describeFor}, describer);
+    if (!error.empty()) return error;
+    return describeFramesByPoints(*describer, list, frames);
 }
 
-// The frames of the options and the samples offered from them: --copies of them, jittered. The
-// samples view the frames' pictures.
-std::string gatherFrames(const FrameOptions& o, std::vector<Frame>& frames,
-                         std::vector<msmface::Sample>& samples) {
-    std::string error = readFrames(o, frames);
+// The frames of the options and the samples made of them, which view the frames' pictures. A
+// directory of seed patterns is offered --copies of each frame, jittered; one of descriptors each
+// frame's descriptor once (jitter moves points, and a descriptor is not made from them).
+std::string gatherFrames(const FrameOptions& o, const std::string& dir, msmface::PatternKind kind,
+                         std::vector<Frame>& frames, std::vector<msmface::Sample>& samples) {
+    // The directory is named where descriptors cannot be made in this build.
+    std::optional<std::string> describeFor;
+    if (kind == msmface::PatternKind::Descriptor) describeFor = dir;
+    std::string error = readFrames(o, describeFor, frames);
     if (!error.empty()) return error;
+    if (describeFor) {
+        samples = samplesOf(frames);
+        return {};
+    }
     auto jittered = msmface::jitterFrames(samplesOf(frames), o.copies, o.jitter, kJitterSeed);
     if (!jittered.ok()) return jittered.message();
     samples = std::move(jittered.value());
@@ -99,9 +122,11 @@ void warnAboutLeftOut(const msmface::Gallery& g) {
 
 }  // namespace
 
-msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create, bool noWait) {
+msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool create, bool noWait,
+                                              std::optional<msmface::PatternKind> patterns) {
     msmface::OpenOptions options;
     options.create = create;
+    options.patterns = patterns;
     options.lock.wait = !noWait;
     // Said once, so that a user who started two commands knows why this one does not go on yet.
     options.lock.notice = [](const std::string& m) {
@@ -112,23 +137,55 @@ msmface::Result<msmface::Gallery> openGallery(const std::string& dir, bool creat
     return g;
 }
 
+bool isDirectory(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 int fail(const std::string& message) {
     std::fprintf(stderr, "msmface: %s\n", withFlagNames(message).c_str());
     return kExitFailure;
 }
 
 int runEnrol(const EnrolOptions& o) {
-    // Everything a user can get wrong is checked before the first file is written.
+    std::optional<msmface::PatternKind> requested;
+    if (!o.patterns.empty()) {
+        requested = msmface::patternKindNamed(o.patterns);
+        if (!requested) return fail("--patterns " + o.patterns + ": expected seed or descriptor");
+    }
+    // An existing directory tells the kind the frames must be turned into, and refuses another
+    // kind before any frame is read (an empty one still takes the kind asked); a new one is made
+    // only once the frames are known to be good, so that everything a user can get wrong is
+    // checked before the first file is written.
+    std::optional<msmface::Gallery> existing;
+    msmface::PatternKind kind = requested.value_or(msmface::PatternKind::Seed);
+    if (isDirectory(o.dir)) {
+        auto g = openGallery(o.dir, false, o.noWait);
+        if (!g.ok()) return fail(g.message());
+        if (!requested || *requested == g->patterns()) {
+            kind = g->patterns();
+            existing.emplace(std::move(g).value());
+        } else if (!g->persons().empty() || !g->leftOut().empty()) {
+            // The library's refusal, which names both kinds.
+            auto refused = openGallery(o.dir, false, o.noWait, requested);
+            if (!refused.ok()) return fail(refused.message());
+            existing.emplace(std::move(refused).value());
+        }
+    }
     std::vector<Frame> frames;
     std::vector<msmface::Sample> samples;
-    std::string error = gatherFrames(o.frames, frames, samples);
+    std::string error = gatherFrames(o.frames, o.dir, kind, frames, samples);
     if (!error.empty()) return fail(error);
-    auto g = openGallery(o.dir, true, o.noWait);
-    if (!g.ok()) return fail(g.message());
-    const msmface::Status enrolled = g->enrol(o.id, o.name, samples);
+    if (!existing) {
+        auto g = openGallery(o.dir, true, o.noWait, kind);
+        if (!g.ok()) return fail(g.message());
+        existing.emplace(std::move(g).value());
+    }
+    msmface::Gallery& g = *existing;
+    const msmface::Status enrolled = g.enrol(o.id, o.name, samples);
     if (!enrolled.ok()) return fail(enrolled.message());
     std::printf("enrolled %s as ID %d in %s (%zu persons)\n", o.name.c_str(), o.id, o.dir.c_str(),
-                g->persons().size());
+                g.persons().size());
     return 0;
 }
 
@@ -139,12 +196,12 @@ int runRecognise(const RecogniseOptions& o) {
     if (o.threshold < -1 || o.threshold > 1000)
         return fail("--threshold: expected 0 to 1000 (or -1 for the directory's stored one)");
     if (o.top < 1) return fail("--top " + std::to_string(o.top) + ": expected 1 or more");
-    std::vector<Frame> frames;
-    std::vector<msmface::Sample> samples;
-    std::string error = gatherFrames(o.frames, frames, samples);
-    if (!error.empty()) return fail(error);
     auto g = openGallery(o.dir);
     if (!g.ok()) return fail(g.message());
+    std::vector<Frame> frames;
+    std::vector<msmface::Sample> samples;
+    std::string error = gatherFrames(o.frames, o.dir, g->patterns(), frames, samples);
+    if (!error.empty()) return fail(error);
     const auto r = g->recognise(samples, {static_cast<msmface::Method>(o.method), o.threshold});
     if (!r.ok()) return fail(r.message());
     std::printf("%d of %zu frames gave a face; method %d\n", r->framesUsed, samples.size(),
@@ -180,8 +237,10 @@ int runList(const std::string& dir) {
     auto g = openGallery(dir);
     if (!g.ok()) return fail(g.message());
     const std::vector<msmface::Person> persons = g->persons();
-    std::printf("%zu person%s in %s%s\n", persons.size(), persons.size() == 1 ? "" : "s",
-                dir.c_str(), g->hasConstraint() ? " (with a constraint space)" : "");
+    std::printf("%zu person%s in %s, %s patterns%s\n", persons.size(),
+                persons.size() == 1 ? "" : "s", dir.c_str(),
+                msmface::patternKindName(g->patterns()),
+                g->hasConstraint() ? " (with a constraint space)" : "");
     for (const msmface::Person& p : persons) std::printf("%6d  %s\n", p.id, p.name.c_str());
     return 0;
 }

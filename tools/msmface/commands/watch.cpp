@@ -18,6 +18,7 @@
 
 #include "commands/commands.h"
 #include "input/face_finder.h"
+#include "input/frame_descriptors.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -90,6 +91,7 @@ std::string checkWatchOptions(const WatchOptions& o) {
     InputFiles inputs;
     inputs.add(o.video);
     inputs.add(o.model);
+    inputs.add(o.descriptorModel);
     inputs.addFolder(o.dir);
     return inputs.refuseOverwrite("--annotate", o.annotate);
 }
@@ -103,13 +105,15 @@ std::string openSource(const WatchOptions& o, std::unique_ptr<PictureSource>& so
     return openPictureSource(sourceOptions, source);
 }
 
-msmface::StreamOptions streamOptionsOf(const WatchOptions& o, FaceFinder& finder) {
+// A directory of descriptors is pushed the descriptors the loop computes itself (it keeps the
+// face it found for drawing); one of seed patterns has the stream look through the finder.
+msmface::StreamOptions streamOptionsOf(const WatchOptions& o, FaceFinder& finder, bool describing) {
     msmface::StreamOptions streamOptions;
     streamOptions.method = o.method == 0   ? msmface::Method::SinglePattern
                            : o.method == 1 ? msmface::Method::Msm
                                            : msmface::Method::Cmsm;
     streamOptions.threshold = o.threshold;
-    streamOptions.finder = finder.pointFinder();
+    if (!describing) streamOptions.finder = finder.pointFinder();
     return streamOptions;
 }
 
@@ -166,8 +170,14 @@ class AnnotatedVideo {
 class WatchLoop {
   public:
     WatchLoop(const WatchOptions& o, PictureSource& source, const msmface::Gallery& g,
-              FaceFinder& finder, msmface::Stream& stream, LeftOutWarnings& leftOut)
-        : source_(source), g_(g), finder_(finder), stream_(stream), leftOut_(leftOut) {
+              FaceFinder& finder, FrameDescriber* describer, msmface::Stream& stream,
+              LeftOutWarnings& leftOut)
+        : source_(source),
+          g_(g),
+          finder_(finder),
+          describer_(describer),
+          stream_(stream),
+          leftOut_(leftOut) {
         if (!o.annotate.empty()) annotated_ = std::make_unique<AnnotatedVideo>(o.annotate);
     }
 
@@ -176,11 +186,14 @@ class WatchLoop {
 
   private:
     std::string take(const cv::Mat& frame);
+    msmface::Result<msmface::StreamState> pushDescribed(const cv::Mat& frame, FoundFace& face,
+                                                        bool& hasFace);
     void noteIdentification(const msmface::StreamState& state);
 
     PictureSource& source_;
     const msmface::Gallery& g_;
     FaceFinder& finder_;
+    FrameDescriber* describer_;  // a directory of descriptors; else nullptr
     msmface::Stream& stream_;
     LeftOutWarnings& leftOut_;
     std::unique_ptr<AnnotatedVideo> annotated_;
@@ -207,12 +220,25 @@ std::string WatchLoop::run() {
     return {};
 }
 
+// A face that cannot be described (too small, at the border) is a frame without a face, as the
+// stream counts one whose points give no face.
+msmface::Result<msmface::StreamState> WatchLoop::pushDescribed(const cv::Mat& frame,
+                                                               FoundFace& face, bool& hasFace) {
+    std::optional<msmface::FaceDescriptor> d;
+    if (finder_.find(frame, face)) d = describer_->describeLandmarks(viewOf(frame), face.landmarks);
+    hasFace = d.has_value();
+    return hasFace ? stream_.push(*d) : stream_.pushWithoutFace();
+}
+
 std::string WatchLoop::take(const cv::Mat& frame) {
-    msmface::Result<msmface::StreamState> state = stream_.push(viewOf(frame));
+    FoundFace face;
+    bool hasFace = false;
+    msmface::Result<msmface::StreamState> state =
+        describer_ != nullptr ? pushDescribed(frame, face, hasFace) : stream_.push(viewOf(frame));
     if (!state) return state.message();
     leftOut_.sayNew(g_);
-    FoundFace face;
-    const bool hasFace = finder_.lastFace(face) && state->face;
+    if (describer_ == nullptr) hasFace = finder_.lastFace(face);
+    hasFace = hasFace && state->face;
     faces_ += hasFace ? 1 : 0;
     noteIdentification(*state);
     if (!annotated_) return {};
@@ -263,8 +289,13 @@ int runWatch(const WatchOptions& o) {
     std::unique_ptr<FaceFinder> finder;
     error = makeFaceFinder(o.model, true, o.video.empty() ? "--camera" : "--video", finder);
     if (!error.empty()) return fail(error);
+    std::unique_ptr<FrameDescriber> describer;
+    if (gallery->patterns() == msmface::PatternKind::Descriptor) {
+        error = makeFrameDescriber({o.model, o.descriptorModel, false, o.dir}, describer);
+        if (!error.empty()) return fail(error);
+    }
     msmface::Result<msmface::Stream> stream =
-        msmface::Stream::create(*gallery, streamOptionsOf(o, *finder));
+        msmface::Stream::create(*gallery, streamOptionsOf(o, *finder, describer != nullptr));
     if (!stream) return fail(stream.message());
     const int threshold = o.threshold >= 0 ? o.threshold : gallery->threshold();
 
@@ -274,7 +305,7 @@ int runWatch(const WatchOptions& o) {
                 source->name().c_str(), gallery->persons().size(), o.dir.c_str(), o.method,
                 threshold);
     std::fflush(stdout);
-    WatchLoop loop(o, *source, *gallery, *finder, *stream, leftOut);
+    WatchLoop loop(o, *source, *gallery, *finder, describer.get(), *stream, leftOut);
     error = loop.run();
     if (!error.empty()) return fail(error);
     loop.printSummary(threshold);

@@ -8,6 +8,7 @@
 
 #include "evaluation/key_name.h"
 #include "evaluation/progress.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 
@@ -62,7 +63,7 @@ std::string gatherCalibrationScores(msmface::Gallery& g,
                                     const std::vector<msmface::Person>& persons,
                                     const CalibrateOptions& o,
                                     const std::vector<msmface::FrameRow>& list, std::FILE* rows,
-                                    CalibrationScores& out) {
+                                    CalibrationScores& out, FrameDescriber* describer) {
     const std::vector<Probe> probes = probesByVideo(list);
     out.videos = probes.size();
     Progress bar("calibrating", static_cast<int>(probes.size()));
@@ -74,11 +75,24 @@ std::string gatherCalibrationScores(msmface::Gallery& g,
         std::vector<Frame> frames;
         const std::string error = loadFrames(o.manifest, p.rows, frames);
         if (!error.empty()) return error;
-        // The video's frames offered until there are probeFrames of them.
-        const auto offered = msmface::offerFrames(samplesOf(frames), o.probeFrames, o.jitter,
-                                                  5000u + static_cast<uint32_t>(i));
-        if (!offered.ok()) return offered.message();
-        const auto r = g.recognise(offered.value(), {static_cast<msmface::Method>(o.method), -1});
+        std::vector<msmface::Sample> samples;
+        if (describer != nullptr) {
+            // A video none of whose faces can be described gives no score, as one without a face.
+            if (!describeFramesByPoints(*describer, o.manifest, frames).empty()) {
+                ++out.unusable;
+                continue;
+            }
+            if (frames.size() > static_cast<std::size_t>(o.probeFrames))
+                frames.resize(static_cast<std::size_t>(o.probeFrames));
+            samples = samplesOf(frames);
+        } else {
+            // The video's frames offered until there are probeFrames of them.
+            auto offered = msmface::offerFrames(samplesOf(frames), o.probeFrames, o.jitter,
+                                                5000u + static_cast<uint32_t>(i));
+            if (!offered.ok()) return offered.message();
+            samples = std::move(offered.value());
+        }
+        const auto r = g.recognise(samples, {static_cast<msmface::Method>(o.method), -1});
         if (!r.ok()) {
             ++out.unusable;
             continue;

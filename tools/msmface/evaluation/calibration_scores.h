@@ -27,15 +27,18 @@ struct CalibrationScores {
     int unusable = 0;  // videos without a face to recognise
 };
 
+class FrameDescriber;
+
 // Recognises every video of list (one probe each, in the manifest's order) against persons, the
-// gallery's, by o's method from o.probeFrames jittered frames. rows, when given, receives every
-// score as "probe,video,candidate,score,genuine". An empty string or the one line that ends the
-// calibration (a frame that cannot be read).
+// gallery's, by o's method from o.probeFrames jittered frames, or for a directory of descriptors
+// (describer given) from the descriptors of at most o.probeFrames of its frames. rows, when
+// given, receives every score as "probe,video,candidate,score,genuine". An empty string or the
+// one line that ends the calibration (a frame that cannot be read).
 std::string gatherCalibrationScores(msmface::Gallery& g,
                                     const std::vector<msmface::Person>& persons,
                                     const CalibrateOptions& o,
                                     const std::vector<msmface::FrameRow>& list, std::FILE* rows,
-                                    CalibrationScores& out);
+                                    CalibrationScores& out, FrameDescriber* describer = nullptr);
 
 }  // namespace msmcli
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "input/frame_descriptors.h"
 #include "input/face_finder.h"
 #include "input/image_io.h"
 
@@ -17,7 +18,7 @@ std::string sourceArgument(const PictureSourceOptions& s) {
 }  // namespace
 
 std::string gatherDetectedFrames(const PictureSourceOptions& source, const std::string& modelPath,
-                                 std::vector<Frame>& out) {
+                                 std::vector<Frame>& out, FrameDescriber* describer) {
     std::unique_ptr<PictureSource> pictures;
     std::string error = openPictureSource(source, pictures);
     if (!error.empty()) return error;
@@ -25,10 +26,16 @@ std::string gatherDetectedFrames(const PictureSourceOptions& source, const std::
     error = makeFaceFinder(modelPath, source.images.empty(), sourceArgument(source), finder);
     if (!error.empty()) return error;
     cv::Mat picture;
+    int found = 0;
     while (pictures->next(picture)) {
         FoundFace face;
         if (!finder->find(picture, face)) continue;
+        ++found;
         Frame frame;
+        if (describer != nullptr) {
+            frame.descriptor = describer->describeLandmarks(viewOf(picture), face.landmarks);
+            if (!frame.descriptor) continue;
+        }
         frame.image = std::make_shared<GreyImage>(greyOf(picture));
         frame.points = face.points;
         out.push_back(std::move(frame));
@@ -36,7 +43,12 @@ std::string gatherDetectedFrames(const PictureSourceOptions& source, const std::
     if (!pictures->error().empty()) return pictures->error();
     if (out.empty()) {
         const std::string what = source.images.empty() ? pictures->name() : "--images";
-        return what + ": no face found in any of the " + std::to_string(pictures->taken()) +
+        const std::string taken = std::to_string(pictures->taken());
+        if (found > 0)
+            return what + ": the faces found in " + std::to_string(found) + " of the " + taken +
+                   " frames are too small or too close to the border for a descriptor; expected "
+                   "larger faces, well inside the frame";
+        return what + ": no face found in any of the " + taken +
                " frames; expected frames showing a face";
     }
     return {};

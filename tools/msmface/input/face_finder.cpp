@@ -38,6 +38,7 @@ FoundFace foundOf(const msmface::DetectedFace& face) {
     FoundFace f;
     f.box = cv::Rect(face.box.left, face.box.top, face.box.width, face.box.height);
     for (int k = 0; k < 28; ++k) f.points[k] = face.points.xy[k];
+    f.landmarks = face.landmarks;
     return f;
 }
 

@@ -16,6 +16,9 @@ namespace msmcli {
 struct FoundFace {
     cv::Rect box;
     std::array<double, 28> points{};  // x0, y0 ... x13, y13 in frame pixels
+    // The 68 landmarks the points come from (x0, y0 ... x67, y67): what a descriptor's chip is cut
+    // from.
+    std::array<float, 136> landmarks{};
 };
 
 // A view of an OpenCV picture (8-bit grey or BGR) for the library; valid while the picture is.

@@ -17,6 +17,7 @@ std::vector<msmface::Sample> samplesOf(const std::vector<Frame>& frames) {
             s.frame.height = f.image->height;
         }
         s.points = msmface::toFacePoints(f.points);
+        s.descriptor = f.descriptor;
         samples.push_back(s);
     }
     return samples;

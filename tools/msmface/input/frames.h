@@ -5,6 +5,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,10 +15,12 @@
 
 namespace msmcli {
 
-// A camera frame with the fourteen feature points of the face in it.
+// A camera frame with the fourteen feature points of the face in it, and for a directory of
+// descriptors the face's descriptor (input/frame_descriptors.h).
 struct Frame {
     std::shared_ptr<const GreyImage> image;
     std::array<double, 28> points{};
+    std::optional<msmface::FaceDescriptor> descriptor;
 };
 
 // Views of the frames for the library. The samples point into the frames' pictures: frames must
