@@ -26,6 +26,7 @@
 #include "evaluation/report_page.h"
 #include "input/detected_frames.h"
 #include "input/face_finder.h"
+#include "input/frame_descriptors.h"
 #include "input/frame_source.h"
 #include "input/frames.h"
 #include "input/image_io.h"
@@ -254,13 +255,7 @@ class LibraryDescriber : public EvalDescriber {
 
     std::optional<msmface::FaceDescriptor> describeAt(
         const GreyImage& image, const std::array<double, 28>& points) override {
-        const auto box = msmface::boxFromPoints(msmface::toFacePoints(points));
-        if (!box) return std::nullopt;
-        const auto fitted = detector_.fit(greyView(image), *box);
-        if (!fitted) return std::nullopt;
-        auto described = describer_.descriptor().compute(greyView(image), *fitted);
-        if (!described) return std::nullopt;
-        return *described;
+        return describeByPoints(detector_, describer_.descriptor(), image, points);
     }
 
   private:

@@ -28,6 +28,21 @@ std::string describeFramesByPoints(FrameDescriber& describer, const std::string&
 }
 
 #ifdef MSMFACE_HAVE_DESCRIPTOR
+std::optional<msmface::FaceDescriptor> describeByPoints(const msmface::Detector& detector,
+                                                        const msmface::Descriptor& descriptor,
+                                                        const GreyImage& image,
+                                                        const std::array<double, 28>& points) {
+    const msmface::FrameView view{image.pixels.data(), image.width, image.height, 0,
+                                  msmface::PixelFormat::Grey};
+    const auto box = msmface::boxFromPoints(msmface::toFacePoints(points));
+    if (!box) return std::nullopt;
+    const auto fitted = detector.fit(view, *box);
+    if (!fitted) return std::nullopt;
+    auto described = descriptor.compute(view, *fitted);
+    if (!described) return std::nullopt;
+    return *described;
+}
+
 namespace {
 
 class NetworkDescriber : public FrameDescriber {
@@ -38,13 +53,7 @@ class NetworkDescriber : public FrameDescriber {
     std::optional<msmface::FaceDescriptor> describeAt(
         const GreyImage& image, const std::array<double, 28>& points) override {
         if (!detector_) return std::nullopt;
-        const msmface::FrameView view{image.pixels.data(), image.width, image.height, 0,
-                                      msmface::PixelFormat::Grey};
-        const auto box = msmface::boxFromPoints(msmface::toFacePoints(points));
-        if (!box) return std::nullopt;
-        const auto fitted = detector_->fit(view, *box);
-        if (!fitted) return std::nullopt;
-        return describeLandmarks(view, fitted->landmarks);
+        return describeByPoints(*detector_, descriptor_, image, points);
     }
 
     std::optional<msmface::FaceDescriptor> describeLandmarks(

@@ -15,6 +15,10 @@
 #include <vector>
 
 #include <msmface/frame.h>
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+#include <msmface/descriptor.h>
+#include <msmface/detect.h>
+#endif
 
 #include "input/frames.h"
 
@@ -41,6 +45,16 @@ struct DescriberOptions {
     bool withPoints = false;      // frames come with points: the landmark model is loaded too
     std::string argument;  // what asked for descriptors, for the message of a build without them
 };
+
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+// The descriptor of the face whose fourteen points are known: the landmark model fitted in the
+// box the points imply, where the detector would have put it, and the face described from those
+// landmarks. Nothing when the points place no face or the face cannot be described.
+std::optional<msmface::FaceDescriptor> describeByPoints(const msmface::Detector& detector,
+                                                        const msmface::Descriptor& descriptor,
+                                                        const GreyImage& image,
+                                                        const std::array<double, 28>& points);
+#endif
 
 // Loads the models. An empty string or one line (a missing model names what installs it).
 std::string makeFrameDescriber(const DescriberOptions& options,
