@@ -109,7 +109,7 @@ int methodIndex(const clitest::JsonFlat& json, const std::string& kind, int meth
     if ((manifest).empty()) GTEST_SKIP() << "no real faces in " << kFaces
 
 // Measured on all 100 persons (faces found in 1,167 of 1,201 frames, described in 1,159): MSM
-// 92 % rank-1 and 3.9 % EER, the mean descriptor 92 % and 3.8 %; on the first 12 persons both
+// 93 % rank-1 and 3.0 % EER, the mean descriptor 92 % and 3.8 %; on the first 12 persons both
 // 100 % and 0 %.
 TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
     Scratch work;
@@ -121,8 +121,7 @@ TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
     SKIP_WITHOUT_DESCRIPTORS(full.run);
     ASSERT_EQ(full.run.status, 0) << full.run.err;
     ASSERT_TRUE(full.parsed);
-    const double minRank1 = kFloorPersons == 0 ? 0.88 : 0.83;
-    const double maxEer = kFloorPersons == 0 ? 0.055 : 0.09;
+    const double minRank1 = kFloorPersons == 0 ? 0.90 : 0.83;
     const clitest::JsonFlat& json = full.json;
     EXPECT_EQ(json.values.at("settings.points"), "detector");
     for (int method : {1, -1}) {
@@ -133,7 +132,8 @@ TEST(DescriptorEval, MsmAndTheMeanDescriptorHoldTheirFloors) {
         EXPECT_EQ(json.values.at(at + "probes"),
                   std::to_string(kFloorPersons == 0 ? 100 : kFloorPersons));
         EXPECT_GE(json.number(at + "rank1"), minRank1);
-        EXPECT_LE(json.number(at + "eer"), maxEer);
+        // MSM's EER is the one the gallery's centre brought down from the mean descriptor's.
+        EXPECT_LE(json.number(at + "eer"), kFloorPersons != 0 ? 0.09 : method == 1 ? 0.04 : 0.045);
         EXPECT_GE(json.number(at + "rank5"), json.number(at + "rank1"));
         EXPECT_GE(json.number(at + "at_far_1.true_accept"), 0.85);
     }
