@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -107,10 +106,18 @@ inline BrowserReport LoadInBrowser(const std::string& browser, const std::string
                             file, log);
         *target = ReadText(shot);
     }
-    std::smatch m;
-    if (std::regex_search(dom, m, std::regex("data-image-check=\"(\\d+):([^\"]*)\""))) {
-        r.images = std::stoi(m[1]);
-        r.brokenImages = m[2];
+    // The page's script leaves data-image-check="COUNT:BROKEN" on its body.
+    const std::string check = "data-image-check=\"";
+    for (std::size_t at = dom.find(check); at != std::string::npos; at = dom.find(check, at + 1)) {
+        const std::size_t from = at + check.size();
+        std::size_t colon = from;
+        while (colon < dom.size() && dom[colon] >= '0' && dom[colon] <= '9') ++colon;
+        const std::size_t close = dom.find('"', colon);
+        if (colon == from || colon >= dom.size() || dom[colon] != ':' || close == std::string::npos)
+            continue;
+        r.images = std::stoi(dom.substr(from, colon - from));
+        r.brokenImages = dom.substr(colon + 1, close - colon - 1);
+        break;
     }
     std::istringstream lines(log);
     for (std::string l; std::getline(lines, l);)

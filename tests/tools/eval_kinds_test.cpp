@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <regex>
 
 #include "json_flat.h"
 #include "report_support.h"
@@ -92,10 +91,16 @@ EvalSummary twoKinds() {
 // The values of a chart's marked lines.
 std::vector<int> Markers(const std::string& svg) {
     std::vector<int> values;
-    const std::regex marker("<g class=\"marker\" data-value=\"(-?[0-9]+)\"");
-    for (auto it = std::sregex_iterator(svg.begin(), svg.end(), marker);
-         it != std::sregex_iterator(); ++it)
-        values.push_back(std::stoi((*it)[1]));
+    const std::string marker = "<g class=\"marker\" data-value=\"";
+    for (std::size_t at = svg.find(marker); at != std::string::npos;
+         at = svg.find(marker, at + 1)) {
+        const std::size_t from = at + marker.size();
+        std::size_t end = from + (svg.compare(from, 1, "-") == 0 ? 1 : 0);
+        const std::size_t digits = end;
+        while (end < svg.size() && svg[end] >= '0' && svg[end] <= '9') ++end;
+        if (end > digits && end < svg.size() && svg[end] == '"')
+            values.push_back(std::stoi(svg.substr(from, end - from)));
+    }
     return values;
 }
 

@@ -2,7 +2,6 @@
 #ifndef MSMFACE_TESTS_TOOLS_REPORT_SUPPORT_H
 #define MSMFACE_TESTS_TOOLS_REPORT_SUPPORT_H
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,9 +16,15 @@ inline std::vector<std::string> Charts(const std::string& html) {
     return charts;
 }
 
+// The text of the first <title> element that holds text alone, or "".
 inline std::string TitleOf(const std::string& svg) {
-    std::smatch m;
-    return std::regex_search(svg, m, std::regex("<title>([^<]*)</title>")) ? m[1].str() : "";
+    const std::string open = "<title>", close = "</title>";
+    for (std::size_t at = svg.find(open); at != std::string::npos; at = svg.find(open, at + 1)) {
+        const std::size_t text = at + open.size(), end = svg.find('<', text);
+        if (end != std::string::npos && svg.compare(end, close.size(), close) == 0)
+            return svg.substr(text, end - text);
+    }
+    return "";
 }
 
 }  // namespace clitest
