@@ -56,6 +56,23 @@ std::vector<dlib::rect_detection> findFacesNear(dlib::frontal_face_detector& nea
 DetectedFace fitFace(const dlib::shape_predictor& model, const GreyImage& grey,
                      const dlib::rectangle& box, double score);
 
+// The nose tip and the mouth centre below the eyes' line by a plausible share of the eye
+// distance: a fit that slid off the face loses these proportions.
+bool plausibleFace(const FacePoints& points);
+
+// One face followed from frame to frame: the Follower's face, and each track of a Tracker.
+struct FollowedFace {
+    DetectedFace last;  // where it was in the previous frame it was seen
+    int weak = 0;       // frames in a row it was kept below the usual threshold
+
+    // The face found near last's landmarks in this frame (a square 1.6 times its width, at about
+    // its size), kept down to a detector score of -0.5; false when nothing is found there or when
+    // it has been kept below 0 for patience frames in a row (then it may be no face at all, and
+    // a whole-frame search must decide).
+    bool findNear(dlib::frontal_face_detector& near, const GreyImage& grey, int patience,
+                  dlib::rect_detection& out);
+};
+
 }  // namespace detail
 }  // namespace msmface
 
