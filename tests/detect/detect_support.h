@@ -142,6 +142,20 @@ inline double meanPointError(const msmface::FacePoints& got, const float* expect
     return sum / 14 / eyes;
 }
 
+// A real frame with one face that the detector finds clearly, larger than its window, and whose
+// points agree with the manifest's: a face that a sequence can rely on.
+inline const RealFace* clearFace(const std::vector<RealFace>& faces,
+                                 const msmface::Detector& detector, size_t from = 0) {
+    for (size_t i = from; i < faces.size(); ++i) {
+        if (faces[i].eyeDistance() < 35 || faces[i].frame.height > 230) continue;
+        const auto found = detector.detect(faces[i].frame.view());
+        if (found->size() == 1 && found->front().score > 0.5 &&
+            meanPointError(found->front().points, faces[i].points) < 0.1)
+            return &faces[i];
+    }
+    return nullptr;
+}
+
 }  // namespace detecttest
 
 #endif  // MSMFACE_TESTS_DETECT_DETECT_SUPPORT_H

@@ -34,20 +34,6 @@ Sequence movingFace(const RealFace& face, int width, int height, int count, doub
     return s;
 }
 
-// A real frame with one face that the detector finds clearly, larger than its window, and whose
-// points agree with the manifest's: a face that a sequence can rely on.
-const RealFace* clearFace(const std::vector<RealFace>& faces, const msmface::Detector& detector,
-                          size_t from = 0) {
-    for (size_t i = from; i < faces.size(); ++i) {
-        if (faces[i].eyeDistance() < 35 || faces[i].frame.height > 230) continue;
-        const auto found = detector.detect(faces[i].frame.view());
-        if (found->size() == 1 && found->front().score > 0.5 &&
-            meanPointError(found->front().points, faces[i].points) < 0.1)
-            return &faces[i];
-    }
-    return nullptr;
-}
-
 #define SKIP_WITHOUT_FACES_OR_MODEL()                                                            \
     if (!haveModel()) GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel; \
     const std::vector<RealFace> faces = loadRealFaces(1);                                        \
