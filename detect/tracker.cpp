@@ -278,7 +278,10 @@ struct Tracker::State {
             endAll(out.events);
             withoutTracks = 0;
             search = true;
-        } else if (!tracks.empty() && (!followAll() || options.detectEvery == 1)) {
+        } else if (options.detectEvery == 1) {
+            // Every frame is detected afresh: the detections alone say where the faces are.
+            for (Track& t : tracks) t.seen = t.detected = false;
+        } else if (!tracks.empty() && !followAll()) {
             search = true;
         }
         if (search) detect(started);

@@ -183,6 +183,17 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
     }
     EXPECT_EQ(tracker->liveTracks(), 0u);
     EXPECT_EQ(startedEvents.size(), endedEvents.size());
+    int shownFrames = 0, followedFrames = 0;
+    double largestChange = 0;
+    for (const Appearance& a : shown) {
+        shownFrames += a.last - a.first + 1;
+        followedFrames += framesFollowed[a.person];
+    }
+    for (int t = 0; t < kFrames; ++t)
+        if (t != kCut) largestChange = std::max(largestChange, frames[t].change);
+    std::cout << followedFrames << " of " << shownFrames << " faces shown were tracked; "
+              << personOfTrack.size() << " tracks; change at the cut " << frames[kCut].change
+              << ", elsewhere at most " << largestChange << "\n";
 
     for (const Appearance& a : shown) {
         SCOPED_TRACE("person " + std::to_string(a.person) + " " + people[a.person].identity);
@@ -253,6 +264,50 @@ TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
     ASSERT_TRUE(f.ok()) << f.message();
     EXPECT_LE(f->faces.size(), 3u);
     EXPECT_LE(tracker->liveTracks(), 3u);
+}
+
+// Detecting every frame afresh gives the faces Detector::detect gives, the largest maxFaces,
+// each carrying the number of the face at its place in the previous frame.
+TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
+    SKIP_WITHOUT_FACES_OR_MODEL();
+    const std::vector<Person> people = persons(faces, *detector, 3);
+    ASSERT_EQ(people.size(), 3u);
+    std::vector<Appearance> shown;
+    for (int k = 0; k < 3; ++k)
+        shown.push_back(
+            {k, 0, 100, 20.0 + 210 * k, 60.0 + 50 * k, (36 + 4 * k) / people[k].eyeDistance});
+    const Video video = compose(people, shown, kRealFrameStep == 1 ? 6 : 3,
+                                [](int) -> unsigned char { return 110; });
+    TrackerOptions options;
+    options.detectEvery = 1;
+    options.maxFaces = 2;
+    auto tracker = Tracker::create(*detector, options);
+    ASSERT_TRUE(tracker.ok());
+    std::map<int, long> trackOfPerson;
+    for (size_t t = 0; t < video.frames.size(); ++t) {
+        const auto expected = detector->detect(video.frames[t].view());
+        ASSERT_TRUE(expected.ok());
+        ASSERT_EQ(expected->size(), 3u);
+        const auto got = tracker->update(video.frames[t].view());
+        ASSERT_TRUE(got.ok());
+        ASSERT_EQ(got->faces.size(), 2u);
+        for (const auto& face : got->faces) {
+            EXPECT_TRUE(face.detected);
+            bool same = false;
+            for (size_t k = 0; k < 2; ++k)
+                same = same || (face.face.box.left == (*expected)[k].box.left &&
+                                face.face.box.top == (*expected)[k].box.top &&
+                                face.face.box.width == (*expected)[k].box.width &&
+                                face.face.landmarks == (*expected)[k].landmarks);
+            EXPECT_TRUE(same) << "frame " << t << ", track " << face.track;
+            int person = -1;
+            for (const auto& [k, eyes] : video.eyes[t])
+                if (inside(face.face.box, eyes)) person = k;
+            EXPECT_NE(person, 0) << "the smallest face is not among the largest two";
+            EXPECT_EQ(trackOfPerson.emplace(person, face.track).first->second, face.track);
+        }
+    }
+    EXPECT_EQ(trackOfPerson.size(), 2u);
 }
 
 // A real frame stretched over a 320 x 240 camera frame (nearest pixel), so that frames of any
