@@ -158,4 +158,14 @@ inline const RealFace* clearFace(const std::vector<RealFace>& faces,
 
 }  // namespace detecttest
 
+// In a test: skips it without the landmark model or the shared faces; else declares faces (every
+// frame of the manifest) and detector (the shared default one).
+#define SKIP_WITHOUT_DETECTOR_OR_ALL_FACES()                                            \
+    if (!detecttest::haveModel())                                                       \
+        GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel;      \
+    const std::vector<detecttest::RealFace> faces = detecttest::loadRealFaces(1);       \
+    if (faces.empty()) GTEST_SKIP() << "no face data at " << detecttest::facesFolder(); \
+    const msmface::Detector* detector = detecttest::sharedDetector();                   \
+    ASSERT_NE(detector, nullptr)
+
 #endif  // MSMFACE_TESTS_DETECT_DETECT_SUPPORT_H

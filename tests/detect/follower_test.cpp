@@ -34,15 +34,8 @@ Sequence movingFace(const RealFace& face, int width, int height, int count, doub
     return s;
 }
 
-#define SKIP_WITHOUT_FACES_OR_MODEL()                                                            \
-    if (!haveModel()) GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel; \
-    const std::vector<RealFace> faces = loadRealFaces(1);                                        \
-    if (faces.empty()) GTEST_SKIP() << "no face data at " << facesFolder();                      \
-    const msmface::Detector* detector = sharedDetector();                                        \
-    ASSERT_NE(detector, nullptr)
-
 TEST(Follower, KeepsAMovingFaceAndAgreesWithFullDetection) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* face = clearFace(faces, *detector);
     ASSERT_NE(face, nullptr);
     const Sequence video = movingFace(*face, 320, 240, kRealFrameStep == 1 ? 40 : 12, 1.0);
@@ -73,7 +66,7 @@ TEST(Follower, KeepsAMovingFaceAndAgreesWithFullDetection) {
 }
 
 TEST(Follower, NoticesAFaceThatLeavesAndFindsItAgain) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* face = clearFace(faces, *detector);
     ASSERT_NE(face, nullptr);
     const int every = 5;
@@ -93,7 +86,7 @@ TEST(Follower, NoticesAFaceThatLeavesAndFindsItAgain) {
 }
 
 TEST(Follower, ALargerFaceTakesOverAtTheNextDetection) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* small = clearFace(faces, *detector);
     ASSERT_NE(small, nullptr);
     const RealFace* large = clearFace(faces, *detector, (small - faces.data()) + 100);
@@ -116,7 +109,7 @@ TEST(Follower, ALargerFaceTakesOverAtTheNextDetection) {
 }
 
 TEST(Follower, DetectingEveryFrameIsDetectionAndResetStartsAfresh) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     msmface::Follower still(*detector, {1});
     msmface::Follower video(*detector, {10});
     int checked = 0;
@@ -136,7 +129,7 @@ TEST(Follower, DetectingEveryFrameIsDetectionAndResetStartsAfresh) {
 }
 
 TEST(Follower, TwoFollowersOfOneDetectorRunOnTwoThreads) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* a = clearFace(faces, *detector);
     ASSERT_NE(a, nullptr);
     const RealFace* b = clearFace(faces, *detector, (a - faces.data()) + 200);

@@ -20,13 +20,6 @@ using msmface::TrackerFrame;
 using msmface::TrackerOptions;
 using msmface::TrackEvent;
 
-#define SKIP_WITHOUT_FACES_OR_MODEL()                                                            \
-    if (!haveModel()) GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel; \
-    const std::vector<RealFace> faces = loadRealFaces(1);                                        \
-    if (faces.empty()) GTEST_SKIP() << "no face data at " << facesFolder();                      \
-    const msmface::Detector* detector = sharedDetector();                                        \
-    ASSERT_NE(detector, nullptr)
-
 // A person as the tests place them: a clear real face cut out of its frame (the face and a
 // margin), and where its eyes' midpoint lies in the cut-out.
 struct Person {
@@ -123,7 +116,7 @@ std::vector<TrackerFrame> run(Tracker& tracker, const Video& video) {
 }
 
 TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const std::vector<Person> people = persons(faces, *detector, 6);
     ASSERT_EQ(people.size(), 6u);
     // Shot one (frames 0 to 39): A from the start until 31, B enters at 6, C shows from 12 to
@@ -225,7 +218,7 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
 }
 
 TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const std::vector<Person> people = persons(faces, *detector, 6);
     ASSERT_EQ(people.size(), 6u);
     // Six persons on a 3 x 2 grid, the three of the top row larger (eyes 45 pixels apart
@@ -269,7 +262,7 @@ TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
 // Detecting every frame afresh gives the faces Detector::detect gives, the largest maxFaces,
 // each carrying the number of the face at its place in the previous frame.
 TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const std::vector<Person> people = persons(faces, *detector, 3);
     ASSERT_EQ(people.size(), 3u);
     std::vector<Appearance> shown;
@@ -433,7 +426,7 @@ TEST(Tracker, BadFramesAndOptionsAreRefusedWithOneLine) {
 }
 
 TEST(Tracker, ChangingSizesLongEmptyRunsAndFacesAtTheBorder) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const std::vector<Person> people = persons(faces, *detector, 2);
     ASSERT_EQ(people.size(), 2u);
     auto tracker = Tracker::create(*detector);
