@@ -40,6 +40,15 @@ void toGrey(const FrameView& frame, GreyImage& grey);
 std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detector,
                                             const GreyImage& grey, int upsampleBelowWidth);
 
+// The detector's window: faces with a smaller box are found only in a doubled copy of the frame.
+inline constexpr int kDetectorWindow = 80;
+
+// Every face in a copy of the frame at twice its size, which finds faces down to half the
+// detector's window (and the larger ones too, at several times the cost), in frame pixels, the
+// largest first.
+std::vector<dlib::rect_detection> findFacesDoubled(dlib::frontal_face_detector& detector,
+                                                   const GreyImage& grey);
+
 // A copy of the detector that searches only a few sizes around kNearFaceWidth: the search near
 // a face already known, at a fraction of the cost of a whole frame.
 dlib::frontal_face_detector nearSearch(const dlib::frontal_face_detector& detector);

@@ -145,9 +145,10 @@ struct Tracker::State {
     ShotSignature previous;
     long frames = 0;  // frames counted so far
     long nextNumber = 1;
-    int sinceDetection = 0;     // frames since the last whole-frame search
-    int withoutTracks = 0;      // frames in a row searched without any track living
-    std::vector<Track> tracks;  // by number
+    int sinceDetection = 0;       // frames since the last whole-frame search
+    int withoutTracks = 0;        // frames in a row searched without any track living
+    long searchesWithTracks = 0;  // whole-frame searches while tracks lived
+    std::vector<Track> tracks;    // by number
 
     TrackEvent ended(const Track& t) const {
         TrackEvent e;
@@ -198,14 +199,29 @@ struct Tracker::State {
     // first), the others start tracks while fewer than maxFaces live.
     void detect(std::vector<TrackEvent>& started) {
         sinceDetection = 0;
-        // Small faces (the doubled search) on the first frame without tracks and then every
-        // detectEvery-th, as the Follower does: a video without faces stays cheap.
-        const bool doubled = tracks.empty() && withoutTracks % options.detectEvery == 0;
-        if (tracks.empty()) ++withoutTracks;
         // No face of the smallest side tracked fits in the frame: nothing to search for.
-        if (std::min(width, height) < options.minFaceSide) return;
-        std::vector<dlib::rect_detection> found =
-            detail::findFaces(whole, grey, doubled ? impl->upsampleBelowWidth : 0);
+        if (std::min(width, height) < options.minFaceSide) {
+            if (tracks.empty()) ++withoutTracks;
+            return;
+        }
+        // Faces under the detector's window are found only in the doubled frame, which costs
+        // about four times the frame itself: while no track lives, on the first frame and then
+        // every detectEvery-th as the Follower does (a video without faces stays cheap); while
+        // tracks live, on every detectEvery-th whole-frame search, searching the doubled frame
+        // alone (it finds the larger faces too). Detecting every frame (detectEvery 1) searches
+        // as Detector::detect does.
+        const bool small = options.minFaceSide < detail::kDetectorWindow &&
+                           width <= impl->upsampleBelowWidth && height <= impl->upsampleBelowWidth;
+        std::vector<dlib::rect_detection> found;
+        if (tracks.empty()) {
+            const bool doubled = small && withoutTracks++ % options.detectEvery == 0;
+            found = detail::findFaces(whole, grey, doubled ? impl->upsampleBelowWidth : 0);
+        } else if (small && options.detectEvery > 1 &&
+                   ++searchesWithTracks % options.detectEvery == 0) {
+            found = detail::findFacesDoubled(whole, grey);
+        } else {
+            found = detail::findFaces(whole, grey, 0);
+        }
         std::vector<DetectedFace> faces;
         for (const auto& d : found) {
             if (faces.size() >= static_cast<size_t>(options.maxFaces)) break;

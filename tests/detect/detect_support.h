@@ -24,6 +24,9 @@ inline constexpr int kRealFrameStep = 10;
 inline constexpr int kRealFrameStep = 1;
 #endif
 
+// The side of the detector's search window: smaller faces are found only in a doubled frame.
+inline constexpr int kDetectorWindowSide = 80;
+
 inline bool haveModel() {
     return static_cast<bool>(std::ifstream(msmface::kDefaultLandmarkModel));
 }

@@ -259,6 +259,46 @@ TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
     EXPECT_LE(tracker->liveTracks(), 3u);
 }
 
+// A face smaller than the detector's window entering beside a large one that is tracked: found by
+// the doubled search within detectEvery whole-frame searches, unless minFaceSide rules it out.
+TEST(Tracker, SmallFacesJoinWhileLargeOnesAreTracked) {
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
+    const std::vector<Person> people = persons(faces, *detector, 2);
+    ASSERT_EQ(people.size(), 2u);
+    const std::vector<Appearance> shown = {{0, 0, 100, 10, 20, 42 / people[0].eyeDistance},
+                                           {1, 2, 100, 210, 90, 22 / people[1].eyeDistance}};
+    const Video video = compose(
+        people, shown, 14, [](int) -> unsigned char { return 100; }, 320, 240);
+    for (const int minFaceSide : {0, detecttest::kDetectorWindowSide}) {
+        SCOPED_TRACE("minFaceSide " + std::to_string(minFaceSide));
+        TrackerOptions options;
+        options.detectEvery = 3;
+        options.minFaceSide = minFaceSide;
+        auto tracker = Tracker::create(*detector, options);
+        ASSERT_TRUE(tracker.ok());
+        int firstSmall = -1;
+        for (size_t t = 0; t < video.frames.size(); ++t) {
+            const auto f = tracker->update(video.frames[t].view());
+            ASSERT_TRUE(f.ok());
+            for (const auto& face : f->faces) {
+                const auto& eyes = video.eyes[t];
+                const bool small = eyes.count(1) > 0 && inside(face.face.box, eyes.at(1));
+                EXPECT_NE(small, inside(face.face.box, eyes.at(0)));
+                if (small && firstSmall < 0) firstSmall = static_cast<int>(t);
+                if (small) {
+                    EXPECT_LT(face.face.box.width, detecttest::kDetectorWindowSide);
+                }
+            }
+        }
+        if (minFaceSide == 0) {
+            EXPECT_GE(firstSmall, 2);
+            EXPECT_LE(firstSmall, 2 + options.detectEvery * options.detectEvery);
+        } else {
+            EXPECT_EQ(firstSmall, -1);
+        }
+    }
+}
+
 // Detecting every frame afresh gives the faces Detector::detect gives, the largest maxFaces,
 // each carrying the number of the face at its place in the previous frame.
 TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
