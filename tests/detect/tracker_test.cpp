@@ -299,6 +299,43 @@ TEST(Tracker, SmallFacesJoinWhileLargeOnesAreTracked) {
     }
 }
 
+// The pixels' layout is the caller's: a BGR frame with padded rows of the same greys gives the
+// same tracks, boxes and landmarks as the grey frame.
+TEST(Tracker, ColourFramesWithPaddedRowsTrackAsGreyOnes) {
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
+    const std::vector<Person> people = persons(faces, *detector, 2);
+    ASSERT_EQ(people.size(), 2u);
+    const std::vector<Appearance> shown = {{0, 0, 100, 10, 30, 40 / people[0].eyeDistance},
+                                           {1, 0, 100, 170, 40, 40 / people[1].eyeDistance}};
+    const Video video = compose(
+        people, shown, 4, [](int) -> unsigned char { return 120; }, 320, 240);
+    auto grey = Tracker::create(*detector);
+    auto colour = Tracker::create(*detector);
+    ASSERT_TRUE(grey.ok() && colour.ok());
+    size_t tracked = 0;
+    for (const GreyFrame& f : video.frames) {
+        const int stride = 3 * f.width + 7;
+        std::vector<unsigned char> bgr(static_cast<size_t>(stride) * f.height, 255);
+        for (int y = 0; y < f.height; ++y)
+            for (int x = 0; x < f.width; ++x)
+                for (int c = 0; c < 3; ++c)
+                    bgr[static_cast<size_t>(y) * stride + 3 * x + c] =
+                        f.pixels[static_cast<size_t>(y) * f.width + x];
+        const auto a = grey->update(f.view());
+        const auto b =
+            colour->update({bgr.data(), f.width, f.height, stride, msmface::PixelFormat::BGR});
+        ASSERT_TRUE(a.ok() && b.ok()) << b.message();
+        ASSERT_EQ(a->faces.size(), b->faces.size());
+        for (size_t k = 0; k < a->faces.size(); ++k) {
+            EXPECT_EQ(a->faces[k].track, b->faces[k].track);
+            EXPECT_EQ(a->faces[k].face.landmarks, b->faces[k].face.landmarks);
+        }
+        EXPECT_EQ(a->change, b->change);
+        tracked += a->faces.size();
+    }
+    EXPECT_EQ(tracked, 8u);
+}
+
 // Detecting every frame afresh gives the faces Detector::detect gives, the largest maxFaces,
 // each carrying the number of the face at its place in the previous frame.
 TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
