@@ -23,10 +23,11 @@ struct TrackerOptions {
     // At most this many faces are fitted and followed in one frame, the largest first: the work
     // of a frame stays bounded when a crowd of small faces is in the picture. 1 to 64.
     int maxFaces = 8;
-    // Frames between whole-frame detections while every track is seen (a face entering the
-    // picture is found within this many frames). The whole frame is also searched at once in a
-    // frame where a track was not found near its last place, after a cut, and in every frame
-    // while no track lives. 1 to 1000; 1 detects every frame afresh.
+    // Frames between whole-frame detections while every track is seen (a face of the
+    // detector's window or larger entering the picture is found within this many frames). The whole
+    // frame is also searched at once in a frame where a track was not found near its last place,
+    // after a cut, and in every frame while no track lives. 1 to 1000; 1 detects every frame
+    // afresh.
     int detectEvery = 10;
     // A track lives on this many frames without its face being seen, then it ends (a face
     // turned away or hidden for a moment keeps its number). 0 to 1000; the default is a stream's
@@ -38,8 +39,11 @@ struct TrackerOptions {
     // 96 % of the pairs of two persons' frames by more (detect/README.md). 1 or more: cuts are
     // told by a change of the frame's size alone.
     double cutThreshold = 0.57;
-    // Faces whose box side is under this many pixels are not tracked (0: every face the detector
-    // finds; its window is 80 pixels, 40 on the doubled search of small frames). 0 to 16384.
+    // Faces whose box side is under this many pixels are not tracked. The detector's window is
+    // 80 pixels; below 80, smaller faces (down to 40) are looked for in a doubled copy of frames
+    // at most DetectorOptions::upsampleBelowWidth wide and tall, which costs about four times a
+    // search of the frame: while no track lives on the first frame and every detectEvery-th,
+    // while tracks live on every detectEvery-th whole-frame search. 0 to 16384.
     int minFaceSide = 0;
 };
 
