@@ -223,11 +223,15 @@ struct Tracker::State {
             found = detail::findFaces(whole, grey, 0);
         }
         std::vector<DetectedFace> faces;
+        // The largest maxFaces detections are fitted, whatever their fits turn out to be: a
+        // crowd of implausible fits must not make the frame's work unbounded either.
+        int fitted = 0;
         for (const auto& d : found) {
-            if (faces.size() >= static_cast<size_t>(options.maxFaces)) break;
+            if (fitted >= options.maxFaces) break;
             if (std::min(d.rect.width(), d.rect.height()) <
                 static_cast<unsigned long>(options.minFaceSide))
                 continue;
+            ++fitted;
             DetectedFace face = detail::fitFace(impl->shapes, grey, d.rect, d.detection_confidence);
             if (detail::plausibleFace(face.points)) faces.push_back(face);
         }
