@@ -49,19 +49,29 @@ Person cutOut(const RealFace& face) {
     return p;
 }
 
-// count clear faces of as many persons.
+// The first count of six clear faces of six persons (found once: each search runs the detector
+// on many frames).
 std::vector<Person> persons(const std::vector<RealFace>& faces, const msmface::Detector& detector,
                             size_t count) {
-    std::vector<Person> out;
-    std::set<std::string> taken;
-    for (size_t from = 0; out.size() < count;) {
-        const RealFace* face = clearFace(faces, detector, from);
-        if (face == nullptr) break;
-        from = static_cast<size_t>(face - faces.data()) + 1;
-        if (taken.insert(face->identity).second) out.push_back(cutOut(*face));
-    }
-    return out;
+    static const std::vector<Person> six = [&] {
+        std::vector<Person> out;
+        std::set<std::string> taken;
+        for (size_t from = 0; out.size() < 6;) {
+            const RealFace* face = clearFace(faces, detector, from);
+            if (face == nullptr) break;
+            from = static_cast<size_t>(face - faces.data()) + 1;
+            if (taken.insert(face->identity).second) out.push_back(cutOut(*face));
+        }
+        return out;
+    }();
+    return {six.begin(), six.begin() + std::min(count, six.size())};
 }
+
+// In a test: skips it without the model or the faces; else declares people, count persons.
+#define SKIP_UNLESS_PERSONS(count)                                       \
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();                                \
+    const std::vector<Person> people = persons(faces, *detector, count); \
+    ASSERT_EQ(people.size(), static_cast<size_t>(count))
 
 // One person's appearance in a video: frames [first, last], in a column of the canvas.
 struct Appearance {
@@ -116,9 +126,7 @@ std::vector<TrackerFrame> run(Tracker& tracker, const Video& video) {
 }
 
 TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 6);
-    ASSERT_EQ(people.size(), 6u);
+    SKIP_UNLESS_PERSONS(6);
     // Shot one (frames 0 to 39): A from the start until 31, B enters at 6, C shows from 12 to
     // 29, F enters at 33 elsewhere while the tracks of A and C still wait for their faces. Shot
     // two (from 40) on another backdrop: D, and E entering at 44.
@@ -218,9 +226,7 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
 }
 
 TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 6);
-    ASSERT_EQ(people.size(), 6u);
+    SKIP_UNLESS_PERSONS(6);
     // Six persons on a 3 x 2 grid, the three of the top row larger (eyes 45 pixels apart
     // against 33).
     std::vector<Appearance> shown;
@@ -262,9 +268,7 @@ TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
 // A face smaller than the detector's window entering beside a large one that is tracked: found by
 // the doubled search within detectEvery whole-frame searches, unless minFaceSide rules it out.
 TEST(Tracker, SmallFacesJoinWhileLargeOnesAreTracked) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 2);
-    ASSERT_EQ(people.size(), 2u);
+    SKIP_UNLESS_PERSONS(2);
     const std::vector<Appearance> shown = {{0, 0, 100, 10, 20, 42 / people[0].eyeDistance},
                                            {1, 2, 100, 210, 90, 22 / people[1].eyeDistance}};
     const Video video = compose(
@@ -302,9 +306,7 @@ TEST(Tracker, SmallFacesJoinWhileLargeOnesAreTracked) {
 // The pixels' layout is the caller's: a BGR frame with padded rows of the same greys gives the
 // same tracks, boxes and landmarks as the grey frame.
 TEST(Tracker, ColourFramesWithPaddedRowsTrackAsGreyOnes) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 2);
-    ASSERT_EQ(people.size(), 2u);
+    SKIP_UNLESS_PERSONS(2);
     const std::vector<Appearance> shown = {{0, 0, 100, 10, 30, 40 / people[0].eyeDistance},
                                            {1, 0, 100, 170, 40, 40 / people[1].eyeDistance}};
     const Video video = compose(
@@ -339,9 +341,7 @@ TEST(Tracker, ColourFramesWithPaddedRowsTrackAsGreyOnes) {
 // Detecting every frame afresh gives the faces Detector::detect gives, the largest maxFaces,
 // each carrying the number of the face at its place in the previous frame.
 TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 3);
-    ASSERT_EQ(people.size(), 3u);
+    SKIP_UNLESS_PERSONS(3);
     std::vector<Appearance> shown;
     for (int k = 0; k < 3; ++k)
         shown.push_back(
@@ -503,9 +503,7 @@ TEST(Tracker, BadFramesAndOptionsAreRefusedWithOneLine) {
 }
 
 TEST(Tracker, ChangingSizesLongEmptyRunsAndFacesAtTheBorder) {
-    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
-    const std::vector<Person> people = persons(faces, *detector, 2);
-    ASSERT_EQ(people.size(), 2u);
+    SKIP_UNLESS_PERSONS(2);
     auto tracker = Tracker::create(*detector);
     ASSERT_TRUE(tracker.ok());
     // A person in a 320 x 240 frame, then the same person in a frame of another size: a cut.
