@@ -56,7 +56,7 @@ constexpr double kFollowThreshold = -0.5;
 
 }  // namespace
 
-// The previous face, searched for in a square twice its width around where its landmarks were.
+// The previous face, searched for in a square 1.6 times its width around its landmarks.
 bool FollowedFace::findNear(dlib::frontal_face_detector& near, const GreyImage& grey, int patience,
                             dlib::rect_detection& out) {
     const dlib::point centre = landmarkCentre(last);
