@@ -78,6 +78,9 @@ struct Appearance {
     int person = 0;
     int first = 0, last = 0;
     double left = 0, top = 0, scale = 1;
+    // The face covered by a patch of its own mean grey (a hand, a face turned away): the picture
+    // keeps its light and layout but shows no face, so it has no place in Video::eyes.
+    bool hidden = false;
 };
 
 struct Video {
@@ -101,6 +104,24 @@ Video compose(const std::vector<Person>& people, const std::vector<Appearance>& 
             const double left = a.left + 6 * std::sin(0.3 * t + a.person);
             const double top = a.top + 4 * std::cos(0.2 * t + a.person);
             paste(p.picture, a.scale, left, top, f);
+            if (a.hidden) {
+                const double x = placed(p.eyeX, a.scale, left), y = placed(p.eyeY, a.scale, top);
+                const int half = static_cast<int>(1.4 * p.eyeDistance * a.scale);
+                const int x0 = std::max(0, static_cast<int>(x) - half);
+                const int x1 = std::min(f.width, static_cast<int>(x) + half);
+                const int y0 = std::max(0, static_cast<int>(y) - half);
+                const int y1 = std::min(f.height, static_cast<int>(y) + 2 * half);
+                double sum = 0;
+                for (int yy = y0; yy < y1; ++yy)
+                    for (int xx = x0; xx < x1; ++xx)
+                        sum += f.pixels[static_cast<size_t>(yy) * f.width + xx];
+                const auto mean =
+                    static_cast<unsigned char>(sum / std::max(1, (x1 - x0) * (y1 - y0)));
+                for (int yy = y0; yy < y1; ++yy)
+                    for (int xx = x0; xx < x1; ++xx)
+                        f.pixels[static_cast<size_t>(yy) * f.width + xx] = mean;
+                continue;
+            }
             placedEyes[a.person] = {placed(p.eyeX, a.scale, left), placed(p.eyeY, a.scale, top)};
         }
         v.frames.push_back(std::move(f));
@@ -263,6 +284,40 @@ TEST(Tracker, ACrowdIsBoundedByMaxFacesLargestFirst) {
     ASSERT_TRUE(f.ok()) << f.message();
     EXPECT_LE(f->faces.size(), 3u);
     EXPECT_LE(tracker->liveTracks(), 3u);
+}
+
+// A face hidden for a moment (keepUnseen frames or fewer) keeps its number; hidden longer, its
+// track ends and it comes back under a new one. The other person's track is never disturbed.
+TEST(Tracker, AFaceHiddenForAMomentKeepsItsNumber) {
+    SKIP_UNLESS_PERSONS(2);
+    const int keep = TrackerOptions{}.keepUnseen;
+    // Person 0 hidden for keep frames from frame 4, then for keep + 2 frames from 14.
+    const double s0 = 40 / people[0].eyeDistance;
+    const std::vector<Appearance> shown = {
+        {0, 0, 3, 10, 30, s0},          {0, 4, 3 + keep, 10, 30, s0, true},
+        {0, 4 + keep, 13, 10, 30, s0},  {0, 14, 15 + keep, 10, 30, s0, true},
+        {0, 16 + keep, 40, 10, 30, s0}, {1, 0, 40, 170, 40, 40 / people[1].eyeDistance}};
+    // Back after the long absence, it is found by the next whole-frame search.
+    const int count = 16 + keep + TrackerOptions{}.detectEvery + 1;
+    const Video video = compose(
+        people, shown, count, [](int) -> unsigned char { return 120; }, 320, 240);
+    auto tracker = Tracker::create(*detector);
+    ASSERT_TRUE(tracker.ok());
+    std::vector<std::set<long>> numbers(2);
+    std::vector<long> endedTracks;
+    for (int t = 0; t < count; ++t) {
+        const auto f = tracker->update(video.frames[t].view());
+        ASSERT_TRUE(f.ok());
+        for (const auto& face : f->faces)
+            for (const auto& [person, eyes] : video.eyes[t])
+                if (inside(face.face.box, eyes)) numbers[person].insert(face.track);
+        EXPECT_FALSE(f->cut) << t;
+        for (const auto& e : f->events)
+            if (e.kind == TrackEvent::Kind::Ended) endedTracks.push_back(e.track);
+    }
+    EXPECT_EQ(numbers[1].size(), 1u);
+    ASSERT_EQ(numbers[0].size(), 2u) << "one number before the long absence, one after";
+    EXPECT_EQ(endedTracks, std::vector<long>{*numbers[0].begin()});
 }
 
 // A face smaller than the detector's window entering beside a large one that is tracked: found by
