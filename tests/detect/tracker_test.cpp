@@ -303,20 +303,26 @@ TEST(Tracker, AFaceHiddenForAMomentKeepsItsNumber) {
         people, shown, count, [](int) -> unsigned char { return 120; }, 320, 240);
     auto tracker = Tracker::create(*detector);
     ASSERT_TRUE(tracker.ok());
-    std::vector<std::set<long>> numbers(2);
+    std::vector<std::set<long>> numbers(4);
     std::vector<long> endedTracks;
     for (int t = 0; t < count; ++t) {
         const auto f = tracker->update(video.frames[t].view());
         ASSERT_TRUE(f.ok());
         for (const auto& face : f->faces)
             for (const auto& [person, eyes] : video.eyes[t])
-                if (inside(face.face.box, eyes)) numbers[person].insert(face.track);
+                if (inside(face.face.box, eyes)) {
+                    // Person 0's numbers by the part of the video it is seen in: before, between
+                    // and after the absences.
+                    const size_t part = person == 1 ? 3 : t < 4 ? 0 : t < 14 ? 1 : 2;
+                    numbers[part].insert(face.track);
+                }
         EXPECT_FALSE(f->cut) << t;
         for (const auto& e : f->events)
             if (e.kind == TrackEvent::Kind::Ended) endedTracks.push_back(e.track);
     }
-    EXPECT_EQ(numbers[1].size(), 1u);
-    ASSERT_EQ(numbers[0].size(), 2u) << "one number before the long absence, one after";
+    for (const auto& part : numbers) ASSERT_EQ(part.size(), 1u);
+    EXPECT_EQ(numbers[0], numbers[1]) << "the short absence kept the number";
+    EXPECT_NE(numbers[1], numbers[2]) << "the long one ended the track";
     EXPECT_EQ(endedTracks, std::vector<long>{*numbers[0].begin()});
 }
 
