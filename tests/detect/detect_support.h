@@ -145,6 +145,17 @@ inline double meanPointError(const msmface::FacePoints& got, const float* expect
     return sum / 14 / eyes;
 }
 
+// The cosine of the angle between two descriptors.
+inline double cosine(const msmface::FaceDescriptor& a, const msmface::FaceDescriptor& b) {
+    double ab = 0, aa = 0, bb = 0;
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) {
+        ab += static_cast<double>(a[i]) * b[i];
+        aa += static_cast<double>(a[i]) * a[i];
+        bb += static_cast<double>(b[i]) * b[i];
+    }
+    return ab / std::sqrt(aa * bb);
+}
+
 // A real frame with one face that the detector finds clearly, larger than its window, and whose
 // points agree with the manifest's: a face that a sequence can rely on.
 inline const RealFace* clearFace(const std::vector<RealFace>& faces,

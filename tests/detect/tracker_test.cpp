@@ -9,6 +9,9 @@
 #include <set>
 
 #include <msmface/tracker.h>
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+#include <msmface/descriptor.h>
+#endif
 
 #include "detect_support.h"
 
@@ -440,6 +443,45 @@ TEST(Tracker, DetectingEveryFrameAgreesWithTheDetector) {
     }
     EXPECT_EQ(trackOfPerson.size(), 2u);
 }
+
+#ifdef MSMFACE_HAVE_DESCRIPTOR
+// A track's face serves the learned descriptor as well as the fourteen points: its landmarks cut
+// a chip the descriptor describes, each track's descriptors stay alike from frame to frame and
+// are nearer to each other than to any other track's.
+TEST(Tracker, TrackedFacesFeedTheDescriptor) {
+    SKIP_UNLESS_PERSONS(3);
+    auto descriptor = msmface::Descriptor::load();
+    if (!descriptor.ok()) GTEST_SKIP() << descriptor.message();
+    std::vector<Appearance> shown;
+    for (int k = 0; k < 3; ++k)
+        shown.push_back({k, 0, 100, 20.0 + 210 * k, 120, 40 / people[k].eyeDistance});
+    const Video video = compose(people, shown, 4, [](int) -> unsigned char { return 100; });
+    auto tracker = Tracker::create(*detector);
+    ASSERT_TRUE(tracker.ok());
+    std::map<long, std::vector<msmface::FaceDescriptor>> described;
+    for (const GreyFrame& f : video.frames) {
+        const auto tracked = tracker->update(f.view());
+        ASSERT_TRUE(tracked.ok());
+        for (const auto& face : tracked->faces) {
+            const auto d = descriptor->compute(f.view(), face.face);
+            ASSERT_TRUE(d.ok()) << d.message();
+            described[face.track].push_back(d.value());
+        }
+    }
+    ASSERT_EQ(described.size(), 3u);
+    double sameLowest = 1, otherHighest = -1;
+    for (const auto& [track, ds] : described) {
+        EXPECT_EQ(ds.size(), video.frames.size());
+        for (const auto& a : ds) {
+            for (const auto& b : ds) sameLowest = std::min(sameLowest, cosine(a, b));
+            for (const auto& [other, os] : described)
+                if (other != track) otherHighest = std::max(otherHighest, cosine(a, os.front()));
+        }
+    }
+    EXPECT_GT(sameLowest, 0.9);
+    EXPECT_LT(otherHighest, sameLowest);
+}
+#endif
 
 // A real frame stretched over a 320 x 240 camera frame (nearest pixel), so that frames of any
 // size compare as pictures of one camera.
