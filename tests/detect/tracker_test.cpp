@@ -502,7 +502,7 @@ GreyFrame stretched(const GreyFrame& f) {
 // than any frame).
 TEST(Tracker, TellsCutsFromTheSameShotOnRealFrames) {
     if (!haveModel()) GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel;
-    const std::vector<RealFace> faces = loadRealFaces(kRealFrameStep == 1 ? 1 : 3);
+    const std::vector<RealFace> faces = loadRealFaces(1);
     if (faces.empty()) GTEST_SKIP() << "no face data at " << facesFolder();
     const msmface::Detector* detector = sharedDetector();
     ASSERT_NE(detector, nullptr);
@@ -520,7 +520,8 @@ TEST(Tracker, TellsCutsFromTheSameShotOnRealFrames) {
     std::vector<GreyFrame> frames;
     for (const RealFace& f : faces) frames.push_back(stretched(f.frame));
     int same = 0, sameCut = 0, other = 0, otherCut = 0;
-    for (size_t i = 0; i < faces.size(); ++i) {
+    // Sanitized builds compare the pairs that start at every third frame.
+    for (size_t i = 0; i < faces.size(); i += kRealFrameStep == 1 ? 1 : 3) {
         if (i + 1 < faces.size() && video(faces[i]) == video(faces[i + 1])) {
             ++same;
             sameCut += change(frames[i], frames[i + 1]) > options.cutThreshold ? 1 : 0;
