@@ -168,30 +168,30 @@ struct Tracker::State {
 
     // Each track searched for near its last place; false when some track was not found there.
     bool followAll() {
-        bool allSeen = true;
-        for (Track& t : tracks) {
+        std::vector<DetectedFace> now(tracks.size());
+        for (size_t i = 0; i < tracks.size(); ++i) {
+            Track& t = tracks[i];
             dlib::rect_detection found;
             t.seen = false;
             t.detected = false;
             if (t.followed.findNear(near, grey, options.detectEvery, found)) {
-                DetectedFace face =
+                now[i] =
                     detail::fitFace(impl->shapes, grey, found.rect, found.detection_confidence);
-                if (detail::plausibleFace(face.points)) {
-                    t.followed.last = face;
-                    t.seen = true;
-                }
+                t.seen = detail::plausibleFace(now[i].points);
             }
-            allSeen = allSeen && t.seen;
         }
-        // Two tracks that slid onto one face: the older keeps it.
+        // Two tracks that slid onto one face: the older keeps it, the younger keeps its last
+        // place (where its own face may come back).
         for (size_t i = 0; i < tracks.size(); ++i)
             for (size_t j = i + 1; j < tracks.size(); ++j)
                 if (tracks[i].seen && tracks[j].seen &&
-                    overlap(tracks[i].followed.last.box, tracks[j].followed.last.box) >=
-                        kDuplicateOverlap) {
+                    overlap(now[i].box, now[j].box) >= kDuplicateOverlap)
                     tracks[j].seen = false;
-                    allSeen = false;
-                }
+        bool allSeen = true;
+        for (size_t i = 0; i < tracks.size(); ++i) {
+            if (tracks[i].seen) tracks[i].followed.last = now[i];
+            allSeen = allSeen && tracks[i].seen;
+        }
         return allSeen;
     }
 
