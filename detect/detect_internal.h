@@ -40,6 +40,15 @@ void toGrey(const FrameView& frame, GreyImage& grey);
 std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detector,
                                             const GreyImage& grey, int upsampleBelowWidth);
 
+// The detector's window: faces with a smaller box are found only in a doubled copy of the frame.
+inline constexpr int kDetectorWindow = 80;
+
+// Every face in a copy of the frame at twice its size, which finds faces down to half the
+// detector's window (and the larger ones too, at several times the cost), in frame pixels, the
+// largest first.
+std::vector<dlib::rect_detection> findFacesDoubled(dlib::frontal_face_detector& detector,
+                                                   const GreyImage& grey);
+
 // A copy of the detector that searches only a few sizes around kNearFaceWidth: the search near
 // a face already known, at a fraction of the cost of a whole frame.
 dlib::frontal_face_detector nearSearch(const dlib::frontal_face_detector& detector);
@@ -55,6 +64,23 @@ std::vector<dlib::rect_detection> findFacesNear(dlib::frontal_face_detector& nea
 // The 68 landmarks inside box and the fourteen points mapped from them.
 DetectedFace fitFace(const dlib::shape_predictor& model, const GreyImage& grey,
                      const dlib::rectangle& box, double score);
+
+// The nose tip and the mouth centre below the eyes' line by a plausible share of the eye
+// distance: a fit that slid off the face loses these proportions.
+bool plausibleFace(const FacePoints& points);
+
+// One face followed from frame to frame: the Follower's face, and each track of a Tracker.
+struct FollowedFace {
+    DetectedFace last;  // where it was in the previous frame it was seen
+    int weak = 0;       // frames in a row it was kept below the usual threshold
+
+    // The face found near last's landmarks in this frame (a square 1.6 times its width, at about
+    // its size), kept down to a detector score of -0.5; false when nothing is found there or when
+    // it has been kept below 0 for patience frames in a row (then it may be no face at all, and
+    // a whole-frame search must decide).
+    bool findNear(dlib::frontal_face_detector& near, const GreyImage& grey, int patience,
+                  dlib::rect_detection& out);
+};
 
 }  // namespace detail
 }  // namespace msmface

@@ -86,6 +86,17 @@ constexpr unsigned long kNearLevels = 3;
 
 }  // namespace
 
+std::vector<dlib::rect_detection> findFacesDoubled(dlib::frontal_face_detector& detector,
+                                                   const GreyImage& grey) {
+    std::vector<dlib::rect_detection> found;
+    GreyImage big(2 * grey.nr(), 2 * grey.nc());
+    dlib::resize_image(grey, big);
+    detector(big, found);
+    mapBack(found, dlib::get_rect(grey), big);
+    largestFirst(found);
+    return found;
+}
+
 std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detector,
                                             const GreyImage& grey, int upsampleBelowWidth) {
     std::vector<dlib::rect_detection> found;
@@ -94,12 +105,8 @@ std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detecto
     // only in a larger copy.
     // A frame taller than the limit is no camera frame of small faces either: doubling it would
     // only make a huge search out of a large one.
-    if (found.empty() && grey.nc() <= upsampleBelowWidth && grey.nr() <= upsampleBelowWidth) {
-        GreyImage big(2 * grey.nr(), 2 * grey.nc());
-        dlib::resize_image(grey, big);
-        detector(big, found);
-        mapBack(found, dlib::get_rect(grey), big);
-    }
+    if (found.empty() && grey.nc() <= upsampleBelowWidth && grey.nr() <= upsampleBelowWidth)
+        return findFacesDoubled(detector, grey);
     largestFirst(found);
     return found;
 }

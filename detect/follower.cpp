@@ -10,7 +10,7 @@
 
 namespace msmface {
 
-namespace {
+namespace detail {
 
 // A face as the model knows it: the nose tip and the mouth below the eyes, measured across the
 // eye line, at distances in proportion to the eye distance. A fit that slid off the face loses
@@ -31,6 +31,8 @@ bool plausibleFace(const FacePoints& p) {
     return nose > 0.1 && mouth > nose && mouth < 2.5 && std::abs(along(12)) < 1 &&
            std::abs(along(13)) < 1;
 }
+
+namespace {
 
 dlib::point landmarkCentre(const DetectedFace& face) {
     float left = face.landmarks[0], right = left, top = face.landmarks[1], bottom = top;
@@ -54,6 +56,30 @@ constexpr double kFollowThreshold = -0.5;
 
 }  // namespace
 
+// The previous face, searched for in a square 1.6 times its width around its landmarks.
+bool FollowedFace::findNear(dlib::frontal_face_detector& near, const GreyImage& grey, int patience,
+                            dlib::rect_detection& out) {
+    const dlib::point centre = landmarkCentre(last);
+    const long half = std::max(8L, std::lround(0.8 * last.box.width));
+    const dlib::rectangle region(centre.x() - half, centre.y() - half, centre.x() + half,
+                                 centre.y() + half);
+    std::vector<dlib::rect_detection> found =
+        findFacesNear(near, grey, region, last.box.width, kFollowThreshold);
+    if (found.empty()) return false;
+    const auto nearest =
+        std::min_element(found.begin(), found.end(), [&](const auto& a, const auto& b) {
+            return distance(a.rect, centre) < distance(b.rect, centre);
+        });
+    // Kept below the usual threshold for as long as a whole-frame search is due, it may be
+    // no face at all: the whole frame decides afresh.
+    weak = nearest->detection_confidence < 0 ? weak + 1 : 0;
+    if (weak >= patience) return false;
+    out = *nearest;
+    return true;
+}
+
+}  // namespace detail
+
 struct Follower::State {
     std::shared_ptr<const Detector::Impl> impl;
     // Copies of the detector: the search changes the object it runs in.
@@ -66,48 +92,33 @@ struct Follower::State {
     bool following = false;
     int sinceDetection = 0;  // frames followed since the last whole-frame search
     int missed = 0;          // frames in a row without a face
-    int weak = 0;            // frames in a row where the face was kept below the usual threshold
-    DetectedFace last;
+    detail::FollowedFace followed;
 
     // Not Follower::reset(): a subclass may lock around that one, and track() runs inside it.
     void forget() {
         following = false;
         sinceDetection = 0;
         missed = 0;
-        weak = 0;
+        followed.weak = 0;
         width = height = 0;
     }
 
     bool accept(const dlib::rect_detection& found, DetectedFace& out) {
         DetectedFace face =
             detail::fitFace(impl->shapes, grey, found.rect, found.detection_confidence);
-        if (!plausibleFace(face.points)) return false;
+        if (!detail::plausibleFace(face.points)) return false;
         out = face;
-        last = face;
+        followed.last = face;
         following = true;
         missed = 0;
         return true;
     }
 
-    // The previous face, searched for in a square twice its width around where its landmarks
-    // were; on the frames due for a whole-frame search, a larger face elsewhere takes over.
+    // The previous face, searched for near where its landmarks were; on the frames due for a
+    // whole-frame search, a larger face elsewhere takes over.
     bool follow(DetectedFace& out) {
-        const dlib::point centre = landmarkCentre(last);
-        const long half = std::max(8L, std::lround(0.8 * last.box.width));
-        const dlib::rectangle region(centre.x() - half, centre.y() - half, centre.x() + half,
-                                     centre.y() + half);
-        std::vector<dlib::rect_detection> found =
-            detail::findFacesNear(near, grey, region, last.box.width, kFollowThreshold);
-        if (found.empty()) return false;
-        const auto nearest =
-            std::min_element(found.begin(), found.end(), [&](const auto& a, const auto& b) {
-                return distance(a.rect, centre) < distance(b.rect, centre);
-            });
-        // Kept below the usual threshold for as long as a whole-frame search is due, it may be
-        // no face at all: the whole frame decides afresh.
-        weak = nearest->detection_confidence < 0 ? weak + 1 : 0;
-        if (weak >= redetectEvery) return false;
-        dlib::rect_detection best = *nearest;
+        dlib::rect_detection best;
+        if (!followed.findNear(near, grey, redetectEvery, best)) return false;
         if (++sinceDetection >= redetectEvery) {
             sinceDetection = 0;
             // Only the original size: the face followed is already known, and searching a
@@ -124,7 +135,7 @@ struct Follower::State {
     bool search(DetectedFace& out) {
         following = false;
         sinceDetection = 0;
-        weak = 0;
+        followed.weak = 0;
         const bool doubled = missed % redetectEvery == 0;
         const auto found = detail::findFaces(whole, grey, doubled ? impl->upsampleBelowWidth : 0);
         for (const auto& d : found)

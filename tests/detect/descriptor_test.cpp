@@ -73,15 +73,7 @@ std::vector<std::vector<std::string>> readCsv(const std::string& path) {
     return rows;
 }
 
-double cosine(const FaceDescriptor& a, const FaceDescriptor& b) {
-    double ab = 0, aa = 0, bb = 0;
-    for (int i = 0; i < msmface::kDescriptorSize; ++i) {
-        ab += static_cast<double>(a[i]) * b[i];
-        aa += static_cast<double>(a[i]) * a[i];
-        bb += static_cast<double>(b[i]) * b[i];
-    }
-    return ab / std::sqrt(aa * bb);
-}
+using detecttest::cosine;
 
 struct Reference {
     std::string chip, frame;

@@ -24,6 +24,9 @@ inline constexpr int kRealFrameStep = 10;
 inline constexpr int kRealFrameStep = 1;
 #endif
 
+// The side of the detector's search window: smaller faces are found only in a doubled frame.
+inline constexpr int kDetectorWindowSide = 80;
+
 inline bool haveModel() {
     return static_cast<bool>(std::ifstream(msmface::kDefaultLandmarkModel));
 }
@@ -142,6 +145,41 @@ inline double meanPointError(const msmface::FacePoints& got, const float* expect
     return sum / 14 / eyes;
 }
 
+// The cosine of the angle between two descriptors.
+inline double cosine(const msmface::FaceDescriptor& a, const msmface::FaceDescriptor& b) {
+    double ab = 0, aa = 0, bb = 0;
+    for (int i = 0; i < msmface::kDescriptorSize; ++i) {
+        ab += static_cast<double>(a[i]) * b[i];
+        aa += static_cast<double>(a[i]) * a[i];
+        bb += static_cast<double>(b[i]) * b[i];
+    }
+    return ab / std::sqrt(aa * bb);
+}
+
+// A real frame with one face that the detector finds clearly, larger than its window, and whose
+// points agree with the manifest's: a face that a sequence can rely on.
+inline const RealFace* clearFace(const std::vector<RealFace>& faces,
+                                 const msmface::Detector& detector, size_t from = 0) {
+    for (size_t i = from; i < faces.size(); ++i) {
+        if (faces[i].eyeDistance() < 35 || faces[i].frame.height > 230) continue;
+        const auto found = detector.detect(faces[i].frame.view());
+        if (found->size() == 1 && found->front().score > 0.5 &&
+            meanPointError(found->front().points, faces[i].points) < 0.1)
+            return &faces[i];
+    }
+    return nullptr;
+}
+
 }  // namespace detecttest
+
+// In a test: skips it without the landmark model or the shared faces; else declares faces (every
+// frame of the manifest) and detector (the shared default one).
+#define SKIP_WITHOUT_DETECTOR_OR_ALL_FACES()                                            \
+    if (!detecttest::haveModel())                                                       \
+        GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel;      \
+    const std::vector<detecttest::RealFace> faces = detecttest::loadRealFaces(1);       \
+    if (faces.empty()) GTEST_SKIP() << "no face data at " << detecttest::facesFolder(); \
+    const msmface::Detector* detector = detecttest::sharedDetector();                   \
+    ASSERT_NE(detector, nullptr)
 
 #endif  // MSMFACE_TESTS_DETECT_DETECT_SUPPORT_H

@@ -15,11 +15,7 @@ namespace {
 
 using msmface::FaceDescriptor;
 
-double cosine(const FaceDescriptor& a, const FaceDescriptor& b) {
-    double ab = 0;
-    for (int i = 0; i < msmface::kDescriptorSize; ++i) ab += static_cast<double>(a[i]) * b[i];
-    return ab;  // both of unit length
-}
+using detecttest::cosine;
 
 // A describer over the shared detector; null (with the reason) when a model is missing.
 std::shared_ptr<msmface::FaceDescriber> describer(int redetectEvery, std::string& missing) {

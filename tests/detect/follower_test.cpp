@@ -34,29 +34,8 @@ Sequence movingFace(const RealFace& face, int width, int height, int count, doub
     return s;
 }
 
-// A real frame with one face that the detector finds clearly, larger than its window, and whose
-// points agree with the manifest's: a face that a sequence can rely on.
-const RealFace* clearFace(const std::vector<RealFace>& faces, const msmface::Detector& detector,
-                          size_t from = 0) {
-    for (size_t i = from; i < faces.size(); ++i) {
-        if (faces[i].eyeDistance() < 35 || faces[i].frame.height > 230) continue;
-        const auto found = detector.detect(faces[i].frame.view());
-        if (found->size() == 1 && found->front().score > 0.5 &&
-            meanPointError(found->front().points, faces[i].points) < 0.1)
-            return &faces[i];
-    }
-    return nullptr;
-}
-
-#define SKIP_WITHOUT_FACES_OR_MODEL()                                                            \
-    if (!haveModel()) GTEST_SKIP() << "no landmark model at " << msmface::kDefaultLandmarkModel; \
-    const std::vector<RealFace> faces = loadRealFaces(1);                                        \
-    if (faces.empty()) GTEST_SKIP() << "no face data at " << facesFolder();                      \
-    const msmface::Detector* detector = sharedDetector();                                        \
-    ASSERT_NE(detector, nullptr)
-
 TEST(Follower, KeepsAMovingFaceAndAgreesWithFullDetection) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* face = clearFace(faces, *detector);
     ASSERT_NE(face, nullptr);
     const Sequence video = movingFace(*face, 320, 240, kRealFrameStep == 1 ? 40 : 12, 1.0);
@@ -87,7 +66,7 @@ TEST(Follower, KeepsAMovingFaceAndAgreesWithFullDetection) {
 }
 
 TEST(Follower, NoticesAFaceThatLeavesAndFindsItAgain) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* face = clearFace(faces, *detector);
     ASSERT_NE(face, nullptr);
     const int every = 5;
@@ -107,7 +86,7 @@ TEST(Follower, NoticesAFaceThatLeavesAndFindsItAgain) {
 }
 
 TEST(Follower, ALargerFaceTakesOverAtTheNextDetection) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* small = clearFace(faces, *detector);
     ASSERT_NE(small, nullptr);
     const RealFace* large = clearFace(faces, *detector, (small - faces.data()) + 100);
@@ -130,7 +109,7 @@ TEST(Follower, ALargerFaceTakesOverAtTheNextDetection) {
 }
 
 TEST(Follower, DetectingEveryFrameIsDetectionAndResetStartsAfresh) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     msmface::Follower still(*detector, {1});
     msmface::Follower video(*detector, {10});
     int checked = 0;
@@ -150,7 +129,7 @@ TEST(Follower, DetectingEveryFrameIsDetectionAndResetStartsAfresh) {
 }
 
 TEST(Follower, TwoFollowersOfOneDetectorRunOnTwoThreads) {
-    SKIP_WITHOUT_FACES_OR_MODEL();
+    SKIP_WITHOUT_DETECTOR_OR_ALL_FACES();
     const RealFace* a = clearFace(faces, *detector);
     ASSERT_NE(a, nullptr);
     const RealFace* b = clearFace(faces, *detector, (a - faces.data()) + 200);

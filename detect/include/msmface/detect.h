@@ -90,6 +90,7 @@ class MSMFACE_DETECT_API Detector {
     explicit Detector(std::shared_ptr<const Impl> impl);
     std::shared_ptr<const Impl> impl_;
     friend class Follower;
+    friend class Tracker;
 };
 
 struct FollowerOptions {
