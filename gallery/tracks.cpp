@@ -67,6 +67,18 @@ class TrackRecognition::Impl {
     void identifyFrom(Track& t, const Ranking& ranking, int track, int64_t frame, double time,
                       std::vector<TrackEvent>& events) const;
     TrackEvent endedEvent(int track, const Track& t) const;
+    // One observation of the given kind: checked, the track found or started, push run on its
+    // stream, and the outcome settled.
+    template <class Push>
+    Result<std::vector<TrackEvent>> observe(int track, int64_t frame, double time,
+                                            PatternKind given, const Push& push) {
+        Status status = check(track, frame, time, given);
+        if (!status.ok()) return status;
+        bool started = false;
+        Result<Track*> t = trackFor(track, frame, time, started);
+        if (!t.ok()) return t.status();
+        return settle(track, started, push((*t)->stream), frame, time);
+    }
 
     std::shared_ptr<detail::GalleryState> state;
     TrackOptions options;
@@ -251,35 +263,20 @@ Result<TrackRecognition> TrackRecognition::create(Gallery& gallery, const TrackO
 Result<std::vector<TrackEvent>> TrackRecognition::observe(int track, int64_t frame, double time,
                                                           const FrameView& view,
                                                           const FacePoints& points) {
-    Impl& s = *impl_;
-    Status status = s.check(track, frame, time, PatternKind::Seed);
-    if (!status.ok()) return status;
-    bool started = false;
-    Result<Track*> t = s.trackFor(track, frame, time, started);
-    if (!t.ok()) return t.status();
-    return s.settle(track, started, (*t)->stream.push(view, points), frame, time);
+    return impl_->observe(track, frame, time, PatternKind::Seed,
+                          [&](Stream& s) { return s.push(view, points); });
 }
 
 Result<std::vector<TrackEvent>> TrackRecognition::observe(int track, int64_t frame, double time,
                                                           const FaceDescriptor& descriptor) {
-    Impl& s = *impl_;
-    Status status = s.check(track, frame, time, PatternKind::Descriptor);
-    if (!status.ok()) return status;
-    bool started = false;
-    Result<Track*> t = s.trackFor(track, frame, time, started);
-    if (!t.ok()) return t.status();
-    return s.settle(track, started, (*t)->stream.push(descriptor), frame, time);
+    return impl_->observe(track, frame, time, PatternKind::Descriptor,
+                          [&](Stream& s) { return s.push(descriptor); });
 }
 
 Result<std::vector<TrackEvent>> TrackRecognition::observeWithoutFace(int track, int64_t frame,
                                                                      double time) {
-    Impl& s = *impl_;
-    Status status = s.check(track, frame, time, s.kind);
-    if (!status.ok()) return status;
-    bool started = false;
-    Result<Track*> t = s.trackFor(track, frame, time, started);
-    if (!t.ok()) return t.status();
-    return s.settle(track, started, (*t)->stream.pushWithoutFace(), frame, time);
+    return impl_->observe(track, frame, time, impl_->kind,
+                          [](Stream& s) { return s.pushWithoutFace(); });
 }
 
 Result<TrackEvent> TrackRecognition::end(int track) {
