@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "gallery/gallery_impl.h"
 
