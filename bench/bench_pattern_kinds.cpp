@@ -23,7 +23,7 @@
 #include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
 #include "support/random_basis.h"
-#include "support/scratch_folder.h"
+#include "support/synthetic_galleries.h"
 
 namespace {
 
@@ -213,78 +213,21 @@ BENCHMARK(BM_KindSnapshotMemory)
 
 // --- Through Gallery and Stream ------------------------------------------------------------
 
-// Descriptors of synthetic persons, as far from orthogonal as a network's: a person is a direction
-// that shares 0.87 of its length with everybody's, and a view of the person wanders inside the
-// person's three leading directions.
-class DescriptorPersons {
-  public:
-    explicit DescriptorPersons(int distinct) : gen_(29) {
-        const auto common = msmbench::randomOrthonormalRows(1, msmface::kDescriptorSize, gen_)[0];
-        for (int p = 0; p < distinct; ++p) {
-            auto own = msmbench::randomOrthonormalRows(3, msmface::kDescriptorSize, gen_);
-            for (float& v : own[0]) v *= 0.5f;
-            for (int x = 0; x < msmface::kDescriptorSize; ++x) own[0][x] += 0.87f * common[x];
-            directions_.push_back(std::move(own));
-        }
-    }
-    msmface::FaceDescriptor view(int p) {
-        std::normal_distribution<float> normal(0.0f, 0.15f);
-        const auto& d = directions_[p % directions_.size()];
-        msmface::FaceDescriptor out{};
-        const float a = normal(gen_), b = normal(gen_);
-        for (int x = 0; x < msmface::kDescriptorSize; ++x)
-            out[x] = d[0][x] + a * d[1][x] + b * d[2][x];
-        return out;
-    }
-
-  private:
-    std::mt19937 gen_;
-    std::vector<std::vector<std::vector<float>>> directions_;
-};
-
-// A directory of kPersons persons of descriptors, enrolled through the gallery from eight views
-// each (kDistinct distinct persons, the others enrolled from the same views again), made once.
-struct DescriptorDirectory {
-    DescriptorDirectory() : folder("msmface-bench-kinds"), persons(kDistinct) {
-        msmface::OpenOptions options;
-        options.create = true;
-        options.patterns = msmface::PatternKind::Descriptor;
-        auto opened = msmface::Gallery::open(folder.file("dir"), options);
-        if (!opened.ok()) {
-            error = opened.message();
-            return;
-        }
-        std::vector<std::vector<msmface::Sample>> views(kDistinct);
-        for (int p = 0; p < kDistinct; ++p)
-            for (int v = 0; v < 8; ++v) {
-                msmface::Sample s;
-                s.descriptor = persons.view(p);
-                views[p].push_back(s);
-            }
-        for (int p = 0; p < kPersons && error.empty(); ++p) {
-            const msmface::Status enrolled =
-                opened->enrol(p + 1, "p" + std::to_string(p + 1), views[p % kDistinct]);
-            if (!enrolled.ok()) error = enrolled.message();
-        }
-    }
-    msmbench::ScratchFolder folder;
-    DescriptorPersons persons;
-    std::string error;
-};
-
-DescriptorDirectory& descriptorDirectory() {
-    static DescriptorDirectory made;
+// A directory of kPersons persons of descriptors: kDistinct enrolled through the gallery from
+// eight views each, the others copies of them, made once.
+msmbench::DescriptorDirectory& descriptorDirectory() {
+    static msmbench::DescriptorDirectory made(kPersons, kDistinct);
     return made;
 }
 
 // One frame's descriptor through a Stream on a gallery of 2000 persons of descriptors.
 void BM_DescriptorStreamFrame(benchmark::State& state) {
-    DescriptorDirectory& dir = descriptorDirectory();
-    if (!dir.error.empty()) {
-        state.SkipWithError(dir.error.c_str());
+    msmbench::DescriptorDirectory& dir = descriptorDirectory();
+    if (!dir.error().empty()) {
+        state.SkipWithError(dir.error().c_str());
         return;
     }
-    auto gallery = msmface::Gallery::open(dir.folder.file("dir"));
+    auto gallery = msmface::Gallery::open(dir.path());
     if (!gallery.ok()) {
         state.SkipWithError(gallery.message().c_str());
         return;
@@ -300,13 +243,13 @@ void BM_DescriptorStreamFrame(benchmark::State& state) {
                s.ranking.matches.front().id == kWatched + 1;
     };
     msmface::Result<msmface::StreamState> last = msmface::StreamState{};
-    for (int f = 0; f < 30; ++f) last = stream->push(dir.persons.view(kWatched));
+    for (int f = 0; f < 30; ++f) last = stream->push(dir.views().view(kWatched));
     if (!last.ok() || !watched(*last)) {
         state.SkipWithError("the watched person was not identified");
         return;
     }
     for (auto _ : state) {
-        last = stream->push(dir.persons.view(kWatched));
+        last = stream->push(dir.views().view(kWatched));
         if (!last.ok()) state.SkipWithError(last.message().c_str());
     }
     if (!last.ok() || !watched(*last))
@@ -320,14 +263,14 @@ BENCHMARK(BM_DescriptorStreamFrame)->Unit(benchmark::kMicrosecond);
 // streams on it adds (heap in use rather than resident memory: the benchmarks before this one
 // leave freed pages that a new gallery reuses without growing the process).
 void BM_DescriptorGalleryMemory(benchmark::State& state) {
-    DescriptorDirectory& dir = descriptorDirectory();
-    if (!dir.error.empty()) {
-        state.SkipWithError(dir.error.c_str());
+    msmbench::DescriptorDirectory& dir = descriptorDirectory();
+    if (!dir.error().empty()) {
+        state.SkipWithError(dir.error().c_str());
         return;
     }
     for (auto _ : state) {
         const std::size_t start = heapBytes();
-        auto gallery = msmface::Gallery::open(dir.folder.file("dir"));
+        auto gallery = msmface::Gallery::open(dir.path());
         if (!gallery.ok()) {
             state.SkipWithError(gallery.message().c_str());
             return;
@@ -336,7 +279,7 @@ void BM_DescriptorGalleryMemory(benchmark::State& state) {
         std::vector<msmface::Stream> streams;
         for (int i = 0; i < 16; ++i) {
             auto s = msmface::Stream::create(*gallery);
-            if (!s.ok() || !s->push(dir.persons.view(i)).ok()) {
+            if (!s.ok() || !s->push(dir.views().view(i)).ok()) {
                 state.SkipWithError("a stream was not created");
                 return;
             }

@@ -1,7 +1,7 @@
 // Streams on one shared gallery: what a new stream costs against 100, 2000 and 20000 persons,
 // a frame through a stream beside the legacy engine's frame cycle, and the memory of sixteen
-// streams on one gallery. The persons are made here: a few random orthonormal dictionaries, each
-// shared by many persons through hard links, and a constraint space of random directions.
+// streams on one gallery. The persons: a few random orthonormal dictionaries, each shared by many
+// persons through hard links, and a constraint space of random directions.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -22,6 +22,8 @@
 
 #include "core/snapshot.h"
 #include "dictionary/DictChunk.h"
+#include "support/random_basis.h"
+#include "support/synthetic_galleries.h"
 
 namespace {
 
@@ -36,88 +38,10 @@ constexpr float kPoints[28] = {94.17f, 96.17f, 144.83f, 99.0f,  116.0f, 141.0f, 
                                105.0f, 96.0f,  134.0f,  97.0f,  153.0f, 101.0f, 109.0f,
                                78.0f,  138.0f, 78.0f,   127.0f, 130.0f, 127.0f, 165.0f};
 
-// n orthonormal vectors of kDimension values (Gram-Schmidt of random ones).
-std::vector<std::vector<float>> Orthonormal(int n, std::mt19937& rng) {
-    std::normal_distribution<double> normal;
-    std::vector<std::vector<double>> v;
-    while (static_cast<int>(v.size()) < n) {
-        std::vector<double> x(kDimension);
-        for (double& e : x) e = normal(rng);
-        for (const auto& u : v) {
-            double dot = 0;
-            for (int k = 0; k < kDimension; ++k) dot += x[k] * u[k];
-            for (int k = 0; k < kDimension; ++k) x[k] -= dot * u[k];
-        }
-        double norm = 0;
-        for (double e : x) norm += e * e;
-        norm = std::sqrt(norm);
-        if (norm < 1e-6) continue;
-        for (double& e : x) e /= norm;
-        v.push_back(std::move(x));
-    }
-    std::vector<std::vector<float>> out;
-    for (const auto& x : v) out.emplace_back(x.begin(), x.end());
-    return out;
-}
-
-bool WriteChunk(const std::string& path, int vectors, int dimension, std::mt19937& rng,
-                bool values) {
-    DictChunk chunk;
-    if (chunk.Allocate(kChannels) != 1) return false;
-    for (int c = 0; c < kChannels; ++c) {
-        if (chunk.prims[c].Allocate(dimension, vectors, kDicPrimFloat) != 1) return false;
-        if (values) {
-            for (int i = 0; i < vectors; ++i) chunk.prims[c].frows[i][0] = 1.0f / (1.0f + i);
-            continue;
-        }
-        const auto basis = Orthonormal(vectors, rng);
-        for (int i = 0; i < vectors; ++i)
-            std::copy(basis[i].begin(), basis[i].end(), chunk.prims[c].frows[i]);
-    }
-    return chunk.Write(path.c_str(), 0, kDicPrimFloat) == 1;
-}
-
-// A dictionary directory of `persons` persons with a constraint space, made once per size and
-// removed at exit.
-class Directory {
-  public:
-    explicit Directory(int persons) {
-        char pattern[] = "/tmp/msmface_bench_streamsXXXXXX";
-        const char* made = ::mkdtemp(pattern);
-        if (made == nullptr) std::abort();
-        path = made;
-        std::mt19937 rng(static_cast<unsigned>(persons));
-        for (int d = 0; d < kDistinct; ++d)
-            if (!WriteChunk(File("distinct" + std::to_string(d)), kVectors, kDimension, rng, false))
-                std::abort();
-        std::string registry;
-        for (int p = 1; p <= persons; ++p) {
-            const std::string name = "p" + std::to_string(p);
-            registry += std::to_string(p) + " " + name + "\n";
-            if (::link(File("distinct" + std::to_string(p % kDistinct)).c_str(),
-                       File(name).c_str()) != 0)
-                std::abort();
-        }
-        for (int d = 0; d < kDistinct; ++d)
-            std::remove(File("distinct" + std::to_string(d)).c_str());
-        std::ofstream(path + "/persons.txt") << registry;
-        // A constraint space of 100 of 256 random directions.
-        if (!WriteChunk(File("cmsm"), kDimension, kDimension, rng, false) ||
-            !WriteChunk(path + "/cmsm.dckev", kDimension, 1, rng, true))
-            std::abort();
-        std::ofstream(path + "/" + msmface::kConstraintListFileName)
-            << "1\n1\nCMSMF " << path << "/cmsm 100\n";
-    }
-    ~Directory() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string File(const std::string& stem) const { return path + "/" + stem + ".dck"; }
-
-    std::string path;
-};
-
-Directory& DirectoryOf(int persons) {
-    static std::map<int, std::unique_ptr<Directory>> made;
+const msmbench::SeedDirectory& DirectoryOf(int persons) {
+    static std::map<int, std::unique_ptr<msmbench::SeedDirectory>> made;
     auto& d = made[persons];
-    if (!d) d = std::make_unique<Directory>(persons);
+    if (!d) d = std::make_unique<msmbench::SeedDirectory>(persons);
     return *d;
 }
 
@@ -125,7 +49,7 @@ msmface::Gallery& GalleryOf(int persons) {
     static std::map<int, std::unique_ptr<msmface::Gallery>> open;
     auto& g = open[persons];
     if (!g) {
-        auto opened = msmface::Gallery::open(DirectoryOf(persons).path);
+        auto opened = msmface::Gallery::open(DirectoryOf(persons).path());
         if (!opened.ok()) {
             std::fprintf(stderr, "%s\n", opened.message().c_str());
             std::abort();
@@ -176,10 +100,10 @@ msmface::Stream MakeStream(msmface::Gallery& g, msmface::Method method) {
 
 // Resident memory of a process with one 2000-person gallery and sixteen streams on it.
 void BM_SixteenStreamsRss(benchmark::State& state) {
-    const Directory& dir = DirectoryOf(2000);
+    const msmbench::SeedDirectory& dir = DirectoryOf(2000);
     for (auto _ : state) {
         const long start = ResidentBytes();
-        auto g = msmface::Gallery::open(dir.path);
+        auto g = msmface::Gallery::open(dir.path());
         if (!g.ok()) state.SkipWithError(g.message().c_str());
         const long opened = ResidentBytes();
         std::vector<msmface::Stream> streams;
@@ -232,13 +156,13 @@ BENCHMARK(BM_StreamFrame)
 // The legacy engine's frame cycle over the same 2000 persons, filled as its hosts fill it.
 void BM_LegacyFrame(benchmark::State& state) {
     const int method = static_cast<int>(state.range(0));
-    const Directory& dir = DirectoryOf(2000);
+    const msmbench::SeedDirectory& dir = DirectoryOf(2000);
     const std::size_t heapBefore = HeapInUse();
     FaceRecognition engine(kWidth, kHeight);
     std::deque<std::string> names;
     std::deque<HumanID> records;
     IDDatabase& db = *engine.idDatabase;
-    db.SetDicPath(dir.path.c_str());
+    db.SetDicPath(dir.path().c_str());
     db.InitIdDictionary(2000);
     for (int p = 1; p <= 2000; ++p) {
         names.push_back("p" + std::to_string(p));
@@ -247,7 +171,7 @@ void BM_LegacyFrame(benchmark::State& state) {
     }
     if (db.ReadIdDictionaries() != 1) state.SkipWithError("the persons do not load");
     if (method == 4) {
-        const std::string list = dir.path + "/" + msmface::kConstraintListFileName;
+        const std::string list = dir.path() + "/" + msmface::kConstraintListFileName;
         if (engine.InitConstraintMSM(list.c_str()) <= 0) state.SkipWithError("no space");
         engine.Set_recognitionmethod(4);
         engine.DicConvert();
@@ -280,7 +204,7 @@ void BM_SnapshotWithOneMore(benchmark::State& state) {
         chunk.Allocate(kChannels);
         for (int c = 0; c < kChannels; ++c) {
             chunk.prims[c].Allocate(kDimension, kVectors, kDicPrimFloat);
-            const auto basis = Orthonormal(kVectors, rng);
+            const auto basis = msmbench::randomOrthonormalRows(kVectors, kDimension, rng);
             for (int i = 0; i < kVectors; ++i)
                 std::copy(basis[i].begin(), basis[i].end(), chunk.prims[c].frows[i]);
         }
@@ -303,9 +227,9 @@ void BM_SnapshotWithOneMore(benchmark::State& state) {
 BENCHMARK(BM_SnapshotWithOneMore)->Unit(benchmark::kMillisecond);
 
 void BM_OpenGallery(benchmark::State& state) {
-    const Directory& dir = DirectoryOf(static_cast<int>(state.range(0)));
+    const msmbench::SeedDirectory& dir = DirectoryOf(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        auto g = msmface::Gallery::open(dir.path);
+        auto g = msmface::Gallery::open(dir.path());
         if (!g.ok()) state.SkipWithError(g.message().c_str());
     }
 }

@@ -194,13 +194,16 @@ Stream& Stream::operator=(Stream&&) noexcept = default;
 Stream::~Stream() = default;
 
 Result<Stream> Stream::create(Gallery& gallery, const StreamOptions& options) {
+    return create(gallery.impl_->state, options);
+}
+
+Result<Stream> Stream::create(std::shared_ptr<GalleryState> state, const StreamOptions& options) {
     std::string error = detail::checkMethod(options.method);
     if (error.empty()) error = detail::checkThresholdOption(options.threshold);
     if (error.empty() && options.refreshTime < -2)
         error = "refreshTime " + std::to_string(options.refreshTime) +
                 ": expected 0 or more face-less frames, -1 (never clear) or -2 (the engine's)";
     if (!error.empty()) return fail(ErrorKind::Argument, error);
-    const std::shared_ptr<GalleryState>& state = gallery.impl_->state;
     std::shared_ptr<const detail::GalleryView> view;
     {
         std::shared_lock<std::shared_mutex> lock(state->mutex);

@@ -37,6 +37,10 @@
 
 namespace msmface {
 
+namespace detail {
+struct GalleryState;
+}
+
 // A frame and, when the caller knows them, its fourteen points. Without points the gallery's
 // point finder (setPointFinder) looks for the face; without a finder the frame has no face. A
 // frame whose fourteen points are all absent has no face either.
@@ -184,6 +188,7 @@ class MSMFACE_API Gallery {
     explicit Gallery(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
     friend class Stream;
+    friend class TrackRecognition;
 };
 
 struct StreamOptions {
@@ -237,7 +242,11 @@ class MSMFACE_API Stream {
 
   private:
     explicit Stream(std::unique_ptr<Impl> impl);
+    // The same on the gallery's shared state, for hosts that outlive the Gallery object.
+    static Result<Stream> create(std::shared_ptr<detail::GalleryState> state,
+                                 const StreamOptions& options);
     std::unique_ptr<Impl> impl_;
+    friend class TrackRecognition;
 };
 
 }  // namespace msmface
