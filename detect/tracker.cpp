@@ -116,10 +116,10 @@ double changeBetween(const ShotSignature& a, const ShotSignature& b) {
 }
 
 struct Track {
-    long number = 0;
+    int64_t number = 0;
     detail::FollowedFace followed;
-    long framesSeen = 0;
-    long lastFrame = 0;
+    int64_t framesSeen = 0;
+    int64_t lastFrame = 0;
     int unseen = 0;     // frames in a row without its face
     bool seen = false;  // in this frame
     bool detected = false;
@@ -143,16 +143,16 @@ struct Tracker::State {
     int width = 0, height = 0;
     bool havePrevious = false;
     ShotSignature previous;
-    long frames = 0;  // frames counted so far
-    long nextNumber = 1;
+    int64_t frames = 0;  // frames counted so far
+    int64_t nextNumber = 1;
     int sinceDetection = 0;       // frames since the last whole-frame search
     int withoutTracks = 0;        // frames in a row searched without any track living
-    long searchesWithTracks = 0;  // whole-frame searches while tracks lived
+    int64_t searchesWithTracks = 0;  // whole-frame searches while tracks lived
     std::vector<Track> tracks;    // by number
 
-    TrackEvent ended(const Track& t) const {
-        TrackEvent e;
-        e.kind = TrackEvent::Kind::Ended;
+    TrackerEvent ended(const Track& t) const {
+        TrackerEvent e;
+        e.kind = TrackerEvent::Kind::Ended;
         e.track = t.number;
         e.frame = frames;
         e.box = t.followed.last.box;
@@ -161,7 +161,7 @@ struct Tracker::State {
         return e;
     }
 
-    void endAll(std::vector<TrackEvent>& events) {
+    void endAll(std::vector<TrackerEvent>& events) {
         for (const Track& t : tracks) events.push_back(ended(t));
         tracks.clear();
     }
@@ -197,7 +197,7 @@ struct Tracker::State {
 
     // The whole frame searched: detections taken by the tracks they match (the best overlap
     // first), the others start tracks while fewer than maxFaces live.
-    void detect(std::vector<TrackEvent>& started) {
+    void detect(std::vector<TrackerEvent>& started) {
         sinceDetection = 0;
         // No face of the smallest side tracked fits in the frame: nothing to search for.
         if (std::min(width, height) < options.minFaceSide) {
@@ -268,8 +268,8 @@ struct Tracker::State {
             t.number = nextNumber++;
             t.followed.last = faces[f];
             t.seen = t.detected = true;
-            TrackEvent e;
-            e.kind = TrackEvent::Kind::Started;
+            TrackerEvent e;
+            e.kind = TrackerEvent::Kind::Started;
             e.track = t.number;
             e.frame = frames;
             e.box = faces[f].box;
@@ -292,7 +292,7 @@ struct Tracker::State {
         width = frame.width;
         height = frame.height;
 
-        std::vector<TrackEvent> started;
+        std::vector<TrackerEvent> started;
         bool search = tracks.empty() || ++sinceDetection >= options.detectEvery;
         if (out.cut) {
             endAll(out.events);
@@ -369,8 +369,8 @@ Result<TrackerFrame> Tracker::update(const FrameView& frame) {
     }
 }
 
-std::vector<TrackEvent> Tracker::finish() {
-    std::vector<TrackEvent> events;
+std::vector<TrackerEvent> Tracker::finish() {
+    std::vector<TrackerEvent> events;
     if (!state_) return events;
     State& s = *state_;
     s.endAll(events);

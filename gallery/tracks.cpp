@@ -24,7 +24,7 @@ constexpr int kMaxTracks = 10000;
 // and a reset stream is a new input without the allocation.
 constexpr std::size_t kSpareStreams = 4;
 
-std::string trackName(int track, int64_t frame) {
+std::string trackName(int64_t track, int64_t frame) {
     return "track " + std::to_string(track) + ", frame " + std::to_string(frame);
 }
 
@@ -60,20 +60,20 @@ class TrackRecognition::Impl {
     Result<Stream> takeStream();
     void giveBack(Stream stream);
     // Checks the observation's numbers against the track (when it is live) and the limits.
-    Status check(int track, int64_t frame, double time, PatternKind given) const;
+    Status check(int64_t track, int64_t frame, double time, PatternKind given) const;
     // The track, started when its number is not live; started tells which.
-    Result<Track*> trackFor(int track, int64_t frame, double time, bool& started);
+    Result<Track*> trackFor(int64_t track, int64_t frame, double time, bool& started);
     // The track's state after a push, or the push's failure (a new track is then dropped).
-    Result<std::vector<TrackEvent>> settle(int track, bool started,
+    Result<std::vector<TrackEvent>> settle(int64_t track, bool started,
                                            const Result<StreamState>& pushed, int64_t frame,
                                            double time);
-    void identifyFrom(Track& t, const Ranking& ranking, int track, int64_t frame, double time,
+    void identifyFrom(Track& t, const Ranking& ranking, int64_t track, int64_t frame, double time,
                       std::vector<TrackEvent>& events) const;
-    TrackEvent endedEvent(int track, const Track& t) const;
+    TrackEvent endedEvent(int64_t track, const Track& t) const;
     // One observation of the given kind: checked, the track found or started, push run on its
     // stream, and the outcome settled.
     template <class Push>
-    Result<std::vector<TrackEvent>> observe(int track, int64_t frame, double time,
+    Result<std::vector<TrackEvent>> observe(int64_t track, int64_t frame, double time,
                                             PatternKind given, const Push& push) {
         Status status = check(track, frame, time, given);
         if (!status.ok()) return status;
@@ -87,7 +87,7 @@ class TrackRecognition::Impl {
     TrackOptions options;
     PatternKind kind;
     StreamOptions streamOptions;
-    std::map<int, Track> live;
+    std::map<int64_t, Track> live;
     std::vector<Stream> spares;
 };
 
@@ -106,7 +106,7 @@ void TrackRecognition::Impl::giveBack(Stream stream) {
     spares.push_back(std::move(stream));
 }
 
-Status TrackRecognition::Impl::check(int track, int64_t frame, double time,
+Status TrackRecognition::Impl::check(int64_t track, int64_t frame, double time,
                                      PatternKind given) const {
     const std::string where = trackName(track, frame);
     if (track < 0)
@@ -136,7 +136,7 @@ Status TrackRecognition::Impl::check(int track, int64_t frame, double time,
     return {};
 }
 
-Result<Track*> TrackRecognition::Impl::trackFor(int track, int64_t frame, double time,
+Result<Track*> TrackRecognition::Impl::trackFor(int64_t track, int64_t frame, double time,
                                                 bool& started) {
     const auto found = live.find(track);
     started = found == live.end();
@@ -147,7 +147,7 @@ Result<Track*> TrackRecognition::Impl::trackFor(int track, int64_t frame, double
     return &made.first->second;
 }
 
-void TrackRecognition::Impl::identifyFrom(Track& t, const Ranking& ranking, int track,
+void TrackRecognition::Impl::identifyFrom(Track& t, const Ranking& ranking, int64_t track,
                                           int64_t frame, double time,
                                           std::vector<TrackEvent>& events) const {
     if (ranking.matches.empty()) return;
@@ -184,7 +184,7 @@ void TrackRecognition::Impl::identifyFrom(Track& t, const Ranking& ranking, int 
     events.push_back(std::move(e));
 }
 
-Result<std::vector<TrackEvent>> TrackRecognition::Impl::settle(int track, bool started,
+Result<std::vector<TrackEvent>> TrackRecognition::Impl::settle(int64_t track, bool started,
                                                                const Result<StreamState>& pushed,
                                                                int64_t frame, double time) {
     const auto found = live.find(track);
@@ -215,7 +215,7 @@ Result<std::vector<TrackEvent>> TrackRecognition::Impl::settle(int track, bool s
     return events;
 }
 
-TrackEvent TrackRecognition::Impl::endedEvent(int track, const Track& t) const {
+TrackEvent TrackRecognition::Impl::endedEvent(int64_t track, const Track& t) const {
     TrackEvent e;
     e.kind = TrackEventKind::Ended;
     e.track = track;
@@ -263,26 +263,26 @@ Result<TrackRecognition> TrackRecognition::create(Gallery& gallery, const TrackO
     return TrackRecognition(std::move(impl));
 }
 
-Result<std::vector<TrackEvent>> TrackRecognition::observe(int track, int64_t frame, double time,
+Result<std::vector<TrackEvent>> TrackRecognition::observe(int64_t track, int64_t frame, double time,
                                                           const FrameView& view,
                                                           const FacePoints& points) {
     return impl_->observe(track, frame, time, PatternKind::Seed,
                           [&](Stream& s) { return s.push(view, points); });
 }
 
-Result<std::vector<TrackEvent>> TrackRecognition::observe(int track, int64_t frame, double time,
+Result<std::vector<TrackEvent>> TrackRecognition::observe(int64_t track, int64_t frame, double time,
                                                           const FaceDescriptor& descriptor) {
     return impl_->observe(track, frame, time, PatternKind::Descriptor,
                           [&](Stream& s) { return s.push(descriptor); });
 }
 
-Result<std::vector<TrackEvent>> TrackRecognition::observeWithoutFace(int track, int64_t frame,
+Result<std::vector<TrackEvent>> TrackRecognition::observeWithoutFace(int64_t track, int64_t frame,
                                                                      double time) {
     return impl_->observe(track, frame, time, impl_->kind,
                           [](Stream& s) { return s.pushWithoutFace(); });
 }
 
-Result<TrackEvent> TrackRecognition::end(int track) {
+Result<TrackEvent> TrackRecognition::end(int64_t track) {
     Impl& s = *impl_;
     const auto found = s.live.find(track);
     if (found == s.live.end())

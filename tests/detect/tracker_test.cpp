@@ -21,7 +21,7 @@ using namespace detecttest;
 using msmface::Tracker;
 using msmface::TrackerFrame;
 using msmface::TrackerOptions;
-using msmface::TrackEvent;
+using msmface::TrackerEvent;
 
 // A person as the tests place them: a clear real face cut out of its frame (the face and a
 // margin), and where its eyes' midpoint lies in the cut-out.
@@ -172,7 +172,7 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
     std::map<long, int> personOfTrack;
     std::map<int, std::set<long>> tracksOfPerson;
     std::map<int, int> framesFollowed;
-    std::map<long, TrackEvent> startedEvents, endedEvents;
+    std::map<long, TrackerEvent> startedEvents, endedEvents;
     long highest = 0;
     for (int t = 0; t < kFrames; ++t) {
         const TrackerFrame& f = frames[t];
@@ -190,9 +190,9 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
             tracksOfPerson[under.front()].insert(face.track);
             ++framesFollowed[under.front()];
         }
-        for (const TrackEvent& e : f.events) {
+        for (const TrackerEvent& e : f.events) {
             EXPECT_EQ(e.frame, t);
-            if (e.kind == TrackEvent::Kind::Started) {
+            if (e.kind == TrackerEvent::Kind::Started) {
                 EXPECT_GT(e.track, highest) << "track number given twice or out of order";
                 highest = e.track;
                 EXPECT_TRUE(startedEvents.emplace(e.track, e).second);
@@ -202,8 +202,8 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
             }
         }
     }
-    for (const TrackEvent& e : tracker->finish()) {
-        EXPECT_EQ(e.kind, TrackEvent::Kind::Ended);
+    for (const TrackerEvent& e : tracker->finish()) {
+        EXPECT_EQ(e.kind, TrackerEvent::Kind::Ended);
         EXPECT_TRUE(endedEvents.emplace(e.track, e).second);
     }
     EXPECT_EQ(tracker->liveTracks(), 0u);
@@ -224,8 +224,8 @@ TEST(Tracker, EveryPersonKeepsOneTrackUntilTheyLeaveOrTheShotCuts) {
         SCOPED_TRACE("person " + std::to_string(a.person) + " " + people[a.person].identity);
         ASSERT_EQ(tracksOfPerson[a.person].size(), 1u) << "one track for the whole appearance";
         const long track = *tracksOfPerson[a.person].begin();
-        const TrackEvent& started = startedEvents.at(track);
-        const TrackEvent& ended = endedEvents.at(track);
+        const TrackerEvent& started = startedEvents.at(track);
+        const TrackerEvent& ended = endedEvents.at(track);
         // Found at once when nobody else is tracked, else by the next whole-frame search.
         EXPECT_LE(started.frame, a.first + options.detectEvery);
         EXPECT_TRUE(inside(started.box, video.eyes[started.frame].at(a.person)));
@@ -321,7 +321,7 @@ TEST(Tracker, AFaceHiddenForAMomentKeepsItsNumber) {
                 }
         EXPECT_FALSE(f->cut) << t;
         for (const auto& e : f->events)
-            if (e.kind == TrackEvent::Kind::Ended) endedTracks.push_back(e.track);
+            if (e.kind == TrackerEvent::Kind::Ended) endedTracks.push_back(e.track);
     }
     for (const auto& part : numbers) ASSERT_EQ(part.size(), 1u);
     EXPECT_EQ(numbers[0], numbers[1]) << "the short absence kept the number";
@@ -624,7 +624,7 @@ TEST(Tracker, ChangingSizesLongEmptyRunsAndFacesAtTheBorder) {
     ASSERT_TRUE(resized.ok());
     EXPECT_TRUE(resized->cut);
     ASSERT_FALSE(resized->events.empty());
-    EXPECT_EQ(resized->events.front().kind, TrackEvent::Kind::Ended);
+    EXPECT_EQ(resized->events.front().kind, TrackerEvent::Kind::Ended);
     EXPECT_EQ(resized->events.front().track, 1);
     EXPECT_EQ(resized->events.front().framesSeen, 3);
     ASSERT_EQ(resized->faces.size(), 1u);
@@ -639,7 +639,7 @@ TEST(Tracker, ChangingSizesLongEmptyRunsAndFacesAtTheBorder) {
         EXPECT_TRUE(f->faces.empty());
         EXPECT_FALSE(f->cut) << t;
         for (const auto& e : f->events) {
-            EXPECT_EQ(e.kind, TrackEvent::Kind::Ended);
+            EXPECT_EQ(e.kind, TrackerEvent::Kind::Ended);
             endedAt = t;
         }
     }

@@ -12,6 +12,7 @@
 #ifndef MSMFACE_TRACKER_H
 #define MSMFACE_TRACKER_H
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -49,24 +50,24 @@ struct TrackerOptions {
 
 // A face of the current frame.
 struct TrackedFace {
-    long track = 0;         // from 1 upward; never given to another face within one Tracker
+    int64_t track = 0;         // from 1 upward; never given to another face within one Tracker
     DetectedFace face;      // box, score, the 68 landmarks and the fourteen points, in this frame
     bool detected = false;  // found by this frame's whole-frame search (else followed near)
 };
 
-struct TrackEvent {
+struct TrackerEvent {
     enum class Kind { Started, Ended };
     Kind kind = Kind::Started;
-    long track = 0;
-    long frame = 0;       // Started: the frame it was first seen in (this one). Ended: this frame
+    int64_t track = 0;
+    int64_t frame = 0;       // Started: the frame it was first seen in (this one). Ended: this frame
     FaceBox box;          // Started: where it started. Ended: where it was last seen
-    long framesSeen = 0;  // Ended: the frames its face was seen in
-    long lastFrame = 0;   // Ended: the last frame its face was seen in
+    int64_t framesSeen = 0;  // Ended: the frames its face was seen in
+    int64_t lastFrame = 0;   // Ended: the last frame its face was seen in
 };
 
 // What update() makes of one frame.
 struct TrackerFrame {
-    long index = 0;  // frames given to update() so far, from 0; failed calls are not counted
+    int64_t index = 0;  // frames given to update() so far, from 0; failed calls are not counted
     // How different the frame is from the previous one (0: alike; 1: nothing in common), from
     // the grey histograms and block means of a downscaled copy; 0 on the first frame and after
     // a change of size.
@@ -74,7 +75,7 @@ struct TrackerFrame {
     bool cut = false;  // a cut to another shot (change above the threshold, or another size)
     std::vector<TrackedFace> faces;  // the tracks seen in this frame, by track number
     // Ended first (every track at a cut, in the order of their numbers), then Started.
-    std::vector<TrackEvent> events;
+    std::vector<TrackerEvent> events;
 };
 
 class MSMFACE_DETECT_API Tracker {
@@ -92,7 +93,7 @@ class MSMFACE_DETECT_API Tracker {
     Result<TrackerFrame> update(const FrameView& frame);
     // The video is over: ends every live track (their Ended events, by track number) and starts
     // the next frame as a first frame. Track numbers still go on upward.
-    std::vector<TrackEvent> finish();
+    std::vector<TrackerEvent> finish();
     // Tracks living now (seen in the last frame or not yet ended).
     size_t liveTracks() const;
 

@@ -56,7 +56,7 @@ enum class TrackEventKind : int {
 // What happened to a track. Fields that an event kind does not use hold their defaults.
 struct TrackEvent {
     TrackEventKind kind = TrackEventKind::Started;
-    int track = 0;
+    int64_t track = 0;
     // Started and Identified: the frame (and its time, in the host's seconds) of the call that
     // caused the event. Ended: the track's last observed frame and time.
     int64_t frame = 0;
@@ -77,7 +77,7 @@ struct TrackEvent {
 
 // A live track as it stands after its last observation.
 struct TrackStatus {
-    int track = 0;
+    int64_t track = 0;
     int64_t firstFrame = 0, lastFrame = 0;
     double firstTime = 0.0, lastTime = 0.0;
     int framesSeen = 0;
@@ -111,18 +111,18 @@ class MSMFACE_API TrackRecognition {
     // A seed gallery takes a frame and the face's fourteen points (frames may change size from
     // call to call); a gallery of descriptors takes the face's descriptor. The other kind fails
     // (Argument). Returns the events of the call: Started, Identified, or none.
-    Result<std::vector<TrackEvent>> observe(int track, int64_t frame, double time,
+    Result<std::vector<TrackEvent>> observe(int64_t track, int64_t frame, double time,
                                             const FrameView& view, const FacePoints& points);
-    Result<std::vector<TrackEvent>> observe(int track, int64_t frame, double time,
+    Result<std::vector<TrackEvent>> observe(int64_t track, int64_t frame, double time,
                                             const FaceDescriptor& descriptor);
     // The track was followed at this frame but its face could not be used (turned away, cut by
     // the border): counted in framesSeen, it neither adds to nor breaks a run of agreeing faces,
     // and the input keeps what it gathered.
-    Result<std::vector<TrackEvent>> observeWithoutFace(int track, int64_t frame, double time);
+    Result<std::vector<TrackEvent>> observeWithoutFace(int64_t track, int64_t frame, double time);
 
     // The track is gone (the tracker lost it): its Ended event. Fails (NotFound) on a number
     // that is not live.
-    Result<TrackEvent> end(int track);
+    Result<TrackEvent> end(int64_t track);
     // Every live track ends (a cut to another shot, the end of a video), in track number order.
     std::vector<TrackEvent> endAll();
 
