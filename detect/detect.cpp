@@ -92,6 +92,15 @@ Status internalFailure(const std::exception& e) {
 
 }  // namespace
 
+#ifndef MSMFACE_HAVE_FACE_NETWORK
+// Built without OpenCV's dnn module (the network finder lives beside the descriptor).
+Result<std::shared_ptr<const detail::FaceNetwork>> detail::loadFaceNetwork(const DetectorOptions&) {
+    return Status::failure(ErrorKind::Argument,
+                           "finder: Network needs the library built with OpenCV's dnn module "
+                           "(Debian: libopencv-dnn-dev); this one has only Hog");
+}
+#endif
+
 Result<Detector> Detector::create(const DetectorOptions& options) {
     try {
         auto impl = std::make_shared<Impl>();
@@ -99,6 +108,15 @@ Result<Detector> Detector::create(const DetectorOptions& options) {
         if (!loaded) return loaded;
         impl->faces = dlib::get_frontal_face_detector();
         impl->upsampleBelowWidth = options.upsampleBelowWidth;
+        if (options.finder == FaceFinder::Network) {
+            auto network = detail::loadFaceNetwork(options);
+            if (!network) return network.status();
+            impl->network = std::move(network).value();
+        } else if (options.finder != FaceFinder::Hog) {
+            return Status::failure(ErrorKind::Argument,
+                                   "finder: " + std::to_string(static_cast<int>(options.finder)) +
+                                       ", expected Hog (0) or Network (1)");
+        }
         return Detector(std::move(impl));
     } catch (const std::exception& e) {
         return internalFailure(e);
@@ -121,7 +139,7 @@ Result<std::vector<DetectedFace>> Detector::detect(const FrameView& frame) const
         // a time (Followers search with copies of their own), so changing it is safe here.
         auto& faces = const_cast<dlib::frontal_face_detector&>(impl_->faces);
         std::vector<DetectedFace> out;
-        for (const auto& d : detail::findFaces(faces, grey, impl_->upsampleBelowWidth))
+        for (const auto& d : detail::findFaces(*impl_, faces, grey, impl_->upsampleBelowWidth))
             out.push_back(detail::fitFace(impl_->shapes, grey, d.rect, d.detection_confidence));
         return out;
     } catch (const std::exception& e) {

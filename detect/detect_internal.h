@@ -12,6 +12,10 @@
 
 namespace msmface {
 
+namespace detail {
+class FaceNetwork;
+}
+
 class Detector::Impl {
   public:
     dlib::shape_predictor shapes;  // read-only once loaded: shared by every user
@@ -19,6 +23,8 @@ class Detector::Impl {
     // with a copy of its own.
     dlib::frontal_face_detector faces;
     int upsampleBelowWidth = 0;
+    // The network finder, when chosen; it serialises its users itself.
+    std::shared_ptr<const detail::FaceNetwork> network;
 };
 
 namespace detail {
@@ -39,6 +45,27 @@ void toGrey(const FrameView& frame, GreyImage& grey);
 // upsampleBelowWidth are searched again at twice the size when nothing was found.
 std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detector,
                                             const GreyImage& grey, int upsampleBelowWidth);
+
+// The network finder: boxes of faces in a grey frame, in frame pixels, the largest first, each
+// already mapped to the box the landmark model expects (the HOG detector's framing), with the
+// network's confidence (0.5 to 1 at the default threshold). A network is shared: find() takes a
+// lock, so Followers on several threads take turns.
+class FaceNetwork {
+  public:
+    virtual ~FaceNetwork() = default;
+    virtual std::vector<dlib::rect_detection> find(const GreyImage& grey) const = 0;
+};
+
+// The network of options (finder Network): its weights read and its layers built. Fails with one
+// line naming the file and what is wrong, or that the library was built without OpenCV's dnn.
+Result<std::shared_ptr<const FaceNetwork>> loadFaceNetwork(const DetectorOptions& options);
+
+// Every face in the frame by the finder the Detector was created with: the network's when it has
+// one (upsampleBelowWidth unused: the network sees small faces at the frame's size), else hog's
+// search as findFaces below.
+std::vector<dlib::rect_detection> findFaces(const Detector::Impl& impl,
+                                            dlib::frontal_face_detector& hog, const GreyImage& grey,
+                                            int upsampleBelowWidth);
 
 // The detector's window: faces with a smaller box are found only in a doubled copy of the frame.
 inline constexpr int kDetectorWindow = 80;

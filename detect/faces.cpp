@@ -111,6 +111,13 @@ std::vector<dlib::rect_detection> findFaces(dlib::frontal_face_detector& detecto
     return found;
 }
 
+std::vector<dlib::rect_detection> findFaces(const Detector::Impl& impl,
+                                            dlib::frontal_face_detector& hog, const GreyImage& grey,
+                                            int upsampleBelowWidth) {
+    if (impl.network) return impl.network->find(grey);
+    return findFaces(hog, grey, upsampleBelowWidth);
+}
+
 dlib::frontal_face_detector nearSearch(const dlib::frontal_face_detector& detector) {
     dlib::frontal_face_detector::image_scanner_type scanner;
     scanner.copy_configuration(detector.get_scanner());

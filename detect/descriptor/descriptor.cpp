@@ -20,7 +20,7 @@
 #include <string_view>
 #include <utility>
 
-#include "detect/descriptor/weights_manifest.h"
+#include "detect/descriptor/model_files.h"
 #include "detect/detect_internal.h"
 #include "io/byte_reader.h"
 
@@ -31,45 +31,10 @@ namespace {
 // The weights are about 6 MB; anything far beyond is not this model and is not read.
 constexpr std::size_t kMaxWeightBytes = std::size_t{64} << 20;
 
-const char* const kInstallHint =
-    "run ./quickstart test or tools/fetch_descriptor_model.sh to install it, or name its folder "
-    "in MSMFACE_DESCRIPTOR_MODEL";
+const detail::ModelLabel kLabel{"descriptor model", "descriptor"};
 
 Status internalFailure(const std::exception& e) {
-    if (dynamic_cast<const std::bad_alloc*>(&e) != nullptr)
-        return Status::failure(ErrorKind::Internal, "descriptor: out of memory");
-    // OpenCV's messages span lines; the first names what failed.
-    std::string what = e.what();
-    what = what.substr(0, what.find('\n'));
-    return Status::failure(ErrorKind::Internal, "descriptor: " + what);
-}
-
-// The bytes of one model file, or one line saying why not: a missing file names the command
-// that installs the model; a folder, pipe or device is never opened for reading (it could block
-// or never end), nor a file beyond maxBytes.
-Result<std::vector<unsigned char>> readModelFile(const std::string& path, std::size_t maxBytes) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        const int error = errno;
-        if (error == ENOENT || error == ENOTDIR)
-            return Status::failure(ErrorKind::NotFound, "descriptor model: " + path +
-                                                            " does not exist: " + kInstallHint);
-        return Status::failure(ErrorKind::File, "descriptor model: " + path +
-                                                    " cannot be read: " + std::strerror(error));
-    }
-    if (!S_ISREG(st.st_mode))
-        return Status::failure(ErrorKind::File,
-                               "descriptor model: " + path + " is not a regular file");
-    if (static_cast<uint64_t>(st.st_size) > maxBytes)
-        return Status::failure(ErrorKind::File,
-                               "descriptor model: " + path + " has " + std::to_string(st.st_size) +
-                                   " bytes, expected at most " + std::to_string(maxBytes));
-    std::vector<unsigned char> bytes;
-    if (!msm::readWholeFile(path.c_str(), bytes) || bytes.size() > maxBytes)
-        return Status::failure(ErrorKind::File, "descriptor model: " + path +
-                                                    " cannot be read completely (changed "
-                                                    "while read, or not a regular file)");
-    return bytes;
+    return detail::internalFailure(kLabel, e);
 }
 
 std::string modelPathFrom(const DescriptorOptions& options) {
@@ -79,47 +44,7 @@ std::string modelPathFrom(const DescriptorOptions& options) {
     return defaultDescriptorModelFolder();
 }
 
-// The network's tensors by name, each taken once with the shape the network needs.
-class Weights {
-  public:
-    Weights(const detail::WeightsManifest& manifest, std::vector<std::vector<float>> values)
-        : manifest_(manifest), values_(std::move(values)) {}
-
-    // The values of name, or nullptr with error() set when it is absent or shaped otherwise.
-    const std::vector<float>* take(const std::string& name, std::vector<int> shape) {
-        if (!error_.empty()) return nullptr;
-        for (std::size_t i = 0; i < manifest_.tensors.size(); ++i) {
-            if (manifest_.tensors[i].name != name) continue;
-            if (manifest_.tensors[i].shape != shape) {
-                error_ = "tensor " + name + " has shape " + text(manifest_.tensors[i].shape) +
-                         ", the network needs " + text(shape);
-                return nullptr;
-            }
-            ++taken_;
-            return &values_[i];
-        }
-        error_ = "tensor " + name + " is missing";
-        return nullptr;
-    }
-    // Empty when every tensor was taken and none is left over.
-    std::string error() const {
-        if (!error_.empty() || taken_ == manifest_.tensors.size()) return error_;
-        return std::to_string(manifest_.tensors.size() - taken_) +
-               " tensors that the network does not have";
-    }
-
-  private:
-    static std::string text(const std::vector<int>& shape) {
-        std::string s = "[";
-        for (std::size_t i = 0; i < shape.size(); ++i)
-            s += (i ? "," : "") + std::to_string(shape[i]);
-        return s + "]";
-    }
-    const detail::WeightsManifest& manifest_;
-    std::vector<std::vector<float>> values_;
-    std::size_t taken_ = 0;
-    std::string error_;
-};
+using detail::Weights;
 
 // Builds the residual network layer by layer. Tensors arrive in the publisher's layout (filters
 // height, width, in, out; activations channels last) and are turned into OpenCV's (filters out,
@@ -434,31 +359,11 @@ Result<Descriptor> Descriptor::load(const DescriptorOptions& options) {
                                "threads: " + std::to_string(options.threads) +
                                    ", expected 0 (leave OpenCV's setting) or more");
     try {
-        const std::string path = modelPathFrom(options);
-        struct stat st {};
-        const bool folder = ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-        const std::string manifestPath = folder ? path + "/" + kDescriptorManifestFile : path;
-        const std::string dir =
-            folder ? path
-                   : (path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/')));
-        auto text = readModelFile(manifestPath, detail::kMaxManifestBytes);
-        if (!text) return text.status();
-        auto manifest = detail::parseWeightsManifest(
-            std::string_view(reinterpret_cast<const char*>(text->data()), text->size()));
-        if (!manifest)
-            return Status::failure(ErrorKind::File, manifestPath + ": " + manifest.message());
-        std::vector<unsigned char> bytes;
-        for (const std::string& name : manifest->files) {
-            const std::string file = dir + "/" + name;
-            auto part = readModelFile(file, kMaxWeightBytes - bytes.size());
-            if (!part) return part.status();
-            bytes.insert(bytes.end(), part->begin(), part->end());
-        }
-        auto values = detail::decodeWeights(*manifest, bytes.data(), bytes.size());
-        if (!values)
-            return Status::failure(ErrorKind::File,
-                                   dir + "/" + manifest->files.front() + ": " + values.message());
-        Weights weights(*manifest, std::move(values).value());
+        auto loaded = detail::loadWeights(modelPathFrom(options), kDescriptorManifestFile,
+                                          kMaxWeightBytes, kLabel);
+        if (!loaded) return loaded.status();
+        const std::string manifestPath = loaded->manifestPath;
+        Weights weights(*loaded);
         auto net = buildNetwork(weights);
         if (!net) return Status::failure(ErrorKind::File, manifestPath + ": " + net.message());
         if (options.threads > 0 && cv::getNumThreads() != options.threads)

@@ -198,12 +198,18 @@ Result<WeightTensor> tensorFrom(const Json& entry, std::size_t index) {
     t.name = name->text;
     const std::string named = where + " (" + t.name + ")";
     const Json* dtype = entry.member("dtype");
-    if (dtype == nullptr || dtype->type != Json::Type::String || dtype->text != "float32")
-        return bad(named + ": dtype is not float32");
+    const Json* quantisation = entry.member("quantization");
+    // The detectors' graphs also carry a few integer constants (slice bounds, reshape sizes),
+    // always as uint8 codes; a raw int32 tensor would need a decoding the networks never use.
+    const bool integer = dtype != nullptr && dtype->type == Json::Type::String &&
+                         dtype->text == "int32" && quantisation != nullptr;
+    if (!integer &&
+        (dtype == nullptr || dtype->type != Json::Type::String || dtype->text != "float32"))
+        return bad(named + ": dtype is not float32 (nor int32 as uint8 codes)");
     const Json* shape = entry.member("shape");
-    if (shape == nullptr || shape->type != Json::Type::Array || shape->items.empty() ||
-        shape->items.size() > 4)
-        return bad(named + ": shape is not a list of 1 to 4 dimensions");
+    // An empty shape is a scalar: one value.
+    if (shape == nullptr || shape->type != Json::Type::Array || shape->items.size() > 4)
+        return bad(named + ": shape is not a list of 0 to 4 dimensions");
     t.values = 1;
     for (const Json& d : shape->items) {
         if (d.type != Json::Type::Number || d.number < 1 || d.number > 65536 ||
@@ -214,7 +220,7 @@ Result<WeightTensor> tensorFrom(const Json& entry, std::size_t index) {
         if (t.values > kMaxTensorValues)
             return bad(named + ": more than " + std::to_string(kMaxTensorValues) + " values");
     }
-    if (const Json* q = entry.member("quantization")) {
+    if (const Json* q = quantisation) {
         const Json* qtype = q->member("dtype");
         const Json* scale = q->member("scale");
         const Json* min = q->member("min");

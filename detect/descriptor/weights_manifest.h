@@ -39,8 +39,9 @@ struct WeightsManifest {
 };
 
 // The manifest in json; a failure names what is wrong (File kind). Accepts only what the
-// network's loader needs: one group, float32 tensors, uint8 quantisation or none, dimensions
-// from 1 to 65536, names unique, file names without folders.
+// network's loader needs: one group, float32 tensors (or int32 ones quantised), uint8
+// quantisation or none, 0 to 4 dimensions from 1 to 65536, names unique, file names without
+// folders.
 Result<WeightsManifest> parseWeightsManifest(std::string_view json);
 
 // Every tensor's values, decoded from the concatenated weight files. A failure when the bytes

@@ -12,12 +12,15 @@ case "${XDG_DATA_HOME:-}" in /*) data_home=$XDG_DATA_HOME ;; esac
 installed=${MSMFACE_DESCRIPTOR_MODEL:-$data_home/msmface/descriptor}
 manifest=face_recognition_model-weights_manifest.json
 weights=face_recognition_model.bin
-[ -f "$installed/$manifest" ] && [ -f "$installed/$weights" ] || {
-    echo "no installed model in $installed"
-    exit 77
-}
+mapfile -t pinned < <(awk '$1 == "sha256" { print $2 }' "$src/tools/descriptor_model/pin")
+for f in "${pinned[@]}"; do
+    [ -f "$installed/$f" ] || {
+        echo "no installed $f in $installed"
+        exit 77
+    }
+done
 rm -rf "$work" && mkdir -p "$work/bin" "$work/model"
-cp "$installed/$manifest" "$installed/$weights" "$work/model/"
+for f in "${pinned[@]}"; do cp "$installed/$f" "$work/model/"; done
 log="$work/npm-calls"
 fail() {
     echo "FAIL: $*"

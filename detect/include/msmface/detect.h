@@ -44,6 +44,18 @@ struct DetectedFace {
     FacePoints points;                 // the engine's fourteen, mapped from the 68
 };
 
+// What finds the faces whose landmarks are then fitted. Hog: dlib's frontal detector, built in,
+// which misses faces turned more than about 30 degrees. Network: a single-shot detector (MobileNet
+// v1 at 512 x 512 pixels, through OpenCV's dnn module) whose weights
+// tools/fetch_descriptor_model.sh installs beside the descriptor's; it finds turned and small faces
+// that Hog misses (detect/README.md has the measurements). Available when the library is built with
+// OpenCV's dnn module.
+enum class FaceFinder { Hog, Network };
+
+// The network finder's manifest, in the descriptor's model folder.
+inline constexpr const char* kFaceNetworkManifestFile =
+    "ssd_mobilenetv1_model-weights_manifest.json";
+
 struct DetectorOptions {
     std::string modelPath;  // empty: MSMFACE_LANDMARK_MODEL, else kDefaultLandmarkModel
     // Frames are searched again at twice the size when no face was found at the original size
@@ -51,6 +63,13 @@ struct DetectorOptions {
     // 80-pixel window; on the real faces of ../shared/faces 78 % of frames have their face found
     // at the original size, 97 % with the doubled search). 0: the original size only.
     int upsampleBelowWidth = 1280;
+    FaceFinder finder = FaceFinder::Hog;
+    // Network only: the weights' folder (holding kFaceNetworkManifestFile and the file it names)
+    // or the manifest itself; empty: MSMFACE_DESCRIPTOR_MODEL's folder, else
+    // defaultDescriptorModelFolder() (<msmface/descriptor.h>), as the descriptor finds its own.
+    std::string networkPath;
+    // Network only: the least confidence (0 to 1 exclusive) of a face kept.
+    double networkThreshold = 0.5;
 };
 
 // The fourteen engine points from the 68 landmarks: each point is the mean of one to six
