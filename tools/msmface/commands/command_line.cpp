@@ -7,6 +7,8 @@
 #include <msmface/msmface.h>
 #include <opencv2/core.hpp>
 
+#include "input/face_finder.h"
+
 namespace msmcli {
 namespace {
 
@@ -20,6 +22,19 @@ constexpr const char* kLandmarkModelHelp =
     "Landmark model (default: $MSMFACE_LANDMARK_MODEL, else "
     "/usr/share/dlib/shape_predictor_68_face_landmarks.dat)";
 
+// --detector: which finder the commands that find faces themselves use.
+void addDetectorOption(CLI::App* cmd) {
+    cmd->add_option_function<std::string>(
+           "--detector",
+           [](const std::string& name) {
+               chooseFinder(name == "network" ? FinderChoice::Network : FinderChoice::Hog);
+           },
+           "Face finder: hog (dlib's frontal detector, the default) or network (finds more "
+           "turned faces, about three times slower; its weights come with "
+           "tools/fetch_descriptor_model.sh)")
+        ->check(CLI::IsMember({"hog", "network"}));
+}
+
 void addFrameOptions(CLI::App* cmd, FrameOptions& o) {
     cmd->add_option("--manifest", o.manifest, "Face manifest (CSV: identity, video, ... x13, y13)");
     cmd->add_option("--identity", o.identity, "The identity to take from the manifest");
@@ -31,6 +46,7 @@ void addFrameOptions(CLI::App* cmd, FrameOptions& o) {
     cmd->add_option("--frames", o.frames,
                     "Frames taken from a video or camera (0: the whole video, 100 of a camera)");
     cmd->add_option("--model", o.model, kLandmarkModelHelp);
+    addDetectorOption(cmd);
     cmd->add_option("--descriptor-model", o.descriptorModel, kDescriptorModelHelp);
     cmd->add_option("--points", o.points,
                     "Points file: lines \"image x0 y0 ... x13 y13\", images relative to it (a "
@@ -204,6 +220,7 @@ void CommandLine::addDetect() {
     detectCmd_->add_option("--overlay", detect_.overlay,
                            "Folder for every frame drawn with its box and points");
     detectCmd_->add_option("--model", detect_.model, "Landmark model");
+    addDetectorOption(detectCmd_);
 }
 
 void CommandLine::addWatch() {
@@ -223,6 +240,7 @@ void CommandLine::addWatch() {
                           "Write the video with the box, the points and the best person drawn "
                           "(.mp4 or .avi)");
     watchCmd_->add_option("--model", watch_.model, "Landmark model");
+    addDetectorOption(watchCmd_);
     watchCmd_->add_option("--descriptor-model", watch_.descriptorModel, kDescriptorModelHelp);
 }
 

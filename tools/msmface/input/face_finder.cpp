@@ -11,6 +11,17 @@
 
 namespace msmcli {
 
+namespace {
+FinderChoice& finderChoice() {
+    static FinderChoice choice = FinderChoice::Hog;
+    return choice;
+}
+}  // namespace
+
+void chooseFinder(FinderChoice choice) {
+    finderChoice() = choice;
+}
+
 void drawFace(cv::Mat& bgr, const FoundFace& face, const cv::Scalar& colour) {
     const int thickness = std::max(1, bgr.cols / 320);
     const int radius = std::max(1, face.box.width / 60);
@@ -98,6 +109,7 @@ std::string makeFaceFinder(const std::string& modelPath, bool follow, const std:
                            std::unique_ptr<FaceFinder>& out) {
     msmface::DetectorOptions options;
     options.modelPath = modelPath;
+    if (finderChoice() == FinderChoice::Network) options.finder = msmface::FaceFinder::Network;
     msmface::Result<msmface::Detector> detector = msmface::Detector::create(options);
     if (!detector) return detector.message();
     out = std::make_unique<DetectingFinder>(std::move(detector).value(), follow);

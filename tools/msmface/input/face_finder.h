@@ -56,7 +56,14 @@ cv::Mat colourCopy(const cv::Mat& picture);
 // True when the program was built with the detector.
 bool detectionAvailable();
 
-// Loads the landmark model (modelPath empty: the detector's default). argument names the option
+// The finder of the faces whose points makeFaceFinder's detector fits: dlib's HOG detector (the
+// default) or the network (--detector network). Set while the command line is read, before any
+// finder is made.
+enum class FinderChoice { Hog, Network };
+void chooseFinder(FinderChoice choice);
+
+// Loads the landmark model (modelPath empty: the detector's default) and, with
+// FinderChoice::Network, the network's weights. argument names the option
 // that asked for detection, for the message of a build without the detector. Returns an empty
 // string or a one-line reason.
 std::string makeFaceFinder(const std::string& modelPath, bool follow, const std::string& argument,
