@@ -103,6 +103,16 @@ Result<std::shared_ptr<const detail::FaceNetwork>> detail::loadFaceNetwork(const
 
 Result<Detector> Detector::create(const DetectorOptions& options) {
     try {
+        // The options are checked before the model is read (a second or more).
+        if (options.finder != FaceFinder::Hog && options.finder != FaceFinder::Network)
+            return Status::failure(ErrorKind::Argument,
+                                   "finder: " + std::to_string(static_cast<int>(options.finder)) +
+                                       ", expected Hog (0) or Network (1)");
+        if (options.finder == FaceFinder::Network &&
+            !(options.networkThreshold > 0 && options.networkThreshold < 1))
+            return Status::failure(ErrorKind::Argument,
+                                   "networkThreshold: " + std::to_string(options.networkThreshold) +
+                                       ", expected a confidence between 0 and 1");
         auto impl = std::make_shared<Impl>();
         const Status loaded = loadModel(modelPathFrom(options), impl->shapes);
         if (!loaded) return loaded;
@@ -112,10 +122,6 @@ Result<Detector> Detector::create(const DetectorOptions& options) {
             auto network = detail::loadFaceNetwork(options);
             if (!network) return network.status();
             impl->network = std::move(network).value();
-        } else if (options.finder != FaceFinder::Hog) {
-            return Status::failure(ErrorKind::Argument,
-                                   "finder: " + std::to_string(static_cast<int>(options.finder)) +
-                                       ", expected Hog (0) or Network (1)");
         }
         return Detector(std::move(impl));
     } catch (const std::exception& e) {

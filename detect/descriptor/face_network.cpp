@@ -396,10 +396,7 @@ class SsdFaceNetwork final : public FaceNetwork {
 }  // namespace
 
 Result<std::shared_ptr<const FaceNetwork>> loadFaceNetwork(const DetectorOptions& options) {
-    if (!(options.networkThreshold > 0 && options.networkThreshold < 1))
-        return Status::failure(ErrorKind::Argument,
-                               "networkThreshold: " + std::to_string(options.networkThreshold) +
-                                   ", expected a confidence between 0 and 1");
+    // requires: 0 < options.networkThreshold < 1 (Detector::create checks it first).
     try {
         auto loaded =
             loadWeights(modelPathFrom(options), kFaceNetworkManifestFile, kMaxWeightBytes, kLabel);
