@@ -1,6 +1,7 @@
-// Faces and landmarks per camera frame at 320 x 240 and 640 x 480: a whole-frame detection, a
-// frame without a face (the doubled search included), and the frames of a video followed by a
-// Follower, with a whole-frame search every tenth frame or only near the face. Real faces from the
+// Faces and landmarks per camera frame at 320 x 240 and 640 x 480: a whole-frame detection (by
+// the HOG detector and by the network finder), a frame without a face (the doubled search
+// included), and the frames of a video followed by a Follower, with a whole-frame search every
+// tenth frame or only near the face. Real faces from the
 // shared folder are pasted into the frames, moved and scaled a little from frame to frame.
 #include <benchmark/benchmark.h>
 
@@ -8,6 +9,10 @@
 #include <random>
 
 #include <msmface/detect.h>
+
+#ifdef MSMFACE_BENCH_NETWORK
+#include <opencv2/core.hpp>
+#endif
 
 #include "support/shared_faces.h"
 
@@ -131,6 +136,44 @@ BENCHMARK(BM_Follow)
     ->Args({640, 10})
     ->Args({640, 1000000})
     ->Unit(benchmark::kMillisecond);
+
+#ifdef MSMFACE_BENCH_NETWORK
+// The network finder (its weights from tools/fetch_descriptor_model.sh), loaded once; null
+// without them.
+const msmface::Detector* networkDetector() {
+    static msmface::Result<msmface::Detector> loaded = [] {
+        msmface::DetectorOptions options;
+        options.finder = msmface::FaceFinder::Network;
+        return msmface::Detector::create(options);
+    }();
+    return loaded.ok() ? &loaded.value() : nullptr;
+}
+
+// The whole frame searched by the network and the face's landmarks fitted: its cost does not
+// depend on the frame's size (every frame is resized to the network's 512 x 512) and its work
+// is the same with or without a face. range(1): OpenCV's threads.
+void BM_DetectWholeFrameNetwork(benchmark::State& state) {
+    if (!ready(state)) return;
+    if (networkDetector() == nullptr)
+        return state.SkipWithError("no face network (tools/fetch_descriptor_model.sh)");
+    const auto frames = video(static_cast<int>(state.range(0)), 8);
+    const int threads = cv::getNumThreads();
+    cv::setNumThreads(static_cast<int>(state.range(1)));
+    size_t i = 0;
+    benchmark::IterationCount faces = 0;
+    for (auto _ : state) {
+        const auto found = networkDetector()->detect(frames[i++ % frames.size()].view());
+        faces += found.ok() && !found->empty();
+    }
+    cv::setNumThreads(threads);
+    if (faces < state.iterations()) state.SkipWithError("a frame without its face");
+}
+BENCHMARK(BM_DetectWholeFrameNetwork)
+    ->Args({320, 1})
+    ->Args({640, 1})
+    ->Args({640, 2})
+    ->Unit(benchmark::kMillisecond);
+#endif
 
 }  // namespace
 

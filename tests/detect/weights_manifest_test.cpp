@@ -1,4 +1,4 @@
-// The face descriptor's weights manifest parser on small manifests: exact offsets for what it
+// The networks' weights manifest parser on small manifests: exact offsets for what it
 // accepts, one line naming the fault for what it refuses.
 #ifdef MSMFACE_HAVE_DESCRIPTOR
 #include <gtest/gtest.h>
@@ -52,6 +52,30 @@ TEST(WeightsManifest, GivesEachTensorItsPlaceAndDecodesItsValues) {
     EXPECT_NE(r.message().find("tensor b"), std::string::npos) << r.message();
 }
 
+// The detectors' graph constants: scalars (no dimension) and integers stored as uint8 codes take
+// one byte per value and decode like any quantised tensor.
+TEST(WeightsManifest, ScalarsAndQuantisedIntegersTakeOneBytePerValue) {
+    const auto m = parseWeightsManifest(R"([{"paths":["w"],"weights":[
+  {"name":"s","shape":[],"dtype":"float32","quantization":{"dtype":"uint8","scale":1,"min":0.5}},
+  {"name":"i","shape":[3],"dtype":"int32","quantization":{"dtype":"uint8","scale":1,"min":-1}},
+  {"name":"f","shape":[],"dtype":"float32"}]}])");
+    ASSERT_TRUE(m.ok()) << m.message();
+    ASSERT_EQ(m->tensors.size(), 3u);
+    EXPECT_TRUE(m->tensors[0].shape.empty());
+    EXPECT_EQ(m->tensors[0].values, 1u);
+    EXPECT_EQ(m->tensors[1].offset, 1u);
+    EXPECT_EQ(m->tensors[2].offset, 4u);
+    EXPECT_EQ(m->totalBytes, 8u);
+    unsigned char bin[8] = {2, 0, 1, 7};
+    const float f = 2.5f;
+    std::memcpy(bin + 4, &f, 4);
+    const auto values = decodeWeights(*m, bin, sizeof bin);
+    ASSERT_TRUE(values.ok()) << values.message();
+    EXPECT_EQ((*values)[0], std::vector<float>{2.5f});
+    EXPECT_EQ((*values)[1], (std::vector<float>{-1, 0, 6}));
+    EXPECT_EQ((*values)[2], std::vector<float>{2.5f});
+}
+
 TEST(WeightsManifest, RefusesWhatTheLoaderCannotUseWithOneLine) {
     const std::pair<const char*, const char*> bad[] = {
         {"", "not JSON"},
@@ -63,6 +87,9 @@ TEST(WeightsManifest, RefusesWhatTheLoaderCannotUseWithOneLine) {
          "plain file name"},
         {R"([{"paths":[],"weights":[{"name":"a","shape":[1],"dtype":"float32"}]}])", "paths"},
         {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1],"dtype":"int32"}]}])", "float32"},
+        {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1],"dtype":"float16"}]}])", "float32"},
+        {R"([{"paths":["w"],"weights":[{"name":"a","shape":[1,1,1,1,1],"dtype":"float32"}]}])",
+         "0 to 4 dimensions"},
         {R"([{"paths":["w"],"weights":[{"name":"a\nb","shape":[1],"dtype":"float32"}]}])",
          "printable"},
         {R"([{"paths":["w\n"],"weights":[{"name":"a","shape":[1],"dtype":"float32"}]}])",
