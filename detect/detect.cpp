@@ -114,15 +114,16 @@ Result<Detector> Detector::create(const DetectorOptions& options) {
                                    "networkThreshold: " + std::to_string(options.networkThreshold) +
                                        ", expected a confidence between 0 and 1");
         auto impl = std::make_shared<Impl>();
-        const Status loaded = loadModel(modelPathFrom(options), impl->shapes);
-        if (!loaded) return loaded;
-        impl->faces = dlib::get_frontal_face_detector();
-        impl->upsampleBelowWidth = options.upsampleBelowWidth;
+        // The network's few megabytes before the landmark model's hundred.
         if (options.finder == FaceFinder::Network) {
             auto network = detail::loadFaceNetwork(options);
             if (!network) return network.status();
             impl->network = std::move(network).value();
         }
+        const Status loaded = loadModel(modelPathFrom(options), impl->shapes);
+        if (!loaded) return loaded;
+        impl->faces = dlib::get_frontal_face_detector();
+        impl->upsampleBelowWidth = options.upsampleBelowWidth;
         return Detector(std::move(impl));
     } catch (const std::exception& e) {
         return internalFailure(e);
