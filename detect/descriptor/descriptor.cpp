@@ -62,26 +62,18 @@ class NetBuilder {
         const auto* shift = weights_.take(prefix + "/scale/biases", {out});
         if (filters == nullptr || bias == nullptr || scale == nullptr || shift == nullptr)
             return false;
-        const int sizes[] = {out, in, kernel, kernel};
-        cv::Mat oihw(4, sizes, CV_32F);
-        float* dst = oihw.ptr<float>();
-        for (int h = 0; h < kernel; ++h)
-            for (int w = 0; w < kernel; ++w)
-                for (int i = 0; i < in; ++i)
-                    for (int o = 0; o < out; ++o)
-                        dst[((o * in + i) * kernel + h) * kernel + w] =
-                            (*filters)[((h * kernel + w) * in + i) * out + o];
+        const cv::Mat oihw = detail::filtersToOpenCv(*filters, kernel, in, out);
         cv::dnn::LayerParams c;
         c.set("kernel_size", kernel);
         c.set("stride", stride);
         c.set("pad", stride == 1 ? kernel / 2 : 0);
         c.set("num_output", out);
         c.set("bias_term", true);
-        c.blobs = {oihw, row(*bias)};
+        c.blobs = {oihw, detail::rowOf(*bias)};
         add(prefix + "/conv", "Convolution", c);
         cv::dnn::LayerParams s;
         s.set("bias_term", true);
-        s.blobs = {row(*scale), row(*shift)};
+        s.blobs = {detail::rowOf(*scale), detail::rowOf(*shift)};
         add(prefix + "/scale", "Scale", s);
         if (relu) this->relu(prefix + "/relu");
         return true;
@@ -150,9 +142,6 @@ class NetBuilder {
     cv::dnn::Net net() { return net_; }
 
   private:
-    static cv::Mat row(const std::vector<float>& v) {
-        return cv::Mat(1, static_cast<int>(v.size()), CV_32F, const_cast<float*>(v.data())).clone();
-    }
     void add(const std::string& name, const char* type, cv::dnn::LayerParams& p) {
         const int id = net_.addLayer(name, type, p);
         net_.connect(last_, 0, id, 0);

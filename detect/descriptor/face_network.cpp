@@ -82,16 +82,8 @@ class NetBuilder {
         const auto* filters = weights_.take(filtersName, {kernel, kernel, in, out});
         const auto* bias = weights_.take(biasName, {out});
         if (filters == nullptr || bias == nullptr) return -1;
-        const int sizes[] = {out, in, kernel, kernel};
-        cv::Mat oihw(4, sizes, CV_32F);
-        float* dst = oihw.ptr<float>();
-        for (int h = 0; h < kernel; ++h)
-            for (int w = 0; w < kernel; ++w)
-                for (int i = 0; i < in; ++i)
-                    for (int o = 0; o < out; ++o)
-                        dst[((o * in + i) * kernel + h) * kernel + w] =
-                            (*filters)[((h * kernel + w) * in + i) * out + o];
-        return convLayer(name, oihw, row(*bias), kernel, out, stride, 1, clip, from);
+        const cv::Mat oihw = filtersToOpenCv(*filters, kernel, in, out);
+        return convLayer(name, oihw, rowOf(*bias), kernel, out, stride, 1, clip, from);
     }
 
     // A depthwise 3x3 convolution with its batch normalisation folded in, then ReLU6.
@@ -121,9 +113,6 @@ class NetBuilder {
     cv::dnn::Net net() { return net_; }
 
   private:
-    static cv::Mat row(const std::vector<float>& v) {
-        return cv::Mat(1, static_cast<int>(v.size()), CV_32F, const_cast<float*>(v.data())).clone();
-    }
     int convLayer(const std::string& name, const cv::Mat& weights, const cv::Mat& bias, int kernel,
                   int out, int stride, int groups, bool clip, int from) {
         int input = from < 0 ? last_ : from;

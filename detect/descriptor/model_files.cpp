@@ -123,4 +123,22 @@ std::string Weights::error() const {
            " tensors that the network does not have";
 }
 
+cv::Mat filtersToOpenCv(const std::vector<float>& filters, int kernel, int in, int out) {
+    const int sizes[] = {out, in, kernel, kernel};
+    cv::Mat oihw(4, sizes, CV_32F);
+    float* dst = oihw.ptr<float>();
+    for (int h = 0; h < kernel; ++h)
+        for (int w = 0; w < kernel; ++w)
+            for (int i = 0; i < in; ++i)
+                for (int o = 0; o < out; ++o)
+                    dst[((o * in + i) * kernel + h) * kernel + w] =
+                        filters[((h * kernel + w) * in + i) * out + o];
+    return oihw;
+}
+
+cv::Mat rowOf(const std::vector<float>& values) {
+    return cv::Mat(1, static_cast<int>(values.size()), CV_32F, const_cast<float*>(values.data()))
+        .clone();
+}
+
 }  // namespace msmface::detail

@@ -6,6 +6,8 @@
 
 #include <msmface/result.h>
 
+#include <opencv2/core.hpp>
+
 #include <cstddef>
 #include <exception>
 #include <string>
@@ -57,6 +59,12 @@ class Weights {
     std::string error_;
     std::size_t find(const std::string& name);
 };
+
+// Convolution filters from the publisher's layout (height, width, in, out) to OpenCV's (out, in,
+// height, width).
+cv::Mat filtersToOpenCv(const std::vector<float>& filters, int kernel, int in, int out);
+// Values as a one-row matrix of their own (OpenCV's biases and scales).
+cv::Mat rowOf(const std::vector<float>& values);
 
 }  // namespace msmface::detail
 
