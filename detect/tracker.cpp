@@ -145,10 +145,10 @@ struct Tracker::State {
     ShotSignature previous;
     int64_t frames = 0;  // frames counted so far
     int64_t nextNumber = 1;
-    int sinceDetection = 0;       // frames since the last whole-frame search
-    int withoutTracks = 0;        // frames in a row searched without any track living
+    int sinceDetection = 0;          // frames since the last whole-frame search
+    int withoutTracks = 0;           // frames in a row searched without any track living
     int64_t searchesWithTracks = 0;  // whole-frame searches while tracks lived
-    std::vector<Track> tracks;    // by number
+    std::vector<Track> tracks;       // by number
 
     TrackerEvent ended(const Track& t) const {
         TrackerEvent e;
@@ -212,8 +212,11 @@ struct Tracker::State {
         // as Detector::detect does.
         const bool small = options.minFaceSide < detail::kDetectorWindow &&
                            width <= impl->upsampleBelowWidth && height <= impl->upsampleBelowWidth;
+        // A network finder sees faces under the window at the frame's own size.
         std::vector<dlib::rect_detection> found;
-        if (tracks.empty()) {
+        if (impl->network) {
+            found = detail::findFaces(*impl, whole, grey, 0);
+        } else if (tracks.empty()) {
             const bool doubled = small && withoutTracks++ % options.detectEvery == 0;
             found = detail::findFaces(whole, grey, doubled ? impl->upsampleBelowWidth : 0);
         } else if (small && options.detectEvery > 1 &&

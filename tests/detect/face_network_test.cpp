@@ -7,6 +7,7 @@
 
 #include <msmface/descriptor.h>
 #include <msmface/detect.h>
+#include <msmface/tracker.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -201,7 +202,7 @@ TEST(FaceNetwork, BoxesFollowTheFaceAcrossTheFrameAndInAMirror) {
 
 // Faces a little under the HOG detector's window: the network finds some that HOG misses even
 // in the doubled frame, and a Follower of the network Detector follows them from the first
-// frame while one of the HOG Detector sees nothing.
+// frame while one of the HOG Detector sees nothing; so does a Tracker.
 TEST(FaceNetwork, FindsFacesThatHogMissesAndFollowersGainThem) {
     REQUIRE_NETWORK();
     const std::vector<RealFace> faces = detecttest::loadRealFaces(10);
@@ -237,6 +238,15 @@ TEST(FaceNetwork, FindsFacesThatHogMissesAndFollowersGainThem) {
         EXPECT_TRUE(withNetwork.track(scene.view(), followed)) << faces[i].image;
         EXPECT_GE(iou(followed.box, reference), 0.3) << faces[i].image;
         EXPECT_FALSE(withHog.track(scene.view(), followed)) << faces[i].image;
+        auto networkTracker = msmface::Tracker::create(*network);
+        auto hogTracker = msmface::Tracker::create(*hog);
+        ASSERT_TRUE(networkTracker.ok() && hogTracker.ok());
+        const auto byNetworkTracker = networkTracker->update(scene.view());
+        const auto byHogTracker = hogTracker->update(scene.view());
+        ASSERT_TRUE(byNetworkTracker.ok() && byHogTracker.ok());
+        ASSERT_EQ(byNetworkTracker->faces.size(), 1u) << faces[i].image;
+        EXPECT_GE(iou(byNetworkTracker->faces[0].face.box, reference), 0.3) << faces[i].image;
+        EXPECT_TRUE(byHogTracker->faces.empty()) << faces[i].image;
     }
     EXPECT_GE(networkOnly, 1) << "of " << hogMissed << " faces HOG missed";
 }
