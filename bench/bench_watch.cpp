@@ -11,6 +11,10 @@
 // would see a person sitting still; the three cuts between them cost a detection each. The gallery:
 // 100 synthetic persons (tools/synth), kept between runs in the working folder
 // (bench-watch-gallery/), as enrolling them takes a minute.
+//
+// Every face at once: BM_Watcher runs the Watcher (tracker, descriptors on one or two threads,
+// recognition of every track) on videos of 1, 3 and 6 persons side by side, and BM_TrackerGroup
+// the tracker alone on them, so that the share of describing and recognising can be read off.
 #include <benchmark/benchmark.h>
 
 #include <sys/stat.h>
