@@ -413,16 +413,22 @@ const std::vector<cv::Mat>& groupVideo(int n) {
     return found->second;
 }
 
+// The group video of state.range(0) faces, or null with the benchmark skipped.
+const std::vector<cv::Mat>* groupVideoFor(benchmark::State& state) {
+    if (!ready(state)) return nullptr;
+    const std::vector<cv::Mat>& video = groupVideo(static_cast<int>(state.range(0)));
+    if (!video.empty()) return &video;
+    state.SkipWithError("../shared/faces has too few persons");
+    return nullptr;
+}
+
 // The Tracker alone on the group video: finding and following every face, the part of a
 // Watcher's frame that does not depend on the gallery. state.range(0): faces in the picture.
 void BM_TrackerGroup(benchmark::State& state) {
-    if (!ready(state)) return;
+    const std::vector<cv::Mat>* group = groupVideoFor(state);
+    if (group == nullptr) return;
+    const std::vector<cv::Mat>& video = *group;
     Fixture& fx = fixture();
-    const std::vector<cv::Mat>& video = groupVideo(static_cast<int>(state.range(0)));
-    if (video.empty()) {
-        state.SkipWithError("../shared/faces has too few persons");
-        return;
-    }
     msmface::Result<msmface::Tracker> tracker = msmface::Tracker::create(*fx.detector);
     if (!tracker) {
         state.SkipWithError(tracker.message().c_str());
@@ -450,13 +456,10 @@ BENCHMARK(BM_TrackerGroup)
 // recognised against 100 persons. Arguments: faces in the picture; 0 seed patterns, 1
 // descriptors; threads describing the faces. Wall time: the threads' gain shows there.
 void BM_Watcher(benchmark::State& state) {
-    if (!ready(state)) return;
+    const std::vector<cv::Mat>* group = groupVideoFor(state);
+    if (group == nullptr) return;
+    const std::vector<cv::Mat>& video = *group;
     Fixture& fx = fixture();
-    const std::vector<cv::Mat>& video = groupVideo(static_cast<int>(state.range(0)));
-    if (video.empty()) {
-        state.SkipWithError("../shared/faces has too few persons");
-        return;
-    }
     msmface::Gallery* gallery = fx.gallery.get();
 #ifdef MSMFACE_BENCH_DESCRIPTOR
     if (state.range(1) == 1) {
