@@ -8,6 +8,8 @@ namespace msmpy {
 
 void bindEngine(pybind11::module_& m);
 void bindGallery(pybind11::module_& m);
+// TrackRecognition and its events, after the gallery.
+void bindTracks(pybind11::module_& m);
 // Jitter and the frames offered, frame lists, calibration, the normalised face.
 void bindClients(pybind11::module_& m);
 // Adds the submodule "detect" when the detector library was built; returns whether it was.
