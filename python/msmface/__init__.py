@@ -15,6 +15,7 @@ Frames are NumPy uint8 arrays, (H, W) grey or (H, W, 3) colour in BGR order (pas
 
 from ._msmface import (
     HAVE_DETECT,
+    HAVE_VIDEO,
     DescriptorFinder,
     Engine,
     FalseAcceptPoint,
@@ -34,7 +35,7 @@ from ._msmface import (
     calibrate,
     normalised_face,
 )
-from .frames import Manifest, jitter, offer_frames, read_image, read_points_file
+from .frames import Manifest, jitter, offer_frames, read_image, read_points_file, read_video
 from .estimator import MSMClassifier
 
 if HAVE_DETECT:
@@ -47,6 +48,7 @@ if HAVE_DETECT:
 
 __all__ = [
     "HAVE_DETECT",
+    "HAVE_VIDEO",
     "DescriptorFinder",
     "Engine",
     "FalseAcceptPoint",
@@ -71,6 +73,7 @@ __all__ = [
     "offer_frames",
     "read_image",
     "read_points_file",
+    "read_video",
 ]
 if HAVE_DETECT:
     __all__.append("detect")

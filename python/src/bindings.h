@@ -14,6 +14,9 @@ void bindTracks(pybind11::module_& m);
 void bindClients(pybind11::module_& m);
 // Adds the submodule "detect" when the detector library was built; returns whether it was.
 bool bindDetect(pybind11::module_& m);
+// Adds msmface._VideoReader when the module was built with OpenCV's video reading; returns
+// whether it was.
+bool bindVideo(pybind11::module_& m);
 
 }  // namespace msmpy
 

@@ -25,4 +25,5 @@ PYBIND11_MODULE(_msmface, m) {
     msmpy::bindTracks(m);
     msmpy::bindClients(m);
     m.attr("HAVE_DETECT") = msmpy::bindDetect(m);
+    m.attr("HAVE_VIDEO") = msmpy::bindVideo(m);
 }
