@@ -86,6 +86,19 @@ def gil_probe():
     return runs_while_gil_released
 
 
+def made_up_persons(count, seed=5):
+    """One random unit direction of descriptor space per person: its faces are that direction
+    plus small noise. Returns the directions (count, 128) and the generator that drew them."""
+    rng = np.random.default_rng(seed)
+    centres = rng.normal(size=(count, 128))
+    return centres / np.linalg.norm(centres, axis=1, keepdims=True), rng
+
+
+def faces_of(centre, rng, n, noise=0.15):
+    """n made-up descriptors (float32 (n, 128)) of the person whose direction is centre."""
+    return (centre + noise / np.sqrt(128) * rng.normal(size=(n, 128))).astype(np.float32)
+
+
 def grey_from_bgr(frame):
     """The library's mix of colour to grey, (R*299 + G*587 + B*114) / 1000 truncated."""
     b, g, r = (frame[..., k].astype(np.int64) for k in range(3))

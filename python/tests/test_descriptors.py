@@ -10,19 +10,9 @@ import numpy as np
 import pytest
 
 import msmface
+from conftest import faces_of, made_up_persons
 
 SIZE = 128
-
-
-def made_up_persons(count, seed=5):
-    """One random unit direction per person: its faces are that direction plus small noise."""
-    rng = np.random.default_rng(seed)
-    centres = rng.normal(size=(count, SIZE))
-    return centres / np.linalg.norm(centres, axis=1, keepdims=True), rng
-
-
-def faces_of(centre, rng, n, noise=0.15):
-    return (centre + noise / np.sqrt(SIZE) * rng.normal(size=(n, SIZE))).astype(np.float32)
 
 
 def snapshot(d):

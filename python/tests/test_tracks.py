@@ -1,0 +1,170 @@
+"""Many faces at once from Python: TrackRecognition on made-up descriptors (no model needed), the
+detector's Tracker and the watch() iterator on videos assembled from the shared real faces
+(skipped without the faces or the models)."""
+
+import os
+
+import numpy as np
+import pytest
+
+import msmface
+from conftest import faces_of, made_up_persons
+
+Kind = msmface.TrackEventKind
+
+
+@pytest.fixture(scope="module")
+def people(tmp_path_factory):
+    """A gallery of descriptors of three made-up persons, and a maker of their faces."""
+    centres, rng = made_up_persons(3, seed=21)
+    g = msmface.Gallery(str(tmp_path_factory.mktemp("tracks") / "g"), create=True,
+                        patterns="descriptor")
+    for k, name in enumerate(("ann", "ben", "cat")):
+        g.enrol(k + 1, name, descriptors=faces_of(centres[k], rng, 20))
+    return g, (lambda k: faces_of(centres[k], rng, 1)[0])
+
+
+def feed(recognition, track, script, face, first_frame=0):
+    """Observes one face per entry of script (a person's index, or None for a frame whose face
+    could not be used); returns the events of each call."""
+    out = []
+    for i, who in enumerate(script):
+        frame = first_frame + i
+        if who is None:
+            out.append(recognition.observe_without_face(track, frame, frame / 25))
+        else:
+            out.append(recognition.observe(track, frame, frame / 25, descriptor=face(who)))
+    return out
+
+
+def identified_at(events):
+    """[(call index, name)] of the IDENTIFIED events."""
+    return [(i, e.name) for i, call in enumerate(events) for e in call if e.kind == Kind.IDENTIFIED]
+
+
+def test_a_track_is_named_after_confirm_frames_agreeing_faces_and_never_renamed(people):
+    g, face = people
+    # Every face of ann ranks her first far above 500: the name comes at exactly the
+    # confirm_frames-th face, and frames without a usable face neither count nor break the run.
+    for confirm in (1, 3, 5):
+        r = msmface.TrackRecognition(g, threshold=500, confirm_frames=confirm)
+        events = feed(r, 7, [0] * 8, face)
+        assert events[0][0].kind == Kind.STARTED and events[0][0].track == 7
+        assert identified_at(events) == [(confirm - 1, "ann")]
+        r = msmface.TrackRecognition(g, threshold=500, confirm_frames=confirm)
+        events = feed(r, 7, [0, None, None] * confirm, face)
+        assert identified_at(events) == [(3 * (confirm - 1), "ann")]
+    # By single patterns each face ranks on its own: two faces of ann then ben's. The run of ann
+    # is broken by ben's first face, and ben is named at his third, never ann.
+    r = msmface.TrackRecognition(g, method="single", threshold=500, confirm_frames=3)
+    events = feed(r, 1, [0, 0, 1, 1, 1, 1], face)
+    assert identified_at(events) == [(4, "ben")]
+    # Once named, a track keeps its person whatever its later faces show; the end names them.
+    r = msmface.TrackRecognition(g, method="single", threshold=500, confirm_frames=2)
+    events = feed(r, 3, [2, 2] + [0] * 12, face)
+    assert identified_at(events) == [(1, "cat")]
+    (status,) = r.tracks()
+    assert (status.track, status.person, status.name, status.identified) == (3, 3, "cat", True)
+    assert (status.first_frame, status.last_frame, status.frames_seen) == (0, 13, 14)
+    ended = r.end(3)
+    assert (ended.kind, ended.track, ended.person, ended.name) == (Kind.ENDED, 3, 3, "cat")
+    assert (ended.frame, ended.frames_seen, ended.faces_used) == (13, 14, 14)
+    assert ended.time == pytest.approx(13 / 25)
+    assert r.tracks() == []
+    # A number used again is a new track: nothing of cat is carried into it.
+    events = feed(r, 3, [1, 1, 1], face, first_frame=20)
+    assert events[0][0].kind == Kind.STARTED and events[0][0].frame == 20
+    assert identified_at(events) == [(1, "ben")]
+
+
+def test_a_threshold_nobody_passes_names_nobody_and_end_all_ends_every_track(people):
+    g, face = people
+    # Scores are thousandths: none is above 1000.
+    r = msmface.TrackRecognition(g, threshold=1000, confirm_frames=1, max_tracks=3)
+    for track, who in ((5, 0), (2, 1), (9, 2)):
+        assert identified_at(feed(r, track, [who, None, who], face)) == []
+    assert [s.track for s in r.tracks()] == [2, 5, 9]
+    assert all(not s.identified and s.name == "" and 0 < s.score <= 1000 for s in r.tracks())
+    ended = r.end_all()
+    assert [e.track for e in ended] == [2, 5, 9]
+    for e in ended:
+        assert (e.kind, e.person, e.name) == (Kind.ENDED, 0, "")
+        assert (e.frames_seen, e.faces_used) == (3, 2)
+        assert 0 < e.score <= 1000  # how near it came
+    assert r.tracks() == [] and r.end_all() == []
+
+
+def test_bad_input_raises_one_line_and_changes_no_track(people, tmp_path, synth):
+    g, face = people
+    r = msmface.TrackRecognition(g, threshold=500, max_tracks=2)
+    feed(r, 0, [0, 0], face, first_frame=10)
+    before = [(s.track, s.last_frame, s.last_time, s.frames_seen, s.faces_used, s.score)
+              for s in r.tracks()]
+    d = face(0)
+    bad_calls = [
+        (lambda: r.observe(-1, 20, 1.0, descriptor=d), "expected a track number of 0 or more"),
+        (lambda: r.observe(0, 12, 0.1, descriptor=d), "before the track's last"),
+        (lambda: r.observe(0, 11, 1.0, descriptor=d), "expected a frame after the track's last, 11"),
+        (lambda: r.observe(0, 12, float("nan"), descriptor=d), "not a finite number"),
+        (lambda: r.observe(0, 12, "soon", descriptor=d), "time: expected a number, got str"),
+        (lambda: r.observe("0", 12, 1.0, descriptor=d), "track: expected an integer"),
+        (lambda: r.observe(True, 12, 1.0, descriptor=d), "track: expected an integer"),
+        (lambda: r.observe(0, 12.5, 1.0, descriptor=d), "frame: expected an integer"),
+        (lambda: r.observe(0, 12, 1.0, descriptor=d[:127]), "descriptor"),
+        (lambda: r.observe(0, 12, 1.0, descriptor=np.zeros((2, 128))), "descriptor"),
+        (lambda: r.observe(0, 12, 1.0), "expected an image with its points, or a descriptor"),
+        (lambda: r.observe(0, 12, 1.0, descriptor=d, points=np.zeros((14, 2))),
+         "a descriptor alone"),
+        # A seed pattern's face given to a gallery of descriptors.
+        (lambda: r.observe(0, 12, 1.0, image=np.zeros((60, 80), np.uint8),
+                           points=np.zeros((14, 2))), "descriptor"),
+        (lambda: r.observe(0, 12, 1.0, image=np.zeros((60, 80), np.float32),
+                           points=np.zeros((14, 2))), "image: expected a uint8 array"),
+        (lambda: r.observe_without_face(0, 10, 1.0), "expected a frame after"),
+        (lambda: r.end(4), "4"),
+        (lambda: r.end(-2), "-2"),
+    ]
+    for call, words in bad_calls:
+        with pytest.raises(ValueError, match=None) as raised:
+            call()
+        message = str(raised.value)
+        assert words in message and "\n" not in message, message
+        assert [(s.track, s.last_frame, s.last_time, s.frames_seen, s.faces_used, s.score)
+                for s in r.tracks()] == before
+    # A second live track fits; a third is refused, naming the bound, and starts nothing.
+    feed(r, 1, [1], face, first_frame=12)
+    with pytest.raises(ValueError, match="maxTracks"):
+        r.observe(2, 13, 1.0, descriptor=d)
+    assert [s.track for s in r.tracks()] == [0, 1]
+    # Options out of their ranges are named as Python spells them.
+    for kwargs, words in (({"confirm_frames": 0}, "confirm_frames: expected 1 to 1000, got 0"),
+                          ({"max_tracks": 10001}, "max_tracks: expected 1 to 10000, got 10001"),
+                          ({"method": "fast"}, 'method: expected "single"'),
+                          ({"threshold": "high"}, "threshold: expected an integer")):
+        with pytest.raises(ValueError, match=words):
+            msmface.TrackRecognition(g, **kwargs)
+    # The Cmsm methods need the gallery's constraint space.
+    with pytest.raises(ValueError):
+        msmface.TrackRecognition(g, method="cmsm")
+
+
+def test_a_seed_gallery_takes_frames_with_their_points(two_person_gallery_dir, synth):
+    g = msmface.Gallery(two_person_gallery_dir)
+    r = msmface.TrackRecognition(g, confirm_frames=3, threshold=900)
+    take = synth(1, 301, 14)
+    events = []
+    for i, (frame, points) in enumerate(take):
+        events.append(r.observe(4, i, i / 25, image=frame, points=points))
+    # The input needs a few faces before its subspace points anywhere; then bob, above 900, is
+    # named once at the third face that agrees.
+    named = [(i, e) for i, call in enumerate(events) for e in call if e.kind == Kind.IDENTIFIED]
+    assert [(e.person, e.name) for _, e in named] == [(2, "bob")]
+    assert named[0][1].score > 900 and 2 <= named[0][0] < len(take)
+    # Colour frames in RGB order are taken too; a descriptor is the other kind here.
+    colour = np.repeat(take[0][0][:, :, None], 3, axis=2)
+    r.observe(4, 100, 5.0, image=colour, points=take[0][1], format="rgb")
+    with pytest.raises(ValueError, match="seed"):
+        r.observe(4, 101, 5.0, descriptor=np.ones(128, np.float32))
+    with pytest.raises(ValueError, match="points"):
+        r.observe(4, 101, 5.0, image=take[1][0], points=np.zeros((3, 2)))
+    assert r.tracks()[0].last_frame == 100
