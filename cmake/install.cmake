@@ -28,6 +28,8 @@ if(TARGET msmface_detect)
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     install(FILES ${CMAKE_SOURCE_DIR}/detect/include/msmface/detect.h
+                  ${CMAKE_SOURCE_DIR}/detect/include/msmface/tracker.h
+                  ${CMAKE_SOURCE_DIR}/detect/include/msmface/watcher.h
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/msmface)
     if(MSMFACE_HAVE_DESCRIPTOR)
         install(FILES ${CMAKE_SOURCE_DIR}/detect/include/msmface/descriptor.h
