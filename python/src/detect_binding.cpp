@@ -326,6 +326,7 @@ Follows the largest face of a video between full detections. Pass it as the find
     d.attr("HAVE_DESCRIPTOR") = false;
 #endif
     bindTracker(d);
+    bindWatcher(d);
     d.def(
         "points_from_landmarks",
         [](const py::handle& landmarks) {

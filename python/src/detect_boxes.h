@@ -33,9 +33,11 @@ struct DescriptorBox {
 };
 #endif
 
-// msmface.detect.Tracker and its results (and the Watcher where it is built), added to the
-// submodule d after Detector, Face and FaceBox.
+// msmface.detect.Tracker and its results, added to the submodule d after Detector, Face and
+// FaceBox.
 void bindTracker(pybind11::module_& d);
+// msmface.detect.Watcher and its results, after the Tracker.
+void bindWatcher(pybind11::module_& d);
 
 }  // namespace msmpy
 
