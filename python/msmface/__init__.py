@@ -3,7 +3,9 @@
 A ``Gallery`` keeps persons in a dictionary directory; ``Stream`` recognises one camera's
 frames against it; ``Engine`` is the engine's own frame cycle for studying the method;
 ``msmface.detect`` (where the detector library was built, ``HAVE_DETECT``) finds faces and
-their fourteen points; ``MSMClassifier`` compares the methods with scikit-learn's conventions.
+their fourteen points, follows every face of a video as a track (``Tracker``) and names them
+(``Watcher``, and ``watch``, an iterator over a video file or frames); ``TrackRecognition``
+names the faces of a host's own tracks; ``MSMClassifier`` compares the methods with scikit-learn's conventions.
 ``jitter``, ``offer_frames``, ``Manifest``, ``read_points_file``, ``calibrate`` and
 ``normalised_face`` are the library's own, as the msmface program uses them.
 
@@ -42,6 +44,10 @@ if HAVE_DETECT:
     import sys as _sys
 
     from ._msmface import detect
+    from .watching import Watched, watch
+
+    detect.watch = watch
+    detect.Watched = Watched
 
     # So that `import msmface.detect` and `from msmface.detect import Detector` work too.
     _sys.modules[__name__ + ".detect"] = detect
