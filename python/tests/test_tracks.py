@@ -168,3 +168,156 @@ def test_a_seed_gallery_takes_frames_with_their_points(two_person_gallery_dir, s
     with pytest.raises(ValueError, match="points"):
         r.observe(4, 101, 5.0, image=take[1][0], points=np.zeros((3, 2)))
     assert r.tracks()[0].last_frame == 100
+
+
+# --- Videos assembled from the shared real faces ---------------------------------------------
+
+have_descriptor = msmface.HAVE_DETECT and getattr(msmface.detect, "HAVE_DESCRIPTOR", False)
+CUT, FRAMES = 24, 40  # a hard cut from one group to another at frame 24 of 40
+
+
+@pytest.fixture(scope="module")
+def network():
+    if not have_descriptor:
+        pytest.skip("built without the detector or the descriptor")
+    try:
+        return msmface.detect.Detector(), msmface.detect.Descriptor()
+    except (ValueError, OSError) as e:
+        pytest.skip(f"no model: {e}")
+
+
+def clear_faces(manifest, detector, count):
+    """(identity, row) of the first frame of each of `count` persons whose face is large, found
+    alone by the detector and fitted where the manifest's points are."""
+    chosen = []
+    for who in manifest.identities():
+        for row in (r for r in manifest.rows if r["identity"] == who):
+            p, image = row["points"], manifest._image(row["image"])
+            eyes = np.linalg.norm(p[0] - p[1])
+            if eyes < 35 or image.shape[0] > 230:
+                continue
+            found = detector.detect(image)
+            if len(found) == 1 and found[0].score > 0.5 and \
+                    np.mean(np.linalg.norm(found[0].points - p, axis=1)) < 0.1 * eyes:
+                chosen.append((who, row))
+                break
+        if len(chosen) == count:
+            return chosen
+    pytest.skip("too few clear faces in the shared folder")
+
+
+def cut_out(image, points):
+    """The face and a margin (at most 150 x 170), and where the eyes' midpoint lies in it."""
+    ex, ey = (points[0] + points[1]) / 2
+    h, w = image.shape
+    cw, ch = min(w, 150), min(h, 170)
+    left = int(np.clip(int(ex) - cw // 2, 0, w - cw))
+    top = int(np.clip(int(ey) - ch // 3, 0, h - ch))
+    return image[top:top + ch, left:left + cw], (ex - left, ey - top)
+
+
+def compose(pictures, shown, count, backdrop):
+    """640 x 480 frames with the persons moving a few pixels about their places; shown holds
+    (person, first frame, last frame, left, top). Returns the frames and, per frame, where each
+    shown person's eyes are."""
+    frames, eyes = [], []
+    for t in range(count):
+        frame = np.full((480, 640), backdrop(t), np.uint8)
+        placed = {}
+        for k, first, last, left, top in shown:
+            if first <= t <= last:
+                picture, (ex, ey) = pictures[k]
+                x = int(round(left + 6 * np.sin(0.3 * t + k)))
+                y = int(round(top + 4 * np.cos(0.2 * t + k)))
+                frame[y:y + picture.shape[0], x:x + picture.shape[1]] = picture
+                placed[k] = (x + ex, y + ey)
+        frames.append(frame)
+        eyes.append(placed)
+    return frames, eyes
+
+
+@pytest.fixture(scope="module")
+def stage(shared_faces, network, tmp_path_factory):
+    """Three persons side by side (the third entering at frame 4), a hard cut at CUT to three
+    others on a lighter backdrop (the last entering two frames later), and a gallery of
+    descriptors enrolled from the other videos of five of the six and of one more person who is
+    never shown. Person 5 is shown but not enrolled: nobody's name may land on them."""
+    detector, descriptor = network
+    cast = clear_faces(shared_faces, detector, 7)
+    pictures = [cut_out(shared_faces._image(row["image"]), row["points"]) for _, row in cast]
+    shown = [(0, 0, CUT - 1, 30, 150), (1, 0, CUT - 1, 245, 140), (2, 4, CUT - 1, 460, 160),
+             (3, CUT, FRAMES - 1, 60, 140), (4, CUT, FRAMES - 1, 400, 150),
+             (5, CUT + 2, FRAMES - 1, 230, 290)]
+    frames, eyes = compose(pictures, shown, FRAMES, lambda t: 96 if t < CUT else 170)
+    g = msmface.Gallery(str(tmp_path_factory.mktemp("stage") / "g"), create=True,
+                        patterns="descriptor")
+    for k, (who, row) in enumerate(cast):
+        if k == 5:
+            continue
+        described = []
+        for r in shared_faces.rows:
+            if r["identity"] == who and r["video"] != row["video"]:
+                image = shared_faces._image(r["image"])
+                found = detector.detect(image)
+                try:
+                    described.append(descriptor.compute(image, found[0]))
+                except (IndexError, ValueError):
+                    pass  # no face, or one too small to describe
+        g.enrol(k + 1, who, descriptors=np.vstack(described))
+    return {"detector": detector, "gallery": g, "frames": frames, "eyes": eyes,
+            "names": [who for who, _ in cast], "shown": shown}
+
+
+def under(box, eyes):
+    """The placed persons whose eyes lie inside box."""
+    left, top, width, height = box
+    return [k for k, (x, y) in eyes.items() if left <= x < left + width and top <= y < top + height]
+
+
+WatchKind = msmface.detect.WatchEventKind if msmface.HAVE_DETECT else None
+
+
+def check_watched(steps, stage):
+    """What every watch of the stage must show; returns {track: person} and the names given."""
+    names, eyes = stage["names"], stage["eyes"]
+    person_of, named = {}, {}
+    assert [s.index for s in steps] == list(range(FRAMES + 1))
+    assert [s.finished for s in steps] == [False] * FRAMES + [True]
+    for step in steps[:-1]:
+        t = step.index
+        assert step.cut == (t == CUT), t
+        for face in step.tracks:
+            (k,) = under(tuple(face.box), eyes[t])  # one person under each track's box
+            assert person_of.setdefault(face.track, k) == k, f"track {face.track} changed person"
+            if face.identified:
+                assert face.name == names[k], f"frame {t}: {names[k]} shown as {face.name}"
+        for e in step.events:
+            if e.kind == WatchKind.IDENTIFIED:
+                assert e.frame == t and e.name == names[person_of[e.track]]
+                assert named.setdefault(e.track, e.name) == e.name
+            if e.kind == WatchKind.ENDED and t == CUT:
+                assert person_of[e.track] in (0, 1, 2)
+        if t == CUT:
+            ended = {e.track for e in step.events if e.kind == WatchKind.ENDED}
+            assert ended == {tr for tr, k in person_of.items() if k in (0, 1, 2)}
+            assert all(person_of[f.track] in (3, 4) for f in step.tracks)
+    return person_of, named
+
+
+def test_watch_names_each_person_on_their_own_track_and_ends_tracks_at_the_cut(stage):
+    steps = list(msmface.detect.watch(stage["frames"], stage["gallery"],
+                                      detector=stage["detector"], threads=1))
+    person_of, named = check_watched(steps, stage)
+    # One track per person shown; every enrolled person shown is named on it, the stranger never.
+    assert sorted(person_of.values()) == [0, 1, 2, 3, 4, 5]
+    track_of = {k: tr for tr, k in person_of.items()}
+    assert named == {track_of[k]: stage["names"][k] for k in (0, 1, 2, 3, 4)}
+    # Tracks after the cut have new numbers; the end ends the second group, naming whom it named.
+    assert min(track_of[k] for k in (3, 4, 5)) > max(track_of[k] for k in (0, 1, 2))
+    last = steps[-1]
+    assert last.tracks == [] and last.frame is None and last.time == pytest.approx(39 / 25)
+    assert {e.track: e.name for e in last.events} == {
+        track_of[3]: stage["names"][3], track_of[4]: stage["names"][4], track_of[5]: ""}
+    assert all(e.kind == WatchKind.ENDED for e in last.events)
+    # Times come from the rate given.
+    assert [s.time for s in steps[:-1]] == pytest.approx([t / 25 for t in range(FRAMES)])
