@@ -90,6 +90,9 @@ def watch(source: Source, gallery: "_msmface.Gallery", *,
     if rate is not None and (isinstance(rate, bool) or not isinstance(rate, (int, float)) or
                              not math.isfinite(rate) or rate <= 0):
         raise ValueError(f"rate: expected a positive number of frames a second, got {rate!r}")
+    if not isinstance(format, str) or format.lower() not in ("bgr", "rgb"):
+        # Grey frames never read it: a wrong one is told at the call, not at the first colour frame.
+        raise ValueError(f'format: expected "bgr" or "rgb", got {format!r}')
     frames = _frames(source, rate)
     if detector is None:
         detector = detect.Detector()

@@ -321,3 +321,102 @@ def test_watch_names_each_person_on_their_own_track_and_ends_tracks_at_the_cut(s
     assert all(e.kind == WatchKind.ENDED for e in last.events)
     # Times come from the rate given.
     assert [s.time for s in steps[:-1]] == pytest.approx([t / 25 for t in range(FRAMES)])
+
+
+def test_the_tracker_follows_each_face_and_refuses_bad_frames(stage):
+    tracker = msmface.detect.Tracker(stage["detector"])
+    frames, eyes = stage["frames"], stage["eyes"]
+    TrackerKind = msmface.detect.TrackerEventKind
+    person_of, started, ended = {}, {}, {}
+    for t, frame in enumerate(frames):
+        if t == 10:
+            # A bad frame in between is refused and neither counted nor changes a track.
+            live = tracker.live_tracks
+            for bad, words in ((frame.astype(np.float32), "frame: expected a uint8 array"),
+                               (frame[:1], "at least 2 x 2"), ([[1, 2], [3, 4]], "numpy array")):
+                with pytest.raises(ValueError, match=words):
+                    tracker.update(bad)
+            assert tracker.live_tracks == live
+        step = tracker.update(frame)
+        assert step.index == t and step.cut == (t == CUT)
+        for face in step.faces:
+            (k,) = under(tuple(face.face.box), eyes[t])
+            assert person_of.setdefault(face.track, k) == k
+            assert face.face.points.shape == (14, 2) and face.face.landmarks.shape == (68, 2)
+        for e in step.events:
+            assert e.frame == t
+            (started if e.kind == TrackerKind.STARTED else ended)[e.track] = e
+    assert {tr for tr, e in ended.items()} == {tr for tr, k in person_of.items() if k < 3}
+    assert all(e.frame == CUT and e.last_frame == CUT - 1 for e in ended.values())
+    finished = tracker.finish()
+    assert [e.track for e in finished] == sorted(tr for tr, k in person_of.items() if k >= 3)
+    assert all(e.kind == TrackerKind.ENDED and e.frames_seen > 0 for e in finished)
+    assert tracker.live_tracks == 0 and len(started) == 6
+    for kwargs, words in (({"max_faces": 0}, "max_faces: expected 1 to 64, got 0"),
+                          ({"detect_every": 1001}, "detect_every: expected 1 to 1000"),
+                          ({"keep_unseen": -1}, "keep_unseen: expected 0 to 1000"),
+                          ({"cut_threshold": "high"}, "cut_threshold: expected a number"),
+                          ({"min_face_side": 1.5}, "min_face_side: expected an integer")):
+        with pytest.raises(ValueError, match=words):
+            msmface.detect.Tracker(stage["detector"], **kwargs)
+
+
+def test_a_video_file_is_watched_with_its_own_times(stage, tmp_path):
+    testing = pytest.importorskip("_msmface_testing")
+    if not msmface.HAVE_VIDEO or not hasattr(testing, "write_video"):
+        pytest.skip("built without OpenCV's video reading")
+    path = str(tmp_path / "stage.avi")
+    testing.write_video(path, [np.repeat(f[:, :, None], 3, axis=2) for f in stage["frames"]], 10.0)
+    steps = list(msmface.detect.watch(path, stage["gallery"], detector=stage["detector"],
+                                      threads=1))
+    # The compressed frames are not the originals to the pixel: the same persons, tracks and cut.
+    person_of, named = check_watched(steps, stage)
+    assert sorted(set(person_of.values())) == [0, 1, 2, 3, 4, 5]
+    assert sorted(named.values()) == sorted(stage["names"][k] for k in range(5))
+    assert [s.time for s in steps[:-1]] == pytest.approx([t / 10 for t in range(FRAMES)])
+    with pytest.raises(ValueError, match="rate: a video file's times come from its own"):
+        msmface.detect.watch(path, stage["gallery"], detector=stage["detector"], rate=30)
+    notes = tmp_path / "notes.avi"
+    notes.write_text("these are notes, not a video")
+    with pytest.raises(OSError, match="notes.avi: not a video that can be decoded"):
+        msmface.detect.watch(str(notes), stage["gallery"], detector=stage["detector"])
+
+
+def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_back(stage):
+    g, detector, frames = stage["gallery"], stage["detector"], stage["frames"][:8]
+    for kwargs, words in (({"confirm_frames": 0}, "confirm_frames: expected 1 to 1000, got 0"),
+                          ({"threads": 17}, "threads: expected 0 to 16, got 17"),
+                          ({"rate": 0}, "rate: expected a positive number"),
+                          ({"rate": float("nan")}, "rate: expected a positive number"),
+                          ({"format": "cmyk"}, 'format: expected "bgr" or "rgb", got \'cmyk\'')):
+        with pytest.raises(ValueError, match=words):
+            msmface.detect.watch(frames, g, detector=detector, **kwargs)
+    with pytest.raises(TypeError):
+        msmface.detect.watch(frames, g, detector=detector, colour="bgr")
+    # A bad frame is reported by its number after the good ones before it were watched.
+    broken = frames[:3] + [frames[3].astype(np.int16)] + frames[4:]
+    steps = msmface.detect.watch(broken, g, detector=detector, threads=1)
+    assert [next(steps).index for _ in range(3)] == [0, 1, 2]
+    with pytest.raises(ValueError, match="^frame 3: frame: expected a uint8 array"):
+        next(steps)
+    with pytest.raises(ValueError, match=r"source\[1\]: expected a frame array or a \(frame, "):
+        list(msmface.detect.watch([frames[0], "frame"], g, detector=detector, threads=1))
+    # Times given with the frames: going back breaks the video as a cut does, and a time that is
+    # not a number is refused.
+    times = [0.0, 0.04, 0.08, 0.12, 0.02, 0.06, 0.10, 0.14]
+    steps = list(msmface.detect.watch(list(zip(frames, times)), g, detector=detector, threads=1))
+    before = {f.track for f in steps[3].tracks}
+    assert len(before) == 2 and not steps[3].cut and steps[4].cut
+    assert {e.track for e in steps[4].events if e.kind == WatchKind.ENDED} == before
+    assert not before & {f.track for f in steps[4].tracks}
+    assert [s.time for s in steps[:-1]] == pytest.approx(times)
+    with pytest.raises(ValueError, match="^frame 0: time: expected a number, got str"):
+        next(msmface.detect.watch([(frames[0], "noon")], g, detector=detector))
+    watcher = msmface.detect.Watcher(detector, g, threads=1)
+    with pytest.raises(ValueError, match="frame: expected a uint8 array of shape"):
+        watcher.update(np.zeros((4, 4, 2), np.uint8), 0.0)
+    first = watcher.update(frames[0], 0.0)
+    assert first.index == 0 and len(first.faces) == 2
+    assert [t.track for t in watcher.tracks] == [f.track for f in first.faces]
+    assert [e.track for e in watcher.finish()] == [f.track for f in first.faces]
+    assert watcher.tracks == []
