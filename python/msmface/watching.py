@@ -35,7 +35,7 @@ class Watched:
     events: List[Any] = field(default_factory=list)
     tracks: List[Any] = field(default_factory=list)
     cut: bool = False
-    frame: Optional[np.ndarray] = None
+    frame: Optional[np.ndarray] = field(default=None, repr=False)
     finished: bool = False
 
 
