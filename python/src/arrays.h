@@ -88,6 +88,13 @@ double realArgument(const py::handle& value, const char* name);
 int optionalIntArgument(const py::handle& value, int unset, const char* name,
                         long long lo = INT_MIN, long long hi = INT_MAX);
 
+// The name a bound enumeration gives a value ("STARTED"), for the results' repr. requires: the
+// GIL is held and E is bound.
+template <class E>
+std::string enumName(E value) {
+    return py::str(py::cast(value).attr("name")).cast<std::string>();
+}
+
 }  // namespace msmpy
 
 #endif  // MSMFACE_PYTHON_ARRAYS_H

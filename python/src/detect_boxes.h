@@ -6,6 +6,7 @@
 #ifdef MSMFACE_PYTHON_DETECT
 
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include <pybind11/pybind11.h>
@@ -32,6 +33,12 @@ struct DescriptorBox {
     std::mutex lock;
 };
 #endif
+
+// "(left, top, width, height)", for the results' repr.
+inline std::string boxText(const msmface::FaceBox& b) {
+    return "(" + std::to_string(b.left) + ", " + std::to_string(b.top) + ", " +
+           std::to_string(b.width) + ", " + std::to_string(b.height) + ")";
+}
 
 // msmface.detect.Tracker and its results, added to the submodule d after Detector, Face and
 // FaceBox.

@@ -30,11 +30,6 @@ struct TrackerBox {
     std::mutex lock;
 };
 
-std::string boxText(const msmface::FaceBox& b) {
-    return "(" + std::to_string(b.left) + ", " + std::to_string(b.top) + ", " +
-           std::to_string(b.width) + ", " + std::to_string(b.height) + ")";
-}
-
 }  // namespace
 
 void bindTracker(py::module_& d) {
@@ -57,10 +52,8 @@ box: where the face started (STARTED) or was last seen (ENDED). frames_seen and 
         .def_readonly("frames_seen", &Event::framesSeen)
         .def_readonly("last_frame", &Event::lastFrame)
         .def("__repr__", [](const Event& e) {
-            return std::string("TrackerEvent(") +
-                   (e.kind == Event::Kind::Started ? "STARTED" : "ENDED") +
-                   ", track=" + std::to_string(e.track) + ", frame=" + std::to_string(e.frame) +
-                   ", box=" + boxText(e.box) + ")";
+            return "TrackerEvent(" + enumName(e.kind) + ", track=" + std::to_string(e.track) +
+                   ", frame=" + std::to_string(e.frame) + ", box=" + boxText(e.box) + ")";
         });
 
     py::class_<msmface::TrackedFace>(d, "TrackedFace", "A face of the current frame.")

@@ -31,18 +31,6 @@ struct TrackRecognitionBox {
     std::mutex lock;
 };
 
-std::string kindName(msmface::TrackEventKind kind) {
-    switch (kind) {
-        case msmface::TrackEventKind::Started:
-            return "STARTED";
-        case msmface::TrackEventKind::Identified:
-            return "IDENTIFIED";
-        case msmface::TrackEventKind::Ended:
-            return "ENDED";
-    }
-    return "?";
-}
-
 using Events = msmface::Result<std::vector<msmface::TrackEvent>>;
 
 }  // namespace
@@ -73,7 +61,7 @@ frames the track was observed at, and those whose face was recognised. Other fie
         .def_readonly("frames_seen", &msmface::TrackEvent::framesSeen)
         .def_readonly("faces_used", &msmface::TrackEvent::facesUsed)
         .def("__repr__", [](const msmface::TrackEvent& e) {
-            return "TrackEvent(" + kindName(e.kind) + ", track=" + std::to_string(e.track) +
+            return "TrackEvent(" + enumName(e.kind) + ", track=" + std::to_string(e.track) +
                    ", frame=" + std::to_string(e.frame) + ", time=" + std::to_string(e.time) +
                    ", person=" + std::to_string(e.person) + ", name='" + e.name +
                    "', score=" + std::to_string(e.score) + ")";

@@ -34,23 +34,6 @@ struct WatcherBox {
     std::mutex lock;
 };
 
-const char* kindName(msmface::WatchEventKind kind) {
-    switch (kind) {
-        case msmface::WatchEventKind::Started:
-            return "STARTED";
-        case msmface::WatchEventKind::Identified:
-            return "IDENTIFIED";
-        case msmface::WatchEventKind::Ended:
-            return "ENDED";
-    }
-    return "?";
-}
-
-std::string boxText(const msmface::FaceBox& b) {
-    return "(" + std::to_string(b.left) + ", " + std::to_string(b.top) + ", " +
-           std::to_string(b.width) + ", " + std::to_string(b.height) + ")";
-}
-
 std::string nameText(int person, const std::string& name) {
     return person == 0 ? std::string("unknown") : "'" + name + "'";
 }
@@ -84,7 +67,7 @@ and faces_used (ENDED): the frames its face was seen in, and those whose face wa
         .def_readonly("frames_seen", &msmface::WatchEvent::framesSeen)
         .def_readonly("faces_used", &msmface::WatchEvent::facesUsed)
         .def("__repr__", [](const msmface::WatchEvent& e) {
-            return std::string("WatchEvent(") + kindName(e.kind) +
+            return std::string("WatchEvent(") + enumName(e.kind) +
                    ", track=" + std::to_string(e.track) + ", frame=" + std::to_string(e.frame) +
                    ", time=" + std::to_string(e.time) + ", box=" + boxText(e.box) +
                    ", person=" + nameText(e.person, e.name) + ", score=" + std::to_string(e.score) +

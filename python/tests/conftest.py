@@ -36,6 +36,17 @@ def shared_faces():
 
 
 @pytest.fixture(scope="session")
+def network():
+    """(Detector, Descriptor) with the default models, loaded once; skips without them."""
+    if not (msmface.HAVE_DETECT and getattr(msmface.detect, "HAVE_DESCRIPTOR", False)):
+        pytest.skip("built without the detector or the descriptor")
+    try:
+        return msmface.detect.Detector(), msmface.detect.Descriptor()
+    except (ValueError, OSError) as e:
+        pytest.skip(f"no model: {e}")
+
+
+@pytest.fixture(scope="session")
 def two_person_gallery_dir(tmp_path_factory, synth):
     """A gallery of two synthetic persons (ids 1 and 2), made once; tests copy or only read it."""
     d = str(tmp_path_factory.mktemp("gallery2") / "faces")

@@ -189,16 +189,6 @@ needs_descriptor = pytest.mark.skipif(not have_descriptor, reason="built without
 
 
 @pytest.fixture(scope="module")
-def network():
-    if not have_descriptor:
-        pytest.skip("built without the descriptor")
-    try:
-        return msmface.detect.Detector(), msmface.detect.Descriptor()
-    except ValueError as e:
-        pytest.skip(f"no model: {e}")
-
-
-@pytest.fixture(scope="module")
 def reference_faces(shared_faces):
     """(frame, reference descriptor) of the six reference chips, persons two chips each."""
     base = os.path.dirname(os.path.dirname(os.path.abspath(shared_faces.path)))

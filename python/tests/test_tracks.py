@@ -172,18 +172,7 @@ def test_a_seed_gallery_takes_frames_with_their_points(two_person_gallery_dir, s
 
 # --- Videos assembled from the shared real faces ---------------------------------------------
 
-have_descriptor = msmface.HAVE_DETECT and getattr(msmface.detect, "HAVE_DESCRIPTOR", False)
 CUT, FRAMES = 24, 40  # a hard cut from one group to another at frame 24 of 40
-
-
-@pytest.fixture(scope="module")
-def network():
-    if not have_descriptor:
-        pytest.skip("built without the detector or the descriptor")
-    try:
-        return msmface.detect.Detector(), msmface.detect.Descriptor()
-    except (ValueError, OSError) as e:
-        pytest.skip(f"no model: {e}")
 
 
 def clear_faces(manifest, detector, count):
@@ -323,7 +312,7 @@ def test_watch_names_each_person_on_their_own_track_and_ends_tracks_at_the_cut(s
     assert [s.time for s in steps[:-1]] == pytest.approx([t / 25 for t in range(FRAMES)])
 
 
-def test_the_tracker_follows_each_face_and_refuses_bad_frames(stage):
+def test_the_tracker_follows_each_face_and_refuses_bad_frames(stage, gil_probe):
     tracker = msmface.detect.Tracker(stage["detector"])
     frames, eyes = stage["frames"], stage["eyes"]
     TrackerKind = msmface.detect.TrackerEventKind
@@ -352,6 +341,8 @@ def test_the_tracker_follows_each_face_and_refuses_bad_frames(stage):
     assert [e.track for e in finished] == sorted(tr for tr, k in person_of.items() if k >= 3)
     assert all(e.kind == TrackerKind.ENDED and e.frames_seen > 0 for e in finished)
     assert tracker.live_tracks == 0 and len(started) == 6
+    # A frame's search runs without the GIL: other Python threads go on meanwhile.
+    assert gil_probe(lambda: tracker.update(frames[0]))
     for kwargs, words in (({"max_faces": 0}, "max_faces: expected 1 to 64, got 0"),
                           ({"detect_every": 1001}, "detect_every: expected 1 to 1000"),
                           ({"keep_unseen": -1}, "keep_unseen: expected 0 to 1000"),
@@ -382,7 +373,8 @@ def test_a_video_file_is_watched_with_its_own_times(stage, tmp_path):
         msmface.detect.watch(str(notes), stage["gallery"], detector=stage["detector"])
 
 
-def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_back(stage):
+def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_back(stage,
+                                                                                  gil_probe):
     g, detector, frames = stage["gallery"], stage["detector"], stage["frames"][:8]
     for kwargs, words in (({"confirm_frames": 0}, "confirm_frames: expected 1 to 1000, got 0"),
                           ({"threads": 17}, "threads: expected 0 to 16, got 17"),
@@ -416,7 +408,9 @@ def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_b
     with pytest.raises(ValueError, match="frame: expected a uint8 array of shape"):
         watcher.update(np.zeros((4, 4, 2), np.uint8), 0.0)
     first = watcher.update(frames[0], 0.0)
+    assert gil_probe(lambda: watcher.update(frames[1], 0.04))
     assert first.index == 0 and len(first.faces) == 2
     assert [t.track for t in watcher.tracks] == [f.track for f in first.faces]
+    assert all(t.first_frame == 0 and t.last_frame == 1 for t in watcher.tracks)
     assert [e.track for e in watcher.finish()] == [f.track for f in first.faces]
     assert watcher.tracks == []
