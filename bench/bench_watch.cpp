@@ -11,17 +11,24 @@
 // would see a person sitting still; the three cuts between them cost a detection each. The gallery:
 // 100 synthetic persons (tools/synth), kept between runs in the working folder
 // (bench-watch-gallery/), as enrolling them takes a minute.
+//
+// Every face at once: BM_Watcher runs the Watcher (tracker, descriptors on one or two threads,
+// recognition of every track) on videos of 1, 3 and 6 persons side by side, and BM_TrackerGroup
+// the tracker alone on them, so that the share of describing and recognising can be read off.
 #include <benchmark/benchmark.h>
 
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <msmface/detect.h>
 #include <msmface/gallery.h>
+#include <msmface/tracker.h>
+#include <msmface/watcher.h>
 #ifdef MSMFACE_BENCH_DESCRIPTOR
 #include <random>
 
@@ -353,6 +360,150 @@ BENCHMARK(BM_WatchFrameDescriptors)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(5.0);
 #endif
+
+// Several persons at once: n persons of ../shared/faces side by side in 200 x 220 tiles (one row
+// of three, a second row for more), each tile showing four of the person's frames held for a
+// second while they drift, as a fixed camera sees people sitting still. The stills change
+// together: three cuts per hundred frames, each a detection and new tracks.
+std::vector<cv::Mat> makeGroupVideo(int n) {
+    std::string error;
+    std::map<std::string, std::vector<cv::Mat>> stills;
+    std::vector<std::string> order;
+    for (const msmbench::FaceRow& row : msmbench::readFaceManifest(error)) {
+        if (stills.count(row.identity) == 0) {
+            if (static_cast<int>(order.size()) == n) continue;
+            order.push_back(row.identity);
+        }
+        std::vector<cv::Mat>& mine = stills[row.identity];
+        if (mine.size() == kStills) continue;
+        cv::Mat still = cv::imread(msmbench::facesFolder() + "/" + row.image, cv::IMREAD_COLOR);
+        if (still.empty()) continue;
+        cv::resize(still, still, cv::Size(200, 220), 0, 0, cv::INTER_LINEAR);
+        mine.push_back(still);
+    }
+    std::vector<cv::Mat> video;
+    if (static_cast<int>(order.size()) < n) return video;
+    for (int s = 0; s < kStills; ++s)
+        for (int k = 0; k < kHold; ++k) {
+            cv::Mat frame(kHeight, kWidth, CV_8UC3, cv::Scalar(90, 100, 110));
+            for (int i = 0; i < n; ++i) {
+                const std::vector<cv::Mat>& mine = stills[order[i]];
+                const cv::Mat& still = mine[s % mine.size()];
+                const int x = 12 + 210 * (i % 3) + k / 4, y = 10 + 235 * (i / 3) + k / 6;
+                still.copyTo(frame(cv::Rect(x, y, still.cols, still.rows)));
+            }
+            video.push_back(frame);
+        }
+    return video;
+}
+
+const std::vector<cv::Mat>& groupVideo(int n) {
+    static std::map<int, std::vector<cv::Mat>> made;
+    auto found = made.find(n);
+    if (found == made.end()) {
+        found = made.emplace(n, makeGroupVideo(n)).first;
+        // Also as a file, for timing msmface watch on it end to end.
+        if (!found->second.empty()) {
+            cv::VideoWriter writer("bench-watch-group" + std::to_string(n) + ".avi", cv::CAP_FFMPEG,
+                                   cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 25,
+                                   found->second.front().size());
+            for (const cv::Mat& f : found->second) writer.write(f);
+        }
+    }
+    return found->second;
+}
+
+// The group video of state.range(0) faces, or null with the benchmark skipped.
+const std::vector<cv::Mat>* groupVideoFor(benchmark::State& state) {
+    if (!ready(state)) return nullptr;
+    const std::vector<cv::Mat>& video = groupVideo(static_cast<int>(state.range(0)));
+    if (!video.empty()) return &video;
+    state.SkipWithError("../shared/faces has too few persons");
+    return nullptr;
+}
+
+// The Tracker alone on the group video: finding and following every face, the part of a
+// Watcher's frame that does not depend on the gallery. state.range(0): faces in the picture.
+void BM_TrackerGroup(benchmark::State& state) {
+    const std::vector<cv::Mat>* group = groupVideoFor(state);
+    if (group == nullptr) return;
+    const std::vector<cv::Mat>& video = *group;
+    Fixture& fx = fixture();
+    msmface::Result<msmface::Tracker> tracker = msmface::Tracker::create(*fx.detector);
+    if (!tracker) {
+        state.SkipWithError(tracker.message().c_str());
+        return;
+    }
+    std::size_t k = 0;
+    double faces = 0;
+    for (auto _ : state) {
+        auto f = tracker->update(viewOf(video[k]));
+        faces += f ? static_cast<double>(f->faces.size()) : 0;
+        k = (k + 1) % video.size();
+    }
+    setRate(state);
+    state.counters["faces"] = faces / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_TrackerGroup)
+    ->Arg(1)
+    ->Arg(3)
+    ->Arg(6)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(2.0);
+
+// A Watcher, per frame: every face tracked, described (descriptors) or normalised (seed), and
+// recognised against 100 persons. Arguments: faces in the picture; 0 seed patterns, 1
+// descriptors; threads describing the faces. Wall time: the threads' gain shows there.
+void BM_Watcher(benchmark::State& state) {
+    const std::vector<cv::Mat>* group = groupVideoFor(state);
+    if (group == nullptr) return;
+    const std::vector<cv::Mat>& video = *group;
+    Fixture& fx = fixture();
+    msmface::Gallery* gallery = fx.gallery.get();
+#ifdef MSMFACE_BENCH_DESCRIPTOR
+    if (state.range(1) == 1) {
+        DescriptorFixture& dx = descriptorFixture();
+        if (!dx.error.empty()) {
+            state.SkipWithError(dx.error.c_str());
+            return;
+        }
+        gallery = dx.gallery.get();
+    }
+#else
+    if (state.range(1) == 1) {
+        state.SkipWithError("built without the descriptor");
+        return;
+    }
+#endif
+    msmface::WatcherOptions options;
+    options.threads = static_cast<int>(state.range(2));
+    msmface::Result<msmface::Watcher> watcher =
+        msmface::Watcher::create(*fx.detector, *gallery, options);
+    if (!watcher) {
+        state.SkipWithError(watcher.message().c_str());
+        return;
+    }
+    std::size_t k = 0;
+    double faces = 0, used = 0;
+    for (auto _ : state) {
+        auto f = watcher->update(viewOf(video[k % video.size()]), static_cast<double>(k) / 25);
+        if (f) {
+            faces += static_cast<double>(f->faces.size());
+            for (const auto& face : f->faces) used += face.used ? 1 : 0;
+        }
+        ++k;
+    }
+    setRate(state);
+    state.counters["faces"] = faces / static_cast<double>(state.iterations());
+    state.counters["used"] = used / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_Watcher)
+    ->ArgNames({"faces", "descriptors", "threads"})
+    ->ArgsProduct({{1, 3, 6}, {0, 1}, {1, 2}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(2.0);
 
 // Mixing a BGR frame down to grey, which the stream does before it normalises.
 void BM_GreyOfFrame(benchmark::State& state) {

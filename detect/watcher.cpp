@@ -58,24 +58,20 @@ void Watcher::Impl::endTracks(const std::vector<TrackerEvent>& ended,
     for (const TrackerEvent& t : ended) {
         if (t.kind != TrackerEvent::Kind::Ended) continue;
         WatchEvent e;
+        // A track the recognition refused (more live tracks than it takes) ends unknown.
+        Result<TrackEvent> r = recognition.end(t.track);
+        if (r.ok()) static_cast<TrackEvent&>(e) = std::move(r).value();
         e.kind = WatchEventKind::Ended;
         e.track = t.track;
-        e.frame = t.lastFrame;
         e.box = t.box;
-        e.framesSeen = t.framesSeen;
+        e.framesSeen = static_cast<int>(t.framesSeen);
         const auto found = live.find(t.track);
         if (found != live.end()) {
             e.frame = found->second.lastFrame;
             e.time = found->second.lastTime;
             live.erase(found);
-        }
-        // A track the recognition refused (more live tracks than it takes) ends unknown.
-        Result<TrackEvent> r = recognition.end(t.track);
-        if (r.ok()) {
-            e.person = r->person;
-            e.name = r->name;
-            e.score = r->score;
-            e.facesUsed = r->facesUsed;
+        } else {
+            e.frame = t.lastFrame;
         }
         out.push_back(std::move(e));
     }
@@ -108,14 +104,8 @@ void Watcher::Impl::observe(const FrameView& frame, const TrackerFrame& tracked,
         for (TrackEvent& r : *events) {
             if (r.kind != TrackEventKind::Identified) continue;
             WatchEvent e;
-            e.kind = WatchEventKind::Identified;
-            e.track = f.track;
-            e.frame = index;
-            e.time = time;
+            static_cast<TrackEvent&>(e) = std::move(r);
             e.box = f.face.box;
-            e.person = r.person;
-            e.name = std::move(r.name);
-            e.score = r.score;
             identified.push_back(std::move(e));
         }
     }
@@ -234,20 +224,17 @@ std::vector<WatchedTrack> Watcher::tracks() const {
     for (TrackStatus& s : impl_->recognition.tracks()) status.emplace(s.track, std::move(s));
     for (const auto& [number, l] : impl_->live) {
         WatchedTrack t;
-        t.track = number;
-        t.box = l.box;
-        t.firstFrame = l.firstFrame;
-        t.lastFrame = l.lastFrame;
-        t.firstTime = l.firstTime;
-        t.lastTime = l.lastTime;
         const auto s = status.find(number);
         if (s != status.end()) {
-            t.framesSeen = s->second.framesSeen;
-            t.facesUsed = s->second.facesUsed;
-            t.person = s->second.person;
-            t.name = s->second.name;
-            t.score = s->second.score;
+            static_cast<TrackStatus&>(t) = std::move(s->second);
+        } else {
+            t.track = number;
+            t.firstFrame = l.firstFrame;
+            t.lastFrame = l.lastFrame;
+            t.firstTime = l.firstTime;
+            t.lastTime = l.lastTime;
         }
+        t.box = l.box;
         out.push_back(std::move(t));
     }
     return out;

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
 
@@ -17,6 +20,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "cli_support.h"
+#include "json_flat.h"
 
 namespace {
 
@@ -222,6 +226,234 @@ TEST_F(RealFaces, APersonEnrolledFromAVideoIsWatchedAndAStrangerIsNot) {
     r = RunCli("recognise '" + dir + "' --video '" + person + "' --frames 20");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("   1    1  amy ")) << r.out;
+}
+
+// One event of watch, as a printed line or a line of the events file says it.
+struct PrintedEvent {
+    std::string kind;
+    long long track = 0, frame = -1, framesSeen = -1;
+    double time = 0;
+    int left = 0, top = 0, width = 0, height = 0;  // started only: the printed box
+    int person = 0, score = 0;
+    std::string name;
+};
+
+// The printed event lines ("mm:ss.sss  track N ..."), in order; other lines are skipped.
+std::vector<PrintedEvent> PrintedEvents(const std::string& out) {
+    std::vector<PrintedEvent> events;
+    std::size_t at = 0;
+    while (at < out.size()) {
+        const std::size_t end = std::min(out.find('\n', at), out.size());
+        const std::string line = out.substr(at, end - at);
+        at = end + 1;
+        int minutes = 0;
+        double seconds = 0;
+        long long track = 0;
+        int used = 0;
+        if (std::sscanf(line.c_str(), "%d:%lf  track %lld %n", &minutes, &seconds, &track, &used) !=
+                3 ||
+            used == 0)
+            continue;
+        PrintedEvent e;
+        e.track = track;
+        e.time = minutes * 60 + seconds;
+        const std::string rest = line.substr(static_cast<std::size_t>(used));
+        if (rest.rfind("started at frame ", 0) == 0) {
+            e.kind = "started";
+            EXPECT_EQ(std::sscanf(rest.c_str(), "started at frame %lld, box %d,%d %dx%d", &e.frame,
+                                  &e.left, &e.top, &e.width, &e.height),
+                      5)
+                << line;
+        } else if (rest.rfind("identified ", 0) == 0) {
+            e.kind = "identified";
+            const std::size_t id = rest.rfind(" (ID ");
+            EXPECT_NE(id, std::string::npos) << line;
+            e.name = rest.substr(11, id - 11);
+            EXPECT_EQ(std::sscanf(rest.c_str() + id, " (ID %d), score %d", &e.person, &e.score), 2)
+                << line;
+        } else if (rest.rfind("ended after ", 0) == 0) {
+            e.kind = "ended";
+            int read = 0;
+            EXPECT_EQ(
+                std::sscanf(rest.c_str(), "ended after %lld frames: %n", &e.framesSeen, &read), 1)
+                << line;
+            const std::string who = rest.substr(static_cast<std::size_t>(read));
+            const std::size_t best = who.rfind(", best score ");
+            EXPECT_NE(best, std::string::npos) << line;
+            e.score = std::atoi(who.c_str() + best + 13);
+            const std::string named = who.substr(0, best);
+            const std::size_t id = named.rfind(" (ID ");
+            if (named != "unknown") {
+                EXPECT_NE(id, std::string::npos) << line;
+                e.name = named.substr(0, id);
+                e.person = std::atoi(named.c_str() + id + 5);
+            }
+        } else {
+            ADD_FAILURE() << "not an event line: " << line;
+            continue;
+        }
+        events.push_back(e);
+    }
+    return events;
+}
+
+// The events file, line by line; every line must be one JSON object with the documented fields.
+std::vector<PrintedEvent> FileEvents(const std::string& text) {
+    std::vector<PrintedEvent> events;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t end = text.find('\n', at);
+        EXPECT_NE(end, std::string::npos) << "the last line ends with a newline";
+        const std::string line = text.substr(at, end == std::string::npos ? end : end - at);
+        at = end == std::string::npos ? text.size() : end + 1;
+        clitest::JsonFlat json;
+        if (!json.parse(line)) {
+            ADD_FAILURE() << "not JSON: " << line;
+            continue;
+        }
+        PrintedEvent e;
+        e.kind = json.values["event"];
+        e.track = static_cast<long long>(json.number("track"));
+        e.frame = static_cast<long long>(json.number("frame"));
+        e.time = json.number("time");
+        e.left = static_cast<int>(json.number("box[0]"));
+        e.top = static_cast<int>(json.number("box[1]"));
+        e.width = static_cast<int>(json.number("box[2]"));
+        e.height = static_cast<int>(json.number("box[3]"));
+        EXPECT_GT(e.width, 0) << line;
+        EXPECT_GE(e.frame, 0) << line;
+        if (e.kind != "started") {
+            EXPECT_EQ(json.values.count("person"), 1u) << line;
+            e.person = static_cast<int>(json.number("person"));
+            e.name = json.values["name"];
+            e.score = static_cast<int>(json.number("score"));
+        }
+        if (e.kind == "ended") e.framesSeen = static_cast<long long>(json.number("frames_seen"));
+        events.push_back(e);
+    }
+    return events;
+}
+
+// Two enrolled persons side by side (the second entering later), then a cut to a stranger alone
+// on another backdrop: watch prints one line per event, the events file says the same events in
+// the same order, names land only on their own side of the picture, and the annotated video has
+// every frame.
+TEST_F(RealFaces, WatchEventsFileAgreesWithThePrintedLines) {
+    Scratch work;
+    const std::string dir = work / "dict";
+    for (const auto& [name, identity] :
+         std::vector<std::pair<std::string, std::string>>{{"amy", kPerson}, {"agnes", kOther}}) {
+        const std::string video = PersonVideo(work, identity, 5);
+        ASSERT_FALSE(video.empty()) << "video writer failed";
+        const CliRun r =
+            RunCli("enrol '" + dir + "' --id " + (name == "amy" ? "1" : "2") + " --name " + name +
+                   " --video '" + video + "' --copies 2 --jitter 1");
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+    // Each person's frames, in a 240 x 260 tile, each shown for three frames.
+    auto tile = [&](const std::string& identity, int k) {
+        const auto& rows = rows_.at(identity);
+        cv::Mat f = cv::imread(kFaces + "/" + rows[(k / 3) % rows.size()].image, cv::IMREAD_COLOR);
+        cv::resize(f, f, cv::Size(240, 260));
+        return f;
+    };
+    constexpr int kCut = 60, kFrames = 84;
+    std::vector<cv::Mat> frames;
+    for (int t = 0; t < kFrames; ++t) {
+        cv::Mat f(480, 640, CV_8UC3, cv::Scalar::all(t < kCut ? 90 : 180));
+        if (t < kCut) {
+            tile(kPerson, t).copyTo(f(cv::Rect(40, 110, 240, 260)));
+            if (t >= 15) tile(kOther, t).copyTo(f(cv::Rect(360, 110, 240, 260)));
+        } else {
+            tile(kStranger, t).copyTo(f(cv::Rect(200, 110, 240, 260)));
+        }
+        frames.push_back(f);
+    }
+    const std::string video = work / "three.avi";
+    ASSERT_TRUE(WriteVideo(video, frames));
+    const std::string events = work / "events.jsonl", annotated = work / "drawn.avi";
+    const CliRun r =
+        RunCli("watch '" + dir + "' --video '" + video + "' --threshold 700 --events '" + events +
+               "' --annotate '" + annotated + "'");
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    const std::vector<PrintedEvent> printed = PrintedEvents(r.out);
+    const std::vector<PrintedEvent> written = FileEvents(ReadText(events));
+    ASSERT_EQ(printed.size(), written.size()) << r.out;
+    std::map<long long, int> started, ended;
+    std::set<long long> tracksBeforeCut;
+    std::map<std::string, int> identified;
+    for (std::size_t i = 0; i < printed.size(); ++i) {
+        const PrintedEvent& p = printed[i];
+        const PrintedEvent& w = written[i];
+        SCOPED_TRACE("event " + std::to_string(i) + ": " + w.kind + " of track " +
+                     std::to_string(w.track));
+        EXPECT_EQ(p.kind, w.kind);
+        EXPECT_EQ(p.track, w.track);
+        EXPECT_NEAR(p.time, w.time, 0.0006);  // printed to the millisecond
+        EXPECT_EQ(p.person, w.person);
+        EXPECT_EQ(p.name, w.name);
+        EXPECT_EQ(p.score, w.score);
+        if (w.kind == "started") {
+            EXPECT_EQ(p.frame, w.frame);
+            EXPECT_EQ(p.left, w.left);
+            EXPECT_EQ(p.top, w.top);
+            EXPECT_EQ(p.width, w.width);
+            EXPECT_EQ(p.height, w.height);
+            EXPECT_EQ(started[w.track]++, 0) << "started twice";
+            if (w.frame < kCut) tracksBeforeCut.insert(w.track);
+        }
+        if (w.kind == "ended") {
+            EXPECT_EQ(p.framesSeen, w.framesSeen);
+            EXPECT_GT(w.framesSeen, 0);
+            EXPECT_EQ(ended[w.track]++, 0) << "ended twice";
+            EXPECT_EQ(started.count(w.track), 1u) << "ended before it started";
+            if (tracksBeforeCut.count(w.track) != 0) {
+                EXPECT_LT(w.frame, kCut) << "a track of the first shot lived past the cut";
+            }
+        }
+        if (w.kind == "identified") {
+            ++identified[w.name];
+            // The name belongs to the person on that side of the picture; the stranger has none.
+            EXPECT_LT(w.frame, kCut) << "the stranger was named " << w.name;
+            const int centre = w.left + w.width / 2;
+            EXPECT_EQ(w.name, centre < 320 ? "amy" : "agnes") << "box at " << w.left;
+            EXPECT_EQ(w.person, w.name == "amy" ? 1 : 2);
+        }
+    }
+    EXPECT_EQ(started.size(), ended.size()) << "every track ends";
+    EXPECT_GE(started.size(), 3u) << r.out;
+    EXPECT_GE(identified["amy"], 1) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("identified amy (ID 1) on track")) << r.out;
+
+    cv::VideoCapture drawn(annotated, cv::CAP_FFMPEG);
+    ASSERT_TRUE(drawn.isOpened());
+    int count = 0;
+    for (cv::Mat f; drawn.read(f);) ++count;
+    EXPECT_EQ(count, kFrames);
+}
+
+// The events file is an output like the annotated video: never the video, the model, a file of
+// the directory, or the annotated video itself.
+TEST_F(RealFaces, WatchEventsNeverReplaceAnInput) {
+    Scratch work;
+    const std::string video = PersonVideo(work, kPerson, 1);
+    ASSERT_FALSE(video.empty()) << "video writer failed";
+    const std::string bytes = ReadText(video);
+    const std::string dir = work / "dict";
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    const std::string watch = "watch '" + dir + "' --video '" + video + "' ";
+    ExpectOneLineFailure(RunCli(watch + "--events '" + video + "'"),
+                         "--events " + video + ": is the input " + video);
+    ExpectOneLineFailure(RunCli(watch + "--events '" + dir + "/events.jsonl'"),
+                         "--events " + dir + "/events.jsonl: is inside");
+    ExpectOneLineFailure(
+        RunCli(watch + "--events '" + work / "a.avi" + "' --annotate '" + work / "a.avi" + "'"),
+        "--events " + work / "a.avi" + ": is also the annotated video");
+    ExpectOneLineFailure(RunCli(watch + "--faces 0"), "--faces 0: expected 1 to 64");
+    ExpectOneLineFailure(RunCli(watch + "--confirm 0"), "--confirm 0: expected 1 to 1000");
+    EXPECT_EQ(ReadText(video), bytes);
+    EXPECT_FALSE(Exists(dir + "/events.jsonl"));
 }
 
 TEST_F(RealFaces, DetectWritesPointsThatPointsReadsBack) {

@@ -62,32 +62,17 @@ struct WatchedFace {
     bool used = false;
 };
 
-enum class WatchEventKind : int {
-    Started = 0,     // a new track: its number, the frame and box it was first seen at
-    Identified = 1,  // the track was named a person; it keeps that person until it ends
-    Ended = 2,       // the track is gone (not seen for a while, a cut, a time break, finish())
-};
+// Started: a new track (its number, the frame and box it was first seen at). Identified: the
+// track was named a person; it keeps that person until it ends. Ended: the track is gone (not seen
+// for a while, a cut, a time break, finish()).
+using WatchEventKind = TrackEventKind;
 
-// One event. Fields an event kind does not use hold their defaults.
-struct WatchEvent {
-    WatchEventKind kind = WatchEventKind::Started;
-    int64_t track = 0;
-    // Started and Identified: the frame of the event and its time. Ended: the track's last frame
-    // and the time of that frame.
-    int64_t frame = 0;
-    double time = 0.0;
-    // Started: where the face was first seen. Identified: where it is in that frame. Ended:
-    // where it was last seen.
+// One event: the recognition's event of the track (<msmface/tracks.h>; for Ended, framesSeen
+// counts the frames its face was seen in) and where the face was. Started: where it was first
+// seen. Identified: where it is in that frame. Ended: where it was last seen. Fields an event kind
+// does not use hold their defaults.
+struct WatchEvent : TrackEvent {
     FaceBox box;
-    // Identified: the person named. Ended: the person the track was identified as, or 0 and "".
-    int person = 0;
-    std::string name;
-    // Identified: the person's score (thousandths) at that frame. Ended: the track's best score
-    // (its person's best, or for an unknown track the best first-ranked score of its faces).
-    int score = 0;
-    // Ended: the frames the track's face was seen in, and those whose face was recognised.
-    int64_t framesSeen = 0;
-    int64_t facesUsed = 0;
 };
 
 // What update() makes of one frame.
@@ -102,16 +87,11 @@ struct WatchedFrame {
     std::vector<WatchEvent> events;  // Ended first (by track number), then Started, Identified
 };
 
-// A live track as it stands after the last frame.
-struct WatchedTrack {
-    int64_t track = 0;
-    FaceBox box;  // where it was last seen
-    int64_t firstFrame = 0, lastFrame = 0;
-    double firstTime = 0.0, lastTime = 0.0;
-    int64_t framesSeen = 0, facesUsed = 0;
-    int person = 0;  // 0 and "" while unknown
-    std::string name;
-    int score = 0;
+// A live track as it stands after the last frame: the recognition's status (a track the
+// recognition had no room for is unknown, with framesSeen and facesUsed 0) and where its face was
+// last seen.
+struct WatchedTrack : TrackStatus {
+    FaceBox box;
 };
 
 class MSMFACE_DETECT_API Watcher {

@@ -208,7 +208,20 @@ void CommandLine::addDetect() {
 
 void CommandLine::addWatch() {
     watchCmd_ = app_.add_subcommand(
-        "watch", "Recognise continuously the face of a video or a camera, as a camera host does");
+        "watch",
+        "Recognise continuously every face of a video or a camera, each followed as a track of "
+        "its own, and say when a track starts, is identified and ends");
+    watchCmd_->footer(
+        "Each event is one line: \"track N started at frame F, box L,T WxH\", \"track N "
+        "identified NAME (ID I), score S\", \"track N ended after K frames: NAME (ID I) | "
+        "unknown, best score S\", after the time in the video. --events FILE writes the same "
+        "events as JSON Lines, one object per line: event (\"started\", \"identified\" or "
+        "\"ended\"), track (its number, never reused within a run), frame (counted from 0), "
+        "time (seconds into the video; for ended: of the track's last frame), box ([left, top, "
+        "width, height] in pixels: where it started, was identified, was last seen); identified "
+        "and ended add person (the ID, 0 for unknown), name (\"\" for unknown) and score (at "
+        "the identification; for ended: the track's best); ended adds frames_seen and "
+        "faces_used (frames whose face was recognised). A cut to another shot ends every track.");
     watchCmd_->add_option("dir", watch_.dir, "Dictionary directory")->required();
     watchCmd_->add_option("--video", watch_.video, "Video file");
     watchCmd_->add_option("--camera", watch_.camera, "Camera index (/dev/videoN)");
@@ -219,9 +232,16 @@ void CommandLine::addWatch() {
     watchCmd_->add_option(
         "--threshold", watch_.threshold,
         "Identify when the best score exceeds it (-1: the directory's stored one)");
+    watchCmd_->add_option("--faces", watch_.faces,
+                          "The most faces followed in a frame, the largest first (1 to 64)");
+    watchCmd_->add_option("--confirm", watch_.confirm,
+                          "Faces in a row with the same person first above the threshold "
+                          "before a track is named (1 to 1000)");
     watchCmd_->add_option("--annotate", watch_.annotate,
-                          "Write the video with the box, the points and the best person drawn "
-                          "(.mp4 or .avi)");
+                          "Write the video with every track drawn: box, points, track number, "
+                          "name and score or \"unknown\" (.mp4 or .avi)");
+    watchCmd_->add_option("--events", watch_.events,
+                          "Write the events as JSON Lines (fields below)");
     watchCmd_->add_option("--model", watch_.model, "Landmark model");
     watchCmd_->add_option("--descriptor-model", watch_.descriptorModel, kDescriptorModelHelp);
 }

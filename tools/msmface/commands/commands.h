@@ -138,6 +138,9 @@ struct WatchOptions {
     std::string annotate;
     std::string model;
     std::string descriptorModel;  // a directory of descriptors; empty: the descriptor's default
+    std::string events;           // JSON Lines of the events; empty: none
+    int faces = 8;                // the most faces followed in a frame, the largest first
+    int confirm = 3;              // faces in a row that name a track
 };
 int runWatch(const WatchOptions& o);
 

@@ -1,7 +1,7 @@
 // msmface watch: continuous recognition of a video or a camera, the way a camera host runs the
-// engine: the face is followed from frame to frame, every frame goes through the stream's frame
-// cycle (a frame without a face counts as face-less, so the input is cleared after the refresh
-// time), and each identification is reported as it happens.
+// engine: every face is followed as a track of its own and recognised with its own input (the
+// library's Watcher), and each track's start, identification and end is reported as it happens,
+// on the terminal and, with --events, as JSON Lines.
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -13,12 +13,15 @@
 #include <string>
 
 #include <msmface/gallery.h>
+#ifdef MSMFACE_HAVE_DETECT
+#include <msmface/watcher.h>
+#endif
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "commands/commands.h"
+#include "evaluation/eval_summary.h"
 #include "input/face_finder.h"
-#include "input/frame_descriptors.h"
 #include "input/picture_source.h"
 #include "input/program_files.h"
 #include "io/atomic_file.h"
@@ -49,31 +52,8 @@ int fourccFor(const std::string& path) {
     return 0;
 }
 
-void annotate(cv::Mat& bgr, const FoundFace* face, const msmface::StreamState& state) {
-    const bool identified = state.ranking.identified.has_value();
-    const cv::Scalar colour = identified ? cv::Scalar(40, 200, 40) : cv::Scalar(0, 160, 255);
-    if (face != nullptr) drawFace(bgr, *face, colour);
-    if (state.ranking.matches.empty()) return;
-    const msmface::Match& best = state.ranking.matches.front();
-    const std::string label =
-        (identified ? best.name : "? " + best.name) + " " + std::to_string(best.score);
-    const double scale = std::max(0.5, bgr.cols / 800.0);
-    cv::Point at(8, static_cast<int>(28 * scale));
-    if (face != nullptr) at = cv::Point(face->box.x, std::max(at.y, face->box.y - 6));
-    cv::putText(bgr, label, at, cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(0, 0, 0),
-                static_cast<int>(3 * scale) + 2, cv::LINE_AA);
-    cv::putText(bgr, label, at, cv::FONT_HERSHEY_SIMPLEX, scale, colour,
-                static_cast<int>(scale) + 1, cv::LINE_AA);
-}
-
-struct Tally {
-    int events = 0;
-    int best = 0;
-    double first = 0;
-};
-
-// One line naming the flag and the values it takes, or empty. The annotated video is never
-// written over the video being read, the model or a file of the directory.
+// One line naming the flag and the values it takes, or empty. The annotated video and the events
+// are never written over the video being read, the models, a file of the directory or each other.
 std::string checkWatchOptions(const WatchOptions& o) {
     if (o.method != 0 && o.method != 1 && o.method != 2 && o.method != 4)
         return "--method " + std::to_string(o.method) +
@@ -83,17 +63,27 @@ std::string checkWatchOptions(const WatchOptions& o) {
     if (o.frames < 0)
         return "--frames " + std::to_string(o.frames) +
                ": expected 1 or more (or 0: the whole video)";
+    if (o.faces < 1 || o.faces > 64)
+        return "--faces " + std::to_string(o.faces) + ": expected 1 to 64 faces per frame";
+    if (o.confirm < 1 || o.confirm > 1000)
+        return "--confirm " + std::to_string(o.confirm) + ": expected 1 to 1000 frames";
     if (o.video.empty() == (o.camera < 0) && o.camera >= -1)
         return "watch: expected --video FILE or --camera INDEX (one of the two)";
-    if (o.annotate.empty()) return {};
-    if (fourccFor(o.annotate) == 0)
+    if (!o.annotate.empty() && fourccFor(o.annotate) == 0)
         return "--annotate " + o.annotate + ": expected a video name ending in .mp4 or .avi";
+    if (!o.events.empty() && o.events == o.annotate)
+        return "--events " + o.events + ": is also the annotated video (--annotate)";
     InputFiles inputs;
     inputs.add(o.video);
     inputs.add(o.model);
     inputs.add(o.descriptorModel);
     inputs.addFolder(o.dir);
-    return inputs.refuseOverwrite("--annotate", o.annotate);
+    if (!o.annotate.empty()) {
+        const std::string refused = inputs.refuseOverwrite("--annotate", o.annotate);
+        if (!refused.empty()) return refused;
+    }
+    if (!o.events.empty()) return inputs.refuseOverwrite("--events", o.events);
+    return {};
 }
 
 std::string openSource(const WatchOptions& o, std::unique_ptr<PictureSource>& source) {
@@ -103,18 +93,6 @@ std::string openSource(const WatchOptions& o, std::unique_ptr<PictureSource>& so
     // A camera runs until interrupted unless told otherwise.
     sourceOptions.frames = o.frames > 0 ? o.frames : o.camera >= 0 ? INT_MAX : 0;
     return openPictureSource(sourceOptions, source);
-}
-
-// A directory of descriptors is pushed the descriptors the loop computes itself (it keeps the
-// face it found for drawing); one of seed patterns has the stream look through the finder.
-msmface::StreamOptions streamOptionsOf(const WatchOptions& o, FaceFinder& finder, bool describing) {
-    msmface::StreamOptions streamOptions;
-    streamOptions.method = o.method == 0   ? msmface::Method::SinglePattern
-                           : o.method == 1 ? msmface::Method::Msm
-                                           : msmface::Method::Cmsm;
-    streamOptions.threshold = o.threshold;
-    if (!describing) streamOptions.finder = finder.pointFinder();
-    return streamOptions;
 }
 
 // Persons left out are said once each, also those whose files go bad while the video runs.
@@ -130,25 +108,49 @@ class LeftOutWarnings {
     std::set<std::string> warned_;
 };
 
+#ifdef MSMFACE_HAVE_DETECT
+
+// Every track of the frame: its box and points, its number, and its name and score or "unknown".
+void annotate(cv::Mat& bgr, const std::vector<msmface::WatchedFace>& faces) {
+    const double scale = std::max(0.5, bgr.cols / 800.0);
+    for (const msmface::WatchedFace& w : faces) {
+        const bool identified = w.person != 0;
+        const cv::Scalar colour = identified ? cv::Scalar(40, 200, 40) : cv::Scalar(0, 160, 255);
+        FoundFace face;
+        face.box = cv::Rect(w.box.left, w.box.top, w.box.width, w.box.height);
+        for (int k = 0; k < 28; ++k) face.points[k] = w.points.xy[k];
+        drawFace(bgr, face, colour);
+        const std::string label = "#" + std::to_string(w.track) + " " +
+                                  (identified ? w.name + " " + std::to_string(w.score) : "unknown");
+        const cv::Point at(w.box.left, std::max(static_cast<int>(20 * scale), w.box.top - 6));
+        cv::putText(bgr, label, at, cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(0, 0, 0),
+                    static_cast<int>(3 * scale) + 2, cv::LINE_AA);
+        cv::putText(bgr, label, at, cv::FONT_HERSHEY_SIMPLEX, scale, colour,
+                    static_cast<int>(scale) + 1, cv::LINE_AA);
+    }
+}
+
 // The annotated video, written aside and renamed over its target by commit(); it is opened at the
-// first frame, whose size it takes. Dropped uncommitted, nothing is left of it.
+// first frame, whose size it takes (a frame of another size is scaled to it). Dropped
+// uncommitted, nothing is left of it.
 class AnnotatedVideo {
   public:
     explicit AnnotatedVideo(std::string path) : path_(std::move(path)) {}
 
-    std::string write(const cv::Mat& frame, const FoundFace* face,
-                      const msmface::StreamState& state, double rate) {
+    std::string write(const cv::Mat& frame, const std::vector<msmface::WatchedFace>& faces,
+                      double rate) {
         cv::Mat bgr = colourCopy(frame);
-        annotate(bgr, face, state);
+        annotate(bgr, faces);
         if (!writer_.isOpened()) {
             msm::clearWriteFailure();
             file_ =
                 std::make_unique<msm::AtomicFile>(path_.c_str(), msm::AtomicFile::NamedWriter{});
             if (file_->temporaryPath().empty()) return msm::lastWriteFailure();
-            writer_.open(file_->temporaryPath(), cv::CAP_FFMPEG, fourccFor(path_), rate,
-                         bgr.size());
+            size_ = bgr.size();
+            writer_.open(file_->temporaryPath(), cv::CAP_FFMPEG, fourccFor(path_), rate, size_);
             if (!writer_.isOpened()) return path_ + ": cannot be written as a video";
         }
+        if (bgr.size() != size_) cv::resize(bgr, bgr, size_);
         writer_.write(bgr);
         return {};
     }
@@ -163,22 +165,65 @@ class AnnotatedVideo {
     std::string path_;
     std::unique_ptr<msm::AtomicFile> file_;  // released after the writer that fills it
     cv::VideoWriter writer_;
+    cv::Size size_;
 };
 
-// The frame cycle of an opened source and stream until the source ends or the program is
-// interrupted: identifications said as they happen, and counted for the summary.
+// The events as JSON Lines, one object per event, written aside and renamed over the target at
+// the end: an interrupted or failed run leaves the previous file as it was.
+class EventsFile {
+  public:
+    explicit EventsFile(const std::string& path) : path_(path), file_(path.c_str()) {}
+
+    std::string open() const {
+        return file_.stream() != nullptr ? std::string() : path_ + ": " + msm::lastWriteFailure();
+    }
+    void write(const msmface::WatchEvent& e) {
+        static const char* const kinds[] = {"started", "identified", "ended"};
+        char time[32];
+        std::snprintf(time, sizeof time, "%.6f", e.time);
+        std::string line = "{\"event\": \"" + std::string(kinds[static_cast<int>(e.kind)]) +
+                           "\", \"track\": " + std::to_string(e.track) +
+                           ", \"frame\": " + std::to_string(e.frame) + ", \"time\": " + time +
+                           ", \"box\": [" + std::to_string(e.box.left) + ", " +
+                           std::to_string(e.box.top) + ", " + std::to_string(e.box.width) + ", " +
+                           std::to_string(e.box.height) + "]";
+        if (e.kind != msmface::WatchEventKind::Started)
+            line += ", \"person\": " + std::to_string(e.person) +
+                    ", \"name\": " + jsonString(e.name) + ", \"score\": " + std::to_string(e.score);
+        if (e.kind == msmface::WatchEventKind::Ended)
+            line += ", \"frames_seen\": " + std::to_string(e.framesSeen) +
+                    ", \"faces_used\": " + std::to_string(e.facesUsed);
+        line += "}\n";
+        std::fputs(line.c_str(), file_.stream());
+    }
+    std::string commit() {
+        msm::clearWriteFailure();
+        return file_.Commit() ? std::string() : msm::lastWriteFailure();
+    }
+
+  private:
+    std::string path_;
+    msm::AtomicFile file_;
+};
+
+// What the summary says of a person: the tracks it was identified on and the frames they saw.
+struct Tally {
+    std::vector<int64_t> tracks;
+    int64_t framesSeen = 0;
+    int best = 0;
+    double first = 0;
+    std::string name;
+};
+
+// The frame cycle of an opened source and watcher until the source ends or the program is
+// interrupted: the events said as they happen, and counted for the summary.
 class WatchLoop {
   public:
     WatchLoop(const WatchOptions& o, PictureSource& source, const msmface::Gallery& g,
-              FaceFinder& finder, FrameDescriber* describer, msmface::Stream& stream,
-              LeftOutWarnings& leftOut)
-        : source_(source),
-          g_(g),
-          finder_(finder),
-          describer_(describer),
-          stream_(stream),
-          leftOut_(leftOut) {
+              msmface::Watcher& watcher, LeftOutWarnings& leftOut)
+        : source_(source), g_(g), watcher_(watcher), leftOut_(leftOut) {
         if (!o.annotate.empty()) annotated_ = std::make_unique<AnnotatedVideo>(o.annotate);
+        if (!o.events.empty()) events_ = std::make_unique<EventsFile>(o.events);
     }
 
     std::string run();
@@ -186,25 +231,24 @@ class WatchLoop {
 
   private:
     std::string take(const cv::Mat& frame);
-    msmface::Result<msmface::StreamState> pushDescribed(const cv::Mat& frame, FoundFace& face,
-                                                        bool& hasFace);
-    void noteIdentification(const msmface::StreamState& state);
+    void say(const msmface::WatchEvent& e);
 
     PictureSource& source_;
     const msmface::Gallery& g_;
-    FaceFinder& finder_;
-    FrameDescriber* describer_;  // a directory of descriptors; else nullptr
-    msmface::Stream& stream_;
+    msmface::Watcher& watcher_;
     LeftOutWarnings& leftOut_;
     std::unique_ptr<AnnotatedVideo> annotated_;
+    std::unique_ptr<EventsFile> events_;
     std::map<int, Tally> tallies_;  // by ID
-    std::map<int, std::string> names_;
-    int faces_ = 0;
-    int current_ = 0;  // the ID identified in the current input, 0: none
+    int64_t faces_ = 0, tracks_ = 0;
     double seconds_ = 0;
 };
 
 std::string WatchLoop::run() {
+    if (events_) {
+        const std::string error = events_->open();
+        if (!error.empty()) return error;
+    }
     const auto start = std::chrono::steady_clock::now();
     cv::Mat frame;
     while (!interrupted && source_.next(frame)) {
@@ -212,71 +256,98 @@ std::string WatchLoop::run() {
         if (!error.empty()) return error;
     }
     if (!source_.error().empty()) return source_.error();
+    for (const msmface::WatchEvent& e : watcher_.finish()) say(e);
+    seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (annotated_) {
         const std::string error = annotated_->commit();
         if (!error.empty()) return error;
     }
-    seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (events_) return events_->commit();
     return {};
 }
 
-// A face that cannot be described (too small, at the border) is a frame without a face, as the
-// stream counts one whose points give no face.
-msmface::Result<msmface::StreamState> WatchLoop::pushDescribed(const cv::Mat& frame,
-                                                               FoundFace& face, bool& hasFace) {
-    std::optional<msmface::FaceDescriptor> d;
-    if (finder_.find(frame, face)) d = describer_->describeLandmarks(viewOf(frame), face.landmarks);
-    hasFace = d.has_value();
-    return hasFace ? stream_.push(*d) : stream_.pushWithoutFace();
-}
-
 std::string WatchLoop::take(const cv::Mat& frame) {
-    FoundFace face;
-    bool hasFace = false;
-    msmface::Result<msmface::StreamState> state =
-        describer_ != nullptr ? pushDescribed(frame, face, hasFace) : stream_.push(viewOf(frame));
-    if (!state) return state.message();
+    msmface::Result<msmface::WatchedFrame> watched =
+        watcher_.update(viewOf(frame), source_.seconds());
+    if (!watched) return source_.frameName() + ": " + watched.message();
     leftOut_.sayNew(g_);
-    if (describer_ == nullptr) hasFace = finder_.lastFace(face);
-    hasFace = hasFace && state->face;
-    faces_ += hasFace ? 1 : 0;
-    noteIdentification(*state);
+    faces_ += static_cast<int64_t>(watched->faces.size());
+    for (const msmface::WatchEvent& e : watched->events) say(e);
     if (!annotated_) return {};
-    return annotated_->write(frame, hasFace ? &face : nullptr, *state, source_.rate());
+    return annotated_->write(frame, watched->faces, source_.rate());
 }
 
-void WatchLoop::noteIdentification(const msmface::StreamState& state) {
-    if (state.frames == 0) current_ = 0;  // the input was cleared: a new recognition
-    const auto& identified = state.ranking.identified;
-    if (identified && identified->id != current_) {
-        current_ = identified->id;
-        Tally& t = tallies_[current_];
-        if (t.events++ == 0) t.first = source_.seconds();
-        names_[current_] = identified->name;
-        std::printf("%s  identified %s (ID %d), score %d\n", clock(source_.seconds()).c_str(),
-                    identified->name.c_str(), identified->id, identified->score);
-        std::fflush(stdout);
+void WatchLoop::say(const msmface::WatchEvent& e) {
+    if (events_) events_->write(e);
+    const std::string at = clock(e.time);
+    switch (e.kind) {
+        case msmface::WatchEventKind::Started:
+            ++tracks_;
+            std::printf("%s  track %lld started at frame %lld, box %d,%d %dx%d\n", at.c_str(),
+                        static_cast<long long>(e.track), static_cast<long long>(e.frame),
+                        e.box.left, e.box.top, e.box.width, e.box.height);
+            break;
+        case msmface::WatchEventKind::Identified: {
+            Tally& t = tallies_[e.person];
+            if (t.tracks.empty()) t.first = e.time;
+            t.tracks.push_back(e.track);
+            t.name = e.name;
+            std::printf("%s  track %lld identified %s (ID %d), score %d\n", at.c_str(),
+                        static_cast<long long>(e.track), e.name.c_str(), e.person, e.score);
+            break;
+        }
+        case msmface::WatchEventKind::Ended:
+            if (e.person != 0) {
+                Tally& t = tallies_[e.person];
+                t.framesSeen += e.framesSeen;
+                t.best = std::max(t.best, e.score);
+            }
+            std::printf("%s  track %lld ended after %lld frames: %s, best score %d\n", at.c_str(),
+                        static_cast<long long>(e.track), static_cast<long long>(e.framesSeen),
+                        e.person != 0 ? (e.name + " (ID " + std::to_string(e.person) + ")").c_str()
+                                      : "unknown",
+                        e.score);
+            break;
     }
-    if (identified && identified->id == current_)
-        tallies_[current_].best = std::max(tallies_[current_].best, identified->score);
+    std::fflush(stdout);
 }
 
 void WatchLoop::printSummary(int threshold) const {
-    std::printf("\nsummary: %d frames (%s of video), a face in %d; %.1f frames per second\n",
-                source_.taken(), clock(source_.taken() / std::max(1.0, source_.rate())).c_str(),
-                faces_, seconds_ > 0 ? source_.taken() / seconds_ : 0.0);
+    const double rate = std::max(1.0, source_.rate());
+    std::printf(
+        "\nsummary: %d frames (%s of video), %lld faces on %lld tracks; %.1f frames per "
+        "second\n",
+        source_.taken(), clock(source_.taken() / rate).c_str(), static_cast<long long>(faces_),
+        static_cast<long long>(tracks_), seconds_ > 0 ? source_.taken() / seconds_ : 0.0);
     if (tallies_.empty()) std::printf("no one identified (threshold %d)\n", threshold);
-    for (const auto& [id, t] : tallies_)
-        std::printf("identified %s (ID %d): %d time%s, first at %s, best score %d\n",
-                    names_.at(id).c_str(), id, t.events, t.events == 1 ? "" : "s",
-                    clock(t.first).c_str(), t.best);
+    for (const auto& [id, t] : tallies_) {
+        std::string tracks;
+        for (int64_t n : t.tracks) tracks += (tracks.empty() ? "" : ", ") + std::to_string(n);
+        std::printf(
+            "identified %s (ID %d) on track%s %s: %.1f s seen, first at %s, best score "
+            "%d\n",
+            t.name.c_str(), id, t.tracks.size() == 1 ? "" : "s", tracks.c_str(),
+            t.framesSeen / rate, clock(t.first).c_str(), t.best);
+    }
 }
+
+msmface::Method methodOf(int method) {
+    return method == 0   ? msmface::Method::SinglePattern
+           : method == 1 ? msmface::Method::Msm
+                         : msmface::Method::Cmsm;
+}
+
+#endif  // MSMFACE_HAVE_DETECT
 
 }  // namespace
 
 int runWatch(const WatchOptions& o) {
     std::string error = checkWatchOptions(o);
     if (!error.empty()) return fail(error);
+#ifndef MSMFACE_HAVE_DETECT
+    std::unique_ptr<FaceFinder> finder;
+    return fail(makeFaceFinder(o.model, true, o.video.empty() ? "--camera" : "--video", finder));
+#else
     std::unique_ptr<PictureSource> source;
     error = openSource(o, source);
     if (!error.empty()) return fail(error);
@@ -286,31 +357,37 @@ int runWatch(const WatchOptions& o) {
     leftOut.sayNew(*gallery);
     if (gallery->persons().empty())
         return fail(o.dir + ": no person enrolled; expected one or more");
-    std::unique_ptr<FaceFinder> finder;
-    error = makeFaceFinder(o.model, true, o.video.empty() ? "--camera" : "--video", finder);
-    if (!error.empty()) return fail(error);
-    std::unique_ptr<FrameDescriber> describer;
-    if (gallery->patterns() == msmface::PatternKind::Descriptor) {
-        error = makeFrameDescriber({o.model, o.descriptorModel, false, o.dir}, describer);
-        if (!error.empty()) return fail(error);
-    }
-    msmface::Result<msmface::Stream> stream =
-        msmface::Stream::create(*gallery, streamOptionsOf(o, *finder, describer != nullptr));
-    if (!stream) return fail(stream.message());
+    msmface::DetectorOptions detectorOptions;
+    detectorOptions.modelPath = o.model;
+    msmface::Result<msmface::Detector> detector = msmface::Detector::create(detectorOptions);
+    if (!detector) return fail(detector.message());
+    msmface::WatcherOptions watcherOptions;
+    watcherOptions.tracker.maxFaces = o.faces;
+    watcherOptions.recognition.method = methodOf(o.method);
+    watcherOptions.recognition.threshold = o.threshold;
+    watcherOptions.recognition.confirmFrames = o.confirm;
+    watcherOptions.descriptorModel = o.descriptorModel;
+    msmface::Result<msmface::Watcher> watcher =
+        msmface::Watcher::create(*detector, *gallery, watcherOptions);
+    if (!watcher) return fail(watcher.message());
     const int threshold = o.threshold >= 0 ? o.threshold : gallery->threshold();
 
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
-    std::printf("watching %s against %zu persons of %s; method %d, threshold %d\n",
-                source->name().c_str(), gallery->persons().size(), o.dir.c_str(), o.method,
-                threshold);
+    std::printf(
+        "watching %s against %zu persons of %s; method %d, threshold %d, up to %d faces "
+        "a frame, %d frames to confirm\n",
+        source->name().c_str(), gallery->persons().size(), o.dir.c_str(), o.method, threshold,
+        o.faces, o.confirm);
     std::fflush(stdout);
-    WatchLoop loop(o, *source, *gallery, *finder, describer.get(), *stream, leftOut);
+    WatchLoop loop(o, *source, *gallery, *watcher, leftOut);
     error = loop.run();
     if (!error.empty()) return fail(error);
     loop.printSummary(threshold);
     if (!o.annotate.empty()) std::printf("annotated video: %s\n", o.annotate.c_str());
+    if (!o.events.empty()) std::printf("events: %s\n", o.events.c_str());
     return 0;
+#endif
 }
 
 }  // namespace msmcli
