@@ -6,7 +6,8 @@ from typing import Any, Iterator, List, Optional, Tuple
 import numpy as np
 import numpy.typing as npt
 
-from ._msmface import DescriptorFinder, Gallery, MethodLike, PointFinder
+from ._msmface import (DescriptorFinder, Gallery, MethodLike, PointFinder, TrackEvent,
+                       TrackStatus)
 from .watching import Source, Watched
 
 DEFAULT_MODEL: str
@@ -118,35 +119,11 @@ class Tracker:
     @property
     def live_tracks(self) -> int: ...
 
-class WatchEventKind(enum.IntEnum):
-    STARTED = 0
-    IDENTIFIED = 1
-    ENDED = 2
-
-class WatchEvent:
-    """STARTED: frame, time and box where the face was first seen. IDENTIFIED: the person named,
-    the score and box at that frame. ENDED: the track's last frame and time, its person (0 and
-    "" if never), its best score, frames_seen and faces_used."""
-    @property
-    def kind(self) -> WatchEventKind: ...
-    @property
-    def track(self) -> int: ...
-    @property
-    def frame(self) -> int: ...
-    @property
-    def time(self) -> float: ...
+class WatchEvent(TrackEvent):
+    """A TrackEvent with the face's box: where it was first seen (STARTED), is (IDENTIFIED),
+    was last seen (ENDED)."""
     @property
     def box(self) -> FaceBox: ...
-    @property
-    def person(self) -> int: ...
-    @property
-    def name(self) -> str: ...
-    @property
-    def score(self) -> int: ...
-    @property
-    def frames_seen(self) -> int: ...
-    @property
-    def faces_used(self) -> int: ...
 
 class WatchedFace:
     @property
@@ -166,31 +143,9 @@ class WatchedFace:
     @property
     def identified(self) -> bool: ...
 
-class WatchedTrack:
-    @property
-    def track(self) -> int: ...
+class WatchedTrack(TrackStatus):
     @property
     def box(self) -> FaceBox: ...
-    @property
-    def first_frame(self) -> int: ...
-    @property
-    def last_frame(self) -> int: ...
-    @property
-    def first_time(self) -> float: ...
-    @property
-    def last_time(self) -> float: ...
-    @property
-    def frames_seen(self) -> int: ...
-    @property
-    def faces_used(self) -> int: ...
-    @property
-    def person(self) -> int: ...
-    @property
-    def name(self) -> str: ...
-    @property
-    def score(self) -> int: ...
-    @property
-    def identified(self) -> bool: ...
 
 class WatchedFrame:
     @property

@@ -41,31 +41,14 @@ std::string nameText(int person, const std::string& name) {
 }  // namespace
 
 void bindWatcher(py::module_& d) {
-    using Kind = msmface::WatchEventKind;
-    py::enum_<Kind>(d, "WatchEventKind", "What happened to a watched track.")
-        .value("STARTED", Kind::Started, "A new track: its number, frame and box.")
-        .value("IDENTIFIED", Kind::Identified,
-               "The track was named a person; it keeps that person until it ends.")
-        .value("ENDED", Kind::Ended,
-               "The track is gone: not seen for a while, a cut, a time break, or finish().");
-
-    py::class_<msmface::WatchEvent>(d, "WatchEvent", R"doc(
-One event of a watched video. frame, time: of the event (STARTED, IDENTIFIED), or the track's last
-frame and its time (ENDED). box: where the face was first seen (STARTED), is (IDENTIFIED), was last
-seen (ENDED). person, name, score: the person named and the score at that frame (IDENTIFIED); the
-person the track was identified as (0 and "" when never) and its best score (ENDED). frames_seen
-and faces_used (ENDED): the frames its face was seen in, and those whose face was recognised.
+    // The events and the tracks are the recognition's (msmface.TrackEvent, msmface.TrackStatus,
+    // their kinds msmface.TrackEventKind) with where the face was.
+    py::class_<msmface::WatchEvent, msmface::TrackEvent>(d, "WatchEvent", R"doc(
+A TrackEvent of a watched video with the face's box: where it was first seen (STARTED), where it
+is (IDENTIFIED), where it was last seen (ENDED). frames_seen (ENDED): the frames its face was seen
+in.
 )doc")
-        .def_readonly("kind", &msmface::WatchEvent::kind)
-        .def_readonly("track", &msmface::WatchEvent::track)
-        .def_readonly("frame", &msmface::WatchEvent::frame)
-        .def_readonly("time", &msmface::WatchEvent::time)
         .def_readonly("box", &msmface::WatchEvent::box)
-        .def_readonly("person", &msmface::WatchEvent::person)
-        .def_readonly("name", &msmface::WatchEvent::name)
-        .def_readonly("score", &msmface::WatchEvent::score)
-        .def_readonly("frames_seen", &msmface::WatchEvent::framesSeen)
-        .def_readonly("faces_used", &msmface::WatchEvent::facesUsed)
         .def("__repr__", [](const msmface::WatchEvent& e) {
             return std::string("WatchEvent(") + enumName(e.kind) +
                    ", track=" + std::to_string(e.track) + ", frame=" + std::to_string(e.frame) +
@@ -96,20 +79,11 @@ person while unknown; 0 before any), used (this frame's face was recognised).
                    ")";
         });
 
-    py::class_<msmface::WatchedTrack>(d, "WatchedTrack", "A live track after the last frame.")
-        .def_readonly("track", &msmface::WatchedTrack::track)
-        .def_readonly("box", &msmface::WatchedTrack::box, "Where it was last seen.")
-        .def_readonly("first_frame", &msmface::WatchedTrack::firstFrame)
-        .def_readonly("last_frame", &msmface::WatchedTrack::lastFrame)
-        .def_readonly("first_time", &msmface::WatchedTrack::firstTime)
-        .def_readonly("last_time", &msmface::WatchedTrack::lastTime)
-        .def_readonly("frames_seen", &msmface::WatchedTrack::framesSeen)
-        .def_readonly("faces_used", &msmface::WatchedTrack::facesUsed)
-        .def_readonly("person", &msmface::WatchedTrack::person)
-        .def_readonly("name", &msmface::WatchedTrack::name)
-        .def_readonly("score", &msmface::WatchedTrack::score)
-        .def_property_readonly("identified",
-                               [](const msmface::WatchedTrack& t) { return t.person != 0; })
+    py::class_<msmface::WatchedTrack, msmface::TrackStatus>(
+        d, "WatchedTrack",
+        "A live track after the last frame: its TrackStatus (a track the recognition had no\n"
+        "room for is unknown, with frames_seen and faces_used 0) and where it was last seen.")
+        .def_readonly("box", &msmface::WatchedTrack::box)
         .def("__repr__", [](const msmface::WatchedTrack& t) {
             return "WatchedTrack(track=" + std::to_string(t.track) + ", box=" + boxText(t.box) +
                    ", person=" + nameText(t.person, t.name) + ", score=" + std::to_string(t.score) +

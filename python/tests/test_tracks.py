@@ -263,9 +263,6 @@ def under(box, eyes):
     return [k for k, (x, y) in eyes.items() if left <= x < left + width and top <= y < top + height]
 
 
-WatchKind = msmface.detect.WatchEventKind if msmface.HAVE_DETECT else None
-
-
 def check_watched(steps, stage):
     """What every watch of the stage must show; returns {track: person} and the names given."""
     names, eyes = stage["names"], stage["eyes"]
@@ -281,13 +278,13 @@ def check_watched(steps, stage):
             if face.identified:
                 assert face.name == names[k], f"frame {t}: {names[k]} shown as {face.name}"
         for e in step.events:
-            if e.kind == WatchKind.IDENTIFIED:
+            if e.kind == Kind.IDENTIFIED:
                 assert e.frame == t and e.name == names[person_of[e.track]]
                 assert named.setdefault(e.track, e.name) == e.name
-            if e.kind == WatchKind.ENDED and t == CUT:
+            if e.kind == Kind.ENDED and t == CUT:
                 assert person_of[e.track] in (0, 1, 2)
         if t == CUT:
-            ended = {e.track for e in step.events if e.kind == WatchKind.ENDED}
+            ended = {e.track for e in step.events if e.kind == Kind.ENDED}
             assert ended == {tr for tr, k in person_of.items() if k in (0, 1, 2)}
             assert all(person_of[f.track] in (3, 4) for f in step.tracks)
     return person_of, named
@@ -307,7 +304,7 @@ def test_watch_names_each_person_on_their_own_track_and_ends_tracks_at_the_cut(s
     assert last.tracks == [] and last.frame is None and last.time == pytest.approx(39 / 25)
     assert {e.track: e.name for e in last.events} == {
         track_of[3]: stage["names"][3], track_of[4]: stage["names"][4], track_of[5]: ""}
-    assert all(e.kind == WatchKind.ENDED for e in last.events)
+    assert all(e.kind == Kind.ENDED for e in last.events)
     # Times come from the rate given.
     assert [s.time for s in steps[:-1]] == pytest.approx([t / 25 for t in range(FRAMES)])
 
@@ -399,7 +396,7 @@ def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_b
     steps = list(msmface.detect.watch(list(zip(frames, times)), g, detector=detector, threads=1))
     before = {f.track for f in steps[3].tracks}
     assert len(before) == 2 and not steps[3].cut and steps[4].cut
-    assert {e.track for e in steps[4].events if e.kind == WatchKind.ENDED} == before
+    assert {e.track for e in steps[4].events if e.kind == Kind.ENDED} == before
     assert not before & {f.track for f in steps[4].tracks}
     assert [s.time for s in steps[:-1]] == pytest.approx(times)
     with pytest.raises(ValueError, match="^frame 0: time: expected a number, got str"):
