@@ -415,3 +415,33 @@ def test_watch_refuses_bad_input_in_one_line_and_breaks_tracks_at_a_time_going_b
     assert all(t.first_frame == 0 and t.last_frame == 1 for t in watcher.tracks)
     assert [e.track for e in watcher.finish()] == [f.track for f in first.faces]
     assert watcher.tracks == []
+
+
+def test_watch_names_the_faces_of_a_seed_gallery_side_by_side(synth, tmp_path):
+    if not msmface.HAVE_DETECT:
+        pytest.skip("built without the detector")
+    try:
+        detector = msmface.detect.Detector()
+    except (ValueError, OSError) as e:
+        pytest.skip(f"no landmark model: {e}")
+    # Enrolled with the points the detector finds, as the watcher will find them.
+    g = msmface.Gallery(str(tmp_path / "seed"), create=True)
+    g.set_point_finder(msmface.detect.Follower(detector, redetect_every=1))
+    g.enrol(1, "alice", [f for f, _ in synth(0, 100, 50)])
+    g.enrol(2, "bob", [f for f, _ in synth(1, 101, 50)])
+    # Fresh takes of alice (left half) and bob (right half) in one frame.
+    frames = [np.hstack([a, b]) for (a, _), (b, _) in zip(synth(0, 302, 30), synth(1, 301, 30))]
+    side_of, named = {}, {}
+    for step in msmface.detect.watch(frames, g, detector=detector, threads=1):
+        for face in step.tracks:
+            side = "alice" if face.box.left + face.box.width / 2 < 320 else "bob"
+            assert side_of.setdefault(face.track, side) == side
+            assert face.name in ("", side)
+        for e in step.events:
+            if e.kind == Kind.IDENTIFIED:
+                named[e.track] = e.name
+    assert sorted(side_of.values()) == ["alice", "bob"]
+    # Bob's fresh take scores far above the stored threshold (850); alice's take may not, but
+    # nobody's name ever lands on the other's track.
+    assert "bob" in named.values()
+    assert all(name == side_of[track] for track, name in named.items())
