@@ -45,6 +45,7 @@ struct EnrolledGallery {
 };
 
 constexpr size_t kEnrolFrames = 5;
+constexpr int kSeedThreshold = 400;
 // dlib runs about ten times slower under the sanitizers: fewer distractors, no second run of the
 // video on one thread (the two-thread run, the one the sanitizers watch, stays), a shorter wait.
 #ifdef MSMFACE_TEST_SANITIZED
@@ -298,6 +299,9 @@ void namesTheRightTracksAcrossACut(PatternKind kind, const std::vector<RealFace>
     const Video video = twoShots(people);
     WatcherOptions options;
     options.threads = 2;
+    // Seed patterns score these faces, pasted at another scale from frames of other videos, far
+    // below their default threshold (850): a threshold a host would calibrate for them instead.
+    if (kind == PatternKind::Seed) options.recognition.threshold = kSeedThreshold;
     auto watcher = Watcher::create(detector, const_cast<msmface::Gallery&>(*g.gallery), options);
     ASSERT_TRUE(watcher.ok()) << watcher.message();
     const Watched w = watch(*watcher, video);
@@ -322,10 +326,9 @@ void namesTheRightTracksAcrossACut(PatternKind kind, const std::vector<RealFace>
     for (int64_t track : liveBeforeCut) EXPECT_EQ(endedAtCut.count(track), 1u) << track;
 
     // Every enrolled person shown long enough is named on its own tracks, one per shot it is in
-    // (all of them with descriptors; seed patterns score these faces, pasted at another scale
-    // from frames of other videos, below the seed threshold: for them the test asks that every
-    // track's faces are recognised and that nobody gets a wrong name), and the stranger never
-    // is.
+    // (all of them with descriptors; with seed patterns, weaker on these faces, some: the test
+    // asks that every track's faces are recognised and that nobody gets a wrong name), and the
+    // stranger never is.
     int appearancesNamed = 0, appearancesEnrolled = 0;
     for (size_t a = 0; a < kShown.size(); ++a) {
         const Appearance& shown = kShown[a];
@@ -406,8 +409,8 @@ TEST(Watcher, DescriptorGalleryNamesEveryPersonOnTheirOwnTrackAcrossACut) {
 
 TEST(Watcher, SeedGalleryNamesEveryPersonOnTheirOwnTrackAcrossACut) {
     SKIP_UNLESS_PERSONS(6);
-    namesTheRightTracksAcrossACut(PatternKind::Seed, faces, *detector, people,
-                                  static_cast<int>(kShown.size()) - 1, false);
+    // At least one of the six appearances named (two are, at kSeedThreshold).
+    namesTheRightTracksAcrossACut(PatternKind::Seed, faces, *detector, people, 5, false);
 }
 
 // The gallery the remaining tests use: descriptors when the model is there, else seed patterns.

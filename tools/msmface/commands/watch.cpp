@@ -172,10 +172,14 @@ class AnnotatedVideo {
 // the end: an interrupted or failed run leaves the previous file as it was.
 class EventsFile {
   public:
-    explicit EventsFile(const std::string& path) : path_(path), file_(path.c_str()) {}
+    explicit EventsFile(std::string path) : path_(std::move(path)) {}
 
-    std::string open() const {
-        return file_.stream() != nullptr ? std::string() : path_ + ": " + msm::lastWriteFailure();
+    std::string open() {
+        msm::clearWriteFailure();
+        file_ = std::make_unique<msm::AtomicFile>(path_.c_str());
+        if (file_->stream() != nullptr) return {};
+        const std::string why = msm::lastWriteFailure();
+        return why.empty() ? path_ + ": cannot be written" : why;
     }
     void write(const msmface::WatchEvent& e) {
         static const char* const kinds[] = {"started", "identified", "ended"};
@@ -194,16 +198,16 @@ class EventsFile {
             line += ", \"frames_seen\": " + std::to_string(e.framesSeen) +
                     ", \"faces_used\": " + std::to_string(e.facesUsed);
         line += "}\n";
-        std::fputs(line.c_str(), file_.stream());
+        std::fputs(line.c_str(), file_->stream());
     }
     std::string commit() {
         msm::clearWriteFailure();
-        return file_.Commit() ? std::string() : msm::lastWriteFailure();
+        return file_->Commit() ? std::string() : msm::lastWriteFailure();
     }
 
   private:
     std::string path_;
-    msm::AtomicFile file_;
+    std::unique_ptr<msm::AtomicFile> file_;
 };
 
 // What the summary says of a person: the tracks it was identified on and the frames they saw.
