@@ -10,7 +10,7 @@ import io
 import os
 import stat
 import warnings
-from typing import Dict, Iterable, List, Optional, Sequence, Tuple
+from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Tuple
 
 import numpy as np
 
@@ -137,6 +137,18 @@ def _check_picture_size(path: str, width: int, height: int) -> None:
             width * height > MAX_PICTURE_PIXELS:
         raise OSError(f"{path}: expected at most {MAX_PICTURE_SIDE} pixels a side and "
                       f"{MAX_PICTURE_PIXELS} in all, found {width} x {height}")
+
+
+def read_video(path: "os.PathLike[str] | str") -> Iterator[Tuple[np.ndarray, float]]:
+    """The frames of a video file (MP4, AVI, MKV ... as the msmface program reads them) as
+    (frame, seconds) pairs: uint8 (H, W, 3) in BGR order, seconds from the video's frame rate
+    (the iterator's ``rate``; 25 when the file does not say). Raises OSError naming the file when
+    it does not open or has no decodable frame, or when a later frame is damaged; ValueError when
+    the module was built without OpenCV's video reading (``msmface.HAVE_VIDEO``)."""
+    if not _msmface.HAVE_VIDEO:
+        raise ValueError(f"{os.fspath(path)}: this msmface module was built without video "
+                         "reading (OpenCV's videoio); pass the frames as arrays instead")
+    return _msmface._VideoReader(os.fspath(path))
 
 
 def _as_pairs(samples: Iterable[Sample]) -> List[Sample]:

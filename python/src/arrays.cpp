@@ -33,7 +33,7 @@ std::string typeName(const py::handle& h) {
     throw py::value_error(message);
 }
 
-int intArgument(const py::handle& value, const char* name, long long lo, long long hi) {
+long long int64Argument(const py::handle& value, const char* name, long long lo, long long hi) {
     const std::string range = std::to_string(lo) + " to " + std::to_string(hi);
     if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr()))
         raiseValueError(std::string(name) + ": expected an integer from " + range + ", got " +
@@ -48,7 +48,22 @@ int intArgument(const py::handle& value, const char* name, long long lo, long lo
                         ", got an integer of more than 64 bits");
     if (v < lo || v > hi)
         raiseValueError(std::string(name) + ": expected " + range + ", got " + std::to_string(v));
-    return static_cast<int>(v);
+    return v;
+}
+
+int intArgument(const py::handle& value, const char* name, long long lo, long long hi) {
+    return static_cast<int>(int64Argument(value, name, std::max<long long>(lo, INT_MIN),
+                                          std::min<long long>(hi, INT_MAX)));
+}
+
+double realArgument(const py::handle& value, const char* name) {
+    if (PyBool_Check(value.ptr()) ||
+        !(PyFloat_Check(value.ptr()) || PyIndex_Check(value.ptr()) ||
+          py::isinstance<py::float_>(value) || PyObject_HasAttrString(value.ptr(), "__float__")))
+        raiseValueError(std::string(name) + ": expected a number, got " + typeName(value));
+    const double v = PyFloat_AsDouble(value.ptr());
+    if (v == -1.0 && PyErr_Occurred()) throw py::error_already_set();
+    return v;
 }
 
 int optionalIntArgument(const py::handle& value, int unset, const char* name, long long lo,

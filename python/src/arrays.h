@@ -75,9 +75,25 @@ T take(msmface::Result<T>&& result) {
 int intArgument(const py::handle& value, const char* name, long long lo = INT_MIN,
                 long long hi = INT_MAX);
 
+// intArgument over the whole range of 64-bit integers (track and frame numbers).
+long long int64Argument(const py::handle& value, const char* name, long long lo = LLONG_MIN,
+                        long long hi = LLONG_MAX);
+
+// A real number (a Python float or int, NumPy's floats), not a bool; anything else raises
+// ValueError naming the argument. NaN and the infinities pass: whether they mean anything the
+// library says.
+double realArgument(const py::handle& value, const char* name);
+
 // intArgument, or `unset` for None.
 int optionalIntArgument(const py::handle& value, int unset, const char* name,
                         long long lo = INT_MIN, long long hi = INT_MAX);
+
+// The name a bound enumeration gives a value ("STARTED"), for the results' repr. requires: the
+// GIL is held and E is bound.
+template <class E>
+std::string enumName(E value) {
+    return py::str(py::cast(value).attr("name")).cast<std::string>();
+}
 
 }  // namespace msmpy
 

@@ -18,17 +18,11 @@
 #endif
 
 #include "arrays.h"
+#include "detect_boxes.h"
 
 namespace msmpy {
 
 namespace {
-
-// The Detector reads its model only; one Python thread at a time still, as its contract asks.
-struct DetectorBox {
-    explicit DetectorBox(msmface::Detector d) : detector(std::move(d)) {}
-    msmface::Detector detector;
-    std::mutex lock;
-};
 
 // A Follower that keeps its Detector alive and serialises Python threads on it.
 class PyFollower : public msmface::Follower {
@@ -63,13 +57,6 @@ py::array_t<float> landmarksArray(const std::array<float, 136>& l) {
 }
 
 #ifdef MSMFACE_PYTHON_DESCRIPTOR
-// The network serves one thread at a time, as its contract asks.
-struct DescriptorBox {
-    explicit DescriptorBox(msmface::Descriptor d) : descriptor(std::move(d)) {}
-    msmface::Descriptor descriptor;
-    std::mutex lock;
-};
-
 // A FaceDescriber that keeps its Detector alive and serialises Python threads on it, as
 // PyFollower does for the Follower.
 class PyDescriber : public msmface::FaceDescriber {
@@ -338,6 +325,8 @@ Follows the largest face of a video between full detections. Pass it as the find
 #else
     d.attr("HAVE_DESCRIPTOR") = false;
 #endif
+    bindTracker(d);
+    bindWatcher(d);
     d.def(
         "points_from_landmarks",
         [](const py::handle& landmarks) {

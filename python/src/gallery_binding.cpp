@@ -19,36 +19,10 @@
 
 #include "arrays.h"
 #include "bindings.h"
+#include "gallery_box.h"
 #include "interrupt.h"
 
 namespace msmpy {
-
-namespace {
-
-struct GalleryBox {
-    explicit GalleryBox(msmface::Gallery g) : gallery(std::move(g)) {}
-    msmface::Gallery gallery;
-    std::shared_mutex lock;
-};
-
-struct StreamBox {
-    StreamBox(std::shared_ptr<GalleryBox> g, msmface::Stream s)
-        : gallery(std::move(g)), stream(std::move(s)) {}
-    std::shared_ptr<GalleryBox> gallery;  // the stream refers to it: kept alive as long
-    msmface::Stream stream;
-    std::mutex lock;
-};
-
-// Brings the gallery up to the directory before a property reports on it.
-void refresh(GalleryBox& b) {
-    msmface::Status st;
-    {
-        py::gil_scoped_release unlocked;
-        std::unique_lock<std::shared_mutex> l(b.lock);
-        st = b.gallery.refresh();
-    }
-    check(st);
-}
 
 msmface::Method methodFrom(const py::handle& method) {
     if (py::isinstance<msmface::Method>(method)) return method.cast<msmface::Method>();
@@ -73,6 +47,27 @@ msmface::Method methodFrom(const py::handle& method) {
     }
     raiseValueError("method: expected \"single\", \"msm\", \"cmsm\" or a Method, got " +
                     py::str(py::type::handle_of(method).attr("__name__")).cast<std::string>());
+}
+
+namespace {
+
+struct StreamBox {
+    StreamBox(std::shared_ptr<GalleryBox> g, msmface::Stream s)
+        : gallery(std::move(g)), stream(std::move(s)) {}
+    std::shared_ptr<GalleryBox> gallery;  // the stream refers to it: kept alive as long
+    msmface::Stream stream;
+    std::mutex lock;
+};
+
+// Brings the gallery up to the directory before a property reports on it.
+void refresh(GalleryBox& b) {
+    msmface::Status st;
+    {
+        py::gil_scoped_release unlocked;
+        std::unique_lock<std::shared_mutex> l(b.lock);
+        st = b.gallery.refresh();
+    }
+    check(st);
 }
 
 // Frames as a caller hands them: each item a frame array, or a (frame, points) pair whose points

@@ -22,6 +22,8 @@ PYBIND11_MODULE(_msmface, m) {
         "Finds the descriptor of a face; msmface.detect.FaceDescriber is one.");
     msmpy::bindEngine(m);
     msmpy::bindGallery(m);
+    msmpy::bindTracks(m);
     msmpy::bindClients(m);
     m.attr("HAVE_DETECT") = msmpy::bindDetect(m);
+    m.attr("HAVE_VIDEO") = msmpy::bindVideo(m);
 }

@@ -17,6 +17,11 @@
 
 #include "synth/synth_face.h"
 
+#ifdef MSMFACE_TESTING_VIDEO
+#include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
+#endif
+
 namespace py = pybind11;
 
 namespace {
@@ -113,4 +118,27 @@ PYBIND11_MODULE(_msmface_testing, m) {
         py::arg("directory"), py::arg("samples"), py::arg("repeats"),
         "(wall, thread CPU) seconds per frame of each of `repeats` passes of the samples "
         "through one C++ Stream over the gallery (reset before each pass).");
+
+#ifdef MSMFACE_TESTING_VIDEO
+    m.def(
+        "write_video",
+        [](const std::string& path, const py::list& frames, double fps) {
+            // MJPG in AVI: what Debian's OpenCV writes and reads back without further codecs.
+            cv::VideoWriter writer;
+            for (py::handle h : frames) {
+                auto frame = h.cast<py::array_t<unsigned char, py::array::c_style>>();
+                if (frame.ndim() != 3 || frame.shape(2) != 3)
+                    throw py::value_error("frames: (H, W, 3) BGR frames expected");
+                const cv::Mat m(static_cast<int>(frame.shape(0)), static_cast<int>(frame.shape(1)),
+                                CV_8UC3, const_cast<unsigned char*>(frame.data()));
+                if (!writer.isOpened() &&
+                    !writer.open(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
+                                 fps, m.size(), true))
+                    throw std::runtime_error(path + ": the video writer does not open");
+                writer.write(m);
+            }
+        },
+        py::arg("path"), py::arg("frames"), py::arg("fps"),
+        "Writes BGR frames (H, W, 3) as an MJPG AVI video at fps frames a second.");
+#endif
 }

@@ -36,6 +36,17 @@ def shared_faces():
 
 
 @pytest.fixture(scope="session")
+def network():
+    """(Detector, Descriptor) with the default models, loaded once; skips without them."""
+    if not (msmface.HAVE_DETECT and getattr(msmface.detect, "HAVE_DESCRIPTOR", False)):
+        pytest.skip("built without the detector or the descriptor")
+    try:
+        return msmface.detect.Detector(), msmface.detect.Descriptor()
+    except (ValueError, OSError) as e:
+        pytest.skip(f"no model: {e}")
+
+
+@pytest.fixture(scope="session")
 def two_person_gallery_dir(tmp_path_factory, synth):
     """A gallery of two synthetic persons (ids 1 and 2), made once; tests copy or only read it."""
     d = str(tmp_path_factory.mktemp("gallery2") / "faces")
@@ -84,6 +95,19 @@ def runs_while_gil_released(call):
 @pytest.fixture
 def gil_probe():
     return runs_while_gil_released
+
+
+def made_up_persons(count, seed=5):
+    """One random unit direction of descriptor space per person: its faces are that direction
+    plus small noise. Returns the directions (count, 128) and the generator that drew them."""
+    rng = np.random.default_rng(seed)
+    centres = rng.normal(size=(count, 128))
+    return centres / np.linalg.norm(centres, axis=1, keepdims=True), rng
+
+
+def faces_of(centre, rng, n, noise=0.15):
+    """n made-up descriptors (float32 (n, 128)) of the person whose direction is centre."""
+    return (centre + noise / np.sqrt(128) * rng.normal(size=(n, 128))).astype(np.float32)
 
 
 def grey_from_bgr(frame):

@@ -10,19 +10,9 @@ import numpy as np
 import pytest
 
 import msmface
+from conftest import faces_of, made_up_persons
 
 SIZE = 128
-
-
-def made_up_persons(count, seed=5):
-    """One random unit direction per person: its faces are that direction plus small noise."""
-    rng = np.random.default_rng(seed)
-    centres = rng.normal(size=(count, SIZE))
-    return centres / np.linalg.norm(centres, axis=1, keepdims=True), rng
-
-
-def faces_of(centre, rng, n, noise=0.15):
-    return (centre + noise / np.sqrt(SIZE) * rng.normal(size=(n, SIZE))).astype(np.float32)
 
 
 def snapshot(d):
@@ -196,16 +186,6 @@ def test_the_estimator_takes_descriptor_sets(tmp_path):
 
 have_descriptor = msmface.HAVE_DETECT and getattr(msmface.detect, "HAVE_DESCRIPTOR", False)
 needs_descriptor = pytest.mark.skipif(not have_descriptor, reason="built without the descriptor")
-
-
-@pytest.fixture(scope="module")
-def network():
-    if not have_descriptor:
-        pytest.skip("built without the descriptor")
-    try:
-        return msmface.detect.Detector(), msmface.detect.Descriptor()
-    except ValueError as e:
-        pytest.skip(f"no model: {e}")
 
 
 @pytest.fixture(scope="module")
